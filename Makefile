@@ -1,0 +1,29 @@
+# Two commands do everything on a fresh Debian machine: `make demo` and `make test`.
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: deps configure build test demo bench clean
+
+deps:
+	bash scripts/install-deps.sh
+
+configure: deps
+	@if [ ! -f $(BUILD_DIR)/CMakeCache.txt ]; then \
+	  GEN="$$(command -v ninja >/dev/null 2>&1 && echo '-G Ninja')"; \
+	  cmake -S . -B $(BUILD_DIR) $$GEN -DCMAKE_BUILD_TYPE=Release; \
+	fi
+
+build: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+test: build
+	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	$(BUILD_DIR)/Tools/ktanalytics/ktanalytics demo
+
+bench: build
+	bash scripts/run-benchmarks.sh $(BUILD_DIR)
+
+clean:
+	rm -rf $(BUILD_DIR)

@@ -1,0 +1,129 @@
+#include "AnalyticsProvider/APAnalyticsController.h"
+
+#include <mutex>
+
+#include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/APEventFormatter.h"
+#include "KTFoundation/LogMacros.h"
+#include "Platform/Fatal.h"
+#include "Platform/TypeInfo.h"
+
+namespace kt {
+
+namespace {
+constexpr const char* kFile = "Sources/AnalyticsProvider/APAnalyticsController";
+
+std::once_flag sharedOnce;
+APAnalyticsController* sharedController = nullptr;
+
+std::string dynamicClassName(const APAnalyticsProviderInterface& provider) { return className(typeid(provider)); }
+}  // namespace
+
+APAnalyticsController::APAnalyticsController(std::shared_ptr<RRUReliableRequestUploader> uploader,
+                                             std::shared_ptr<APEventNames> eventNames,
+                                             std::shared_ptr<TechLogging> techLogger, std::shared_ptr<KTLogger> logger)
+    : requestUploader_(std::move(uploader)),
+      eventNames_(std::move(eventNames)),
+      techLogger_(std::move(techLogger)),
+      logger_(logger ? std::move(logger) : KTLogger::null()),
+      providers_(std::make_shared<const ProviderList>()) {
+    KT_PARAMETER_ASSERT_TEXT(requestUploader_, "uploader");
+    KT_PARAMETER_ASSERT_TEXT(eventNames_, "eventNames");
+    const auto& names = eventNames_->supportedEventNames();
+    supportedNames_.insert(names.begin(), names.end());
+}
+
+void APAnalyticsController::prepareSharedInstance(std::shared_ptr<RRUReliableRequestUploader> uploader,
+                                                  std::shared_ptr<APEventNames> eventNames,
+                                                  std::shared_ptr<TechLogging> techLogger,
+                                                  std::shared_ptr<KTLogger> logger) {
+    std::call_once(sharedOnce, [&] {
+        // Lives as long as the process: nothing is torn down.
+        sharedController = new APAnalyticsController(std::move(uploader), std::move(eventNames), std::move(techLogger),
+                                                     std::move(logger));
+    });
+}
+
+APAnalyticsController& APAnalyticsController::sharedInstance() {
+    KT_ASSERT(sharedController != nullptr, "Accessed sharedInstance before it was prepared");
+    return *sharedController;
+}
+
+bool APAnalyticsController::providerIsSameAs(const APAnalyticsProviderInterface& a,
+                                             const APAnalyticsProviderInterface& b) {
+    if (&a == &b) return true;
+    return isInstanceOf(dynamic_cast<const void*>(&a), typeid(a), typeid(b));
+}
+
+void APAnalyticsController::registerAnalyticsProvider(std::shared_ptr<APAnalyticsProviderInterface> provider) {
+    KT_PARAMETER_ASSERT(provider);
+    auto current = providers_.load();
+    for (const auto& existing : *current)
+        KT_ASSERT(!providerIsSameAs(*existing, *provider), "Provider with same class already exists");
+    auto next = std::make_shared<ProviderList>(*current);
+    next->push_back(std::move(provider));
+    providers_.store(std::move(next));
+}
+
+std::shared_ptr<APAnalyticsProviderInterface> APAnalyticsController::providerForClass(const std::type_info& cls) const {
+    auto current = providers_.load();
+    for (auto it = current->rbegin(); it != current->rend(); ++it)
+        if (typeid(**it) == cls) return *it;
+    return nullptr;
+}
+
+void APAnalyticsController::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
+    KT_PARAMETER_ASSERT(event);
+    const std::string& name = event->name();
+    if (supportedNames_.count(name) == 0) fatalError("unknown event name " + name);
+
+    const bool dispatchLogged = logger_->isEnabled(1);
+    std::string taggedClasses;
+    bool tagged = false;
+    const auto providers = providers_.load();
+    for (const auto& provider : *providers) {
+        const auto tracked = provider->trackedEvents();
+        if (!tracked || tracked->count(name) == 0) continue;
+        if (dispatchLogged) {
+            if (tagged) taggedClasses += ',';
+            taggedClasses += dynamicClassName(*provider);
+        }
+        tagged = true;
+        provider->tagEvent(event);
+    }
+
+    if (name == "audio") {
+        KT_LOG(logger_, 1, kFile, "-[APAnalyticsController tagEvent:]", "#playback_analytics: tag audio event {}",
+               APEventFormatter::shortDescriptionForEvent(
+                   *event, {"client_event_id", "track", "playhead_position", "pause_reason"}));
+    }
+    if (!tagged) {
+        logUnusedEvent(*event);
+    } else {
+        KT_LOG(logger_, 1, kFile, "-[APAnalyticsController tagEvent:]", "Tagging event to providers {}:\n{}",
+               taggedClasses, APEventFormatter::shortDescriptionForEvent(*event));
+    }
+}
+
+EventNameSet APAnalyticsController::trackedEvents() const {
+    EventNameSet all;
+    for (const auto& provider : *providers_.load())
+        if (auto tracked = provider->trackedEvents()) all.insert(tracked->begin(), tracked->end());
+    return all;
+}
+
+void APAnalyticsController::flush() {
+    for (const auto& provider : *providers_.load()) provider->flush();
+}
+
+void APAnalyticsController::uploadFailedEvents() { requestUploader_->uploadFailedRequests(); }
+
+void APAnalyticsController::logUnusedEvent(const APEventDescripting& event) {
+    TechEvent techEvent("unused_event", 1);
+    techEvent.addAttribute("event", event.name());
+    if (techLogger_) techLogger_->logEvent(techEvent);
+    KT_LOG(logger_, 1, kFile, "-[APAnalyticsController logUnusedEvent:]",
+           "Event was tagged but not logged by any analytics provider\n {}", describeEvent(event));
+}
+
+}  // namespace kt

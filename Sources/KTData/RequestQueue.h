@@ -1,0 +1,35 @@
+#pragma once
+// The request queue the uploaders send through: reachability and result codes.
+
+#include <functional>
+
+#include "Platform/HTTPRequest.h"
+
+namespace kt {
+
+/// What became of a request. Only `requestResultFor` decides this from an HTTP outcome.
+enum class RequestResult : int {
+    delivered = 0,  // 2xx
+    failed = 2,     // worth retrying: 5xx, 408, 429, time-outs, refused connections
+    rejected = 3,   // the server refused the request as invalid: other 4xx
+};
+
+/// The one place that interprets an HTTP outcome. `status` is 0 when no response came.
+RequestResult requestResultFor(long status);
+
+class RequestQueueing {
+public:
+    using ResultCallback = std::function<void(int resultCode)>;
+
+    virtual ~RequestQueueing() = default;
+    RequestQueueing() = default;
+    RequestQueueing(const RequestQueueing&) = delete;
+    RequestQueueing& operator=(const RequestQueueing&) = delete;
+
+    virtual bool isNetworkReachable() const = 0;
+    /// Sends without blocking the caller; the callback runs later on a worker thread with
+    /// one of the RequestResult codes.
+    virtual void sendRequest(HTTPRequest request, ResultCallback resultCallback) = 0;
+};
+
+}  // namespace kt

@@ -1,0 +1,91 @@
+#include "Platform/AttributeValue.h"
+
+#include <cstring>
+
+namespace kt::value {
+
+AttributeValue date(Date when) {
+    const std::int64_t micros =
+        std::chrono::duration_cast<std::chrono::microseconds>(when.time_since_epoch()).count();
+    Bytes raw(sizeof micros);
+    std::memcpy(raw.data(), &micros, sizeof micros);
+    return AttributeValue::binary(std::move(raw), kDateSubtype);
+}
+
+AttributeValue data(const Bytes& bytes) { return AttributeValue::binary(bytes, kDataSubtype); }
+
+bool isDate(const AttributeValue& v) {
+    return v.is_binary() && v.get_binary().has_subtype() && v.get_binary().subtype() == kDateSubtype &&
+           v.get_binary().size() == sizeof(std::int64_t);
+}
+
+bool isData(const AttributeValue& v) { return v.is_binary() && !isDate(v); }
+
+std::optional<Date> asDate(const AttributeValue& v) {
+    if (!isDate(v)) return std::nullopt;
+    std::int64_t micros = 0;
+    std::memcpy(&micros, v.get_binary().data(), sizeof micros);
+    return Date(std::chrono::duration_cast<Date::duration>(std::chrono::microseconds(micros)));
+}
+
+std::optional<Bytes> asData(const AttributeValue& v) {
+    if (!isData(v)) return std::nullopt;
+    return Bytes(v.get_binary().begin(), v.get_binary().end());
+}
+
+bool isAttributeKind(const AttributeValue& v) {
+    return v.is_string() || v.is_number() || v.is_boolean() || v.is_array() || v.is_object() || v.is_null();
+}
+
+namespace {
+void describeInto(const AttributeValue& v, std::string& out) {
+    switch (v.type()) {
+        case AttributeValue::value_t::object: {
+            out += '{';
+            bool first = true;
+            for (const auto& [k, item] : v.items()) {
+                out += first ? "" : "; ";
+                first = false;
+                out += k;
+                out += " = ";
+                describeInto(item, out);
+            }
+            out += '}';
+            break;
+        }
+        case AttributeValue::value_t::array: {
+            out += '(';
+            bool first = true;
+            for (const auto& item : v) {
+                out += first ? "" : ", ";
+                first = false;
+                describeInto(item, out);
+            }
+            out += ')';
+            break;
+        }
+        case AttributeValue::value_t::string:
+            out += v.get_ref<const std::string&>();
+            break;
+        case AttributeValue::value_t::null:
+            out += "<null>";
+            break;
+        case AttributeValue::value_t::boolean:
+            out += v.get<bool>() ? "1" : "0";
+            break;
+        case AttributeValue::value_t::binary:
+            out += isDate(v) ? "<date>" : "<data>";
+            break;
+        default:
+            out += v.dump();
+    }
+}
+}  // namespace
+
+std::string describe(const AttributeValue& v) {
+    std::string out;
+    describeInto(v, out);
+    return out;
+}
+
+}  // namespace kt::value

@@ -1,0 +1,25 @@
+#include "Platform/Fatal.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace kt {
+
+void fatalError(std::string_view message, std::source_location where) {
+    std::fprintf(stderr, "Fatal error: %.*s\n  at %s:%u in %s\n", static_cast<int>(message.size()),
+                 message.data(), where.file_name(), static_cast<unsigned>(where.line()),
+                 where.function_name());
+    std::fflush(stderr);
+    std::abort();
+}
+
+void invalidParameter(std::string_view conditionText, std::source_location where) {
+    fatalError(std::string("Invalid parameter not satisfying: ").append(conditionText), where);
+}
+
+void expectedNotNil(std::string_view what, std::source_location where) {
+    fatalError(std::string("Expected '").append(what).append("' not to be nil."), where);
+}
+
+}  // namespace kt

@@ -1,0 +1,22 @@
+#pragma once
+// JSON that reports what it cannot represent instead of writing "null" silently:
+// non-finite numbers, invalid UTF-8, dates and raw data are errors.
+
+#include <optional>
+#include <string>
+
+#include "Platform/AttributeValue.h"
+
+namespace kt {
+
+class JSONSafeSerialization {
+public:
+    /// Compact JSON text, or nullopt with a description in `error`.
+    std::optional<std::string> dataWithJSONObject(const AttributeValue& object, std::string* error = nullptr) const;
+    /// Parses JSON text, or nullopt with a description in `error`.
+    std::optional<AttributeValue> JSONObjectWithData(std::string_view text, std::string* error = nullptr) const;
+    /// True when `dataWithJSONObject` would succeed.
+    bool isValidJSONObject(const AttributeValue& object) const;
+};
+
+}  // namespace kt

@@ -1,0 +1,16 @@
+#pragma once
+// Every subcommand of the tool lives in its own file under Commands/ and exposes one
+// function that adds it to the application. The callback stores the process exit code.
+
+namespace CLI {
+class App;
+}
+
+namespace kt::tool {
+
+using CommandRegistrar = void (*)(CLI::App& app, int& exitCode);
+
+/// The version printed by `ktanalytics --version`.
+const char* versionString();
+
+}  // namespace kt::tool

@@ -1,0 +1,46 @@
+# Every folder under Sources/ is a module: its .cpp files (recursively) make one static
+# library kt_<Module>. Headers are included as "<Module>/<Header>.h" from Sources/.
+set(KT_MODULES "" CACHE INTERNAL "")
+
+function(kt_precompile target)
+  # nlohmann/json is the attribute value type and costs seconds per translation unit.
+  target_precompile_headers(${target} PRIVATE
+    <nlohmann/json.hpp> <string> <vector> <memory> <functional> <optional> <map>)
+endfunction()
+
+function(kt_module name)
+  cmake_parse_arguments(KT "" "" "DEPENDS" ${ARGN})
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/Sources/${name}/*.cpp")
+  if(NOT sources)
+    # A module with nothing compiled yet still takes part in linking.
+    set(sources "${PROJECT_SOURCE_DIR}/cmake/empty.cpp")
+  endif()
+  add_library(kt_${name} STATIC ${sources})
+  target_include_directories(kt_${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Sources>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics>)
+  target_link_libraries(kt_${name} PUBLIC ${KT_DEPENDS} Threads::Threads)
+  target_compile_options(kt_${name} PRIVATE -Wall -Wextra -Wno-unused-parameter)
+  kt_precompile(kt_${name})
+  set(KT_MODULES ${KT_MODULES} ${name} CACHE INTERNAL "")
+endfunction()
+
+function(kt_library)
+  set(archives "")
+  foreach(m IN LISTS KT_MODULES)
+    list(APPEND archives $<TARGET_FILE:kt_${m}>)
+  endforeach()
+  add_library(ktanalytics SHARED ${PROJECT_SOURCE_DIR}/cmake/empty.cpp)
+  # Every module goes into the shared library whole; the modules' own link interfaces
+  # (listed after) then bring in only the external libraries.
+  target_link_libraries(ktanalytics PRIVATE -Wl,--whole-archive ${archives} -Wl,--no-whole-archive kt_Setup)
+  target_include_directories(ktanalytics PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Sources>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics>)
+  set_target_properties(ktanalytics PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  add_library(KTAnalytics::ktanalytics ALIAS ktanalytics)
+
+  install(TARGETS ktanalytics LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/Sources/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics
+    FILES_MATCHING PATTERN "*.h" PATTERN "Detail" EXCLUDE)
+endfunction()

@@ -1,0 +1,1 @@
+// Placeholder translation unit for modules and targets that compile nothing of their own.

@@ -1,0 +1,64 @@
+#include "Platform/JSONSerialization.h"
+
+#include <limits>
+
+#include <gtest/gtest.h>
+
+namespace kt {
+namespace {
+
+using nlohmann::json;
+
+TEST(JSONSerializationTests, WritesCompactJSONThatReadsBack) {
+    const JSONSafeSerialization serialization;
+    const json batch = json::array({{{"event", "pageview"}, {"payload", {{"n", 1}, {"f", 2.5}, {"ok", true}, {"x", nullptr}}}},
+                                    {{"event", "click"}, {"payload", json::object()}}});
+    std::string error = "untouched";
+    const auto text = serialization.dataWithJSONObject(batch, &error);
+    ASSERT_TRUE(text);
+    EXPECT_EQ(*text,
+              R"([{"event":"pageview","payload":{"f":2.5,"n":1,"ok":true,"x":null}},{"event":"click","payload":{}}])");
+    EXPECT_TRUE(serialization.isValidJSONObject(batch));
+
+    const auto parsed = serialization.JSONObjectWithData(*text, &error);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ(*parsed, batch);
+    EXPECT_TRUE((*parsed)[0]["payload"]["ok"].is_boolean());
+}
+
+TEST(JSONSerializationTests, UnrepresentableValuesAnywhereAreErrorsNotNull) {
+    const JSONSafeSerialization serialization;
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    const struct {
+        const char* what;
+        json value;
+    } cases[] = {
+        {"NaN at the top", json(nan)},
+        {"infinity deep in an array", json::array({1, json::array({json::object({{"v", inf}})})})},
+        {"negative infinity in a dictionary", json::object({{"a", json::object({{"b", -inf}})}})},
+        {"invalid UTF-8 in a string", json::object({{"k", std::string("ok\xff")}})},
+        {"invalid UTF-8 in a key", json::object({{std::string("\xc3("), 1}})},
+        {"a date", json::object({{"when", value::date(Date{})}})},
+        {"raw data in an array", json::array({value::data({1, 2, 3})})},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        EXPECT_FALSE(serialization.dataWithJSONObject(c.value, &error)) << c.what;
+        EXPECT_FALSE(error.empty()) << c.what;
+        EXPECT_FALSE(serialization.isValidJSONObject(c.value)) << c.what;
+    }
+}
+
+TEST(JSONSerializationTests, BadTextIsAnErrorWithADescription) {
+    const JSONSafeSerialization serialization;
+    for (const std::string& text : {std::string(""), std::string("{"), std::string("[1,]"), std::string("{\"a\":1} x"),
+                                   std::string("\"\xff\""), std::string("NaN")}) {
+        std::string error;
+        EXPECT_FALSE(serialization.JSONObjectWithData(text, &error)) << text;
+        EXPECT_FALSE(error.empty()) << text;
+    }
+}
+
+}  // namespace
+}  // namespace kt

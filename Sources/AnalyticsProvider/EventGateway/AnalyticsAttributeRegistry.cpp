@@ -1,0 +1,65 @@
+#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+
+#include "KTFoundation/Urn.h"
+#include "Middleware/DependencyKeys.h"
+#include "Platform/SerialQueue.h"
+
+namespace kt {
+
+namespace {
+
+// Experiment-service updates are fire-and-forget for the caller, but they should not each
+// cost a thread of their own, nor be abandoned half-way by a detached thread at exit. One
+// background queue, created on first use and kept for the life of the process (never
+// destroyed, so exit does not wait on a slow service), runs them in registration order:
+// the service always ends up with the latest user.
+std::shared_ptr<SerialQueue> sharedBackgroundQueue() {
+    static auto* queue = new std::shared_ptr<SerialQueue>(std::make_shared<ThreadSerialQueue>("ktanalytics.background"));
+    return *queue;
+}
+
+}  // namespace
+
+AnalyticsAttributeRegistry::AnalyticsAttributeRegistry(DependencyRegistry& dependencies,
+                                                       std::shared_ptr<SerialQueue> backgroundQueue)
+    : dependencies_(dependencies),
+      backgroundQueue_(backgroundQueue ? std::move(backgroundQueue) : sharedBackgroundQueue()) {}
+
+std::shared_ptr<AnalyticsAttributeRegistry> AnalyticsAttributeRegistry::sharedInstance() {
+    // Kept for the life of the process: gateway workers read it until the very end.
+    static auto* instance =
+        new std::shared_ptr<AnalyticsAttributeRegistry>(std::make_shared<AnalyticsAttributeRegistry>(DependencyRegistry::shared()));
+    return *instance;
+}
+
+AnalyticsAttributeRegistry& AnalyticsAttributeRegistry::shared() { return *sharedInstance(); }
+
+void AnalyticsAttributeRegistry::registerClientId(std::int64_t clientId, std::string userAgent) {
+    clientId_ = clientId;
+    userAgent_ = std::move(userAgent);
+}
+
+void AnalyticsAttributeRegistry::registerUserUrn(std::optional<std::string> userUrn) {
+    userUrn_ = userUrn;
+
+    // No flag service registered means the flag is off.
+    const auto featureFlags = dependencies_.get(DependencyKeys::featureFlags);
+    if (!featureFlags || !featureFlags->isDevStatsigUseridIsQuillarborUseridEnabled()) return;
+
+    // The task holds what it needs by value; the registry's own fields may change meanwhile.
+    DependencyRegistry* dependencies = &dependencies_;
+    backgroundQueue_->async([dependencies, urnText = std::move(userUrn)] {
+        std::optional<std::string> userId;
+        if (urnText) {
+            // A URN that does not parse is sent as "no user", without a report.
+            if (auto urn = Urn::parse(*urnText)) userId = urn->identifier();
+        }
+        const auto statsigManager = dependencies->get(DependencyKeys::statsigManager);
+        if (!statsigManager) return;
+        auto update = statsigManager->updateUserId(std::move(userId));
+        // Waiting keeps the updates in order: one is taken before the next is sent.
+        if (update.valid()) update.wait();
+    });
+}
+
+}  // namespace kt

@@ -1,0 +1,84 @@
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+
+#include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "Platform/Fatal.h"
+#include "Platform/SerialQueue.h"
+
+namespace kt {
+
+std::shared_ptr<APEventGatewayAnalyticsProvider> APEventGatewayAnalyticsProvider::make(
+    std::shared_ptr<APEventGatewayUploading> uploader, std::shared_ptr<APEventGatewayEventTransforming> eventTransformer,
+    std::shared_ptr<APEventGatewayAnalyticsRecording> recorder, std::shared_ptr<SerialQueue> queue) {
+    return std::make_shared<APEventGatewayAnalyticsProvider>(Passkey(), std::move(uploader), std::move(eventTransformer),
+                                                             std::move(recorder), std::move(queue));
+}
+
+APEventGatewayAnalyticsProvider::APEventGatewayAnalyticsProvider(
+    Passkey, std::shared_ptr<APEventGatewayUploading> uploader,
+    std::shared_ptr<APEventGatewayEventTransforming> eventTransformer,
+    std::shared_ptr<APEventGatewayAnalyticsRecording> recorder, std::shared_ptr<SerialQueue> queue)
+    : uploader_(std::move(uploader)),
+      eventTransformer_(std::move(eventTransformer)),
+      recorder_(std::move(recorder)),
+      queue_(std::move(queue)) {
+    KT_PARAMETER_ASSERT_TEXT(uploader_ != nullptr, "uploader");
+    KT_PARAMETER_ASSERT_TEXT(eventTransformer_ != nullptr, "eventTransformer");
+    KT_PARAMETER_ASSERT_TEXT(recorder_ != nullptr, "recorder");
+    KT_PARAMETER_ASSERT_TEXT(queue_ != nullptr, "queue");
+}
+
+std::shared_ptr<const EventNameSet> APEventGatewayAnalyticsProvider::trackedEvents() const {
+    // Built once and shared: callers on the tagging road must not pay for a new set.
+    static const auto names = std::make_shared<const EventNameSet>(EventNameSet{
+        "ad_request",
+        "ad_delivery",
+        "audio",
+        "audio_performance",
+        "audio_error",
+        "authentication::abort",
+        "authentication::initiate",
+        "clickthrough::companion_display",
+        "clickthrough::consumer_sub_ad",
+        "clickthrough::interstitial",
+        "clickthrough::video_ad",
+        "dismiss::consumer_sub_ad",
+        "foreground",
+        "impression",
+        "like",
+        "list_view_interaction",
+        "pageview",
+        "rich_media_stream_error",
+        "rich_media_stream",
+        "rich_media_stream_performance",
+        "related_tracks",
+        "repost",
+        "search",
+        "share",
+        "share::prompt",
+        "unlike",
+        "unrepost",
+        "offline_sync",
+        "click",
+    });
+    return names;
+}
+
+void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
+    queue_->async([weak = weak_from_this(), event] {
+        if (auto self = weak.lock()) self->process(*event);
+    });
+}
+
+void APEventGatewayAnalyticsProvider::process(const APEventDescripting& event) {
+    auto transformed = std::dynamic_pointer_cast<const APEvent>(eventTransformer_->transform(event));
+    if (!transformed) return;  // nothing, or not an event the gateway can take
+    if (recorder_->recording()) recorder_->recordEvent(transformed->eventGatewayDictionary());
+    uploader_->uploadEvent(transformed);
+}
+
+void APEventGatewayAnalyticsProvider::flush() { uploader_->flush(); }
+
+}  // namespace kt

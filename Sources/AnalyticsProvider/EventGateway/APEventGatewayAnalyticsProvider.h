@@ -1,0 +1,53 @@
+#pragma once
+// The analytics provider that sends events to the event gateway. `tagEvent` returns at
+// once; on the provider's serial queue each event is transformed into its gateway form,
+// shown to the recorder while it records, and handed to the uploader, one event at a time
+// in tag order.
+
+#include <memory>
+
+#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
+
+namespace kt {
+
+class APEventGatewayAnalyticsRecording;
+class APEventGatewayEventTransforming;
+class APEventGatewayUploading;
+class SerialQueue;
+
+class APEventGatewayAnalyticsProvider final : public APBaseAnalyticsProvider,
+                                              public std::enable_shared_from_this<APEventGatewayAnalyticsProvider> {
+    struct Passkey {
+        explicit Passkey() = default;
+    };
+
+public:
+    /// The queue must be the uploader's queue: the uploader's `uploadEvent` runs there.
+    static std::shared_ptr<APEventGatewayAnalyticsProvider> make(
+        std::shared_ptr<APEventGatewayUploading> uploader, std::shared_ptr<APEventGatewayEventTransforming> eventTransformer,
+        std::shared_ptr<APEventGatewayAnalyticsRecording> recorder, std::shared_ptr<SerialQueue> queue);
+
+    APEventGatewayAnalyticsProvider(Passkey, std::shared_ptr<APEventGatewayUploading> uploader,
+                                    std::shared_ptr<APEventGatewayEventTransforming> eventTransformer,
+                                    std::shared_ptr<APEventGatewayAnalyticsRecording> recorder,
+                                    std::shared_ptr<SerialQueue> queue);
+    APEventGatewayAnalyticsProvider() = delete;
+
+    /// The 29 names of the gateway vocabulary: the same immutable set on every call.
+    std::shared_ptr<const EventNameSet> trackedEvents() const override;
+    /// Returns at once; the work runs on the queue. Queued work does nothing once the
+    /// provider is gone.
+    void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override;
+    /// Flushes the uploader directly from the caller's thread.
+    void flush() override;
+
+private:
+    void process(const APEventDescripting& event);
+
+    const std::shared_ptr<APEventGatewayUploading> uploader_;
+    const std::shared_ptr<APEventGatewayEventTransforming> eventTransformer_;
+    const std::shared_ptr<APEventGatewayAnalyticsRecording> recorder_;
+    const std::shared_ptr<SerialQueue> queue_;
+};
+
+}  // namespace kt

@@ -1,0 +1,144 @@
+#pragma once
+// Takes gateway events one at a time, stores each at once, and uploads the stored events
+// in batches: when enough are waiting, and (when enabled) every 60 seconds regardless.
+// The request queue's result code decides whether a batch is deleted, retried or
+// reported; an event is dropped after its third failed attempt.
+//
+// Threads: the uploader's state (the in-flight set and the store) is touched only on its
+// serial queue. `uploadEvent` and the flush operations other than `flush` must be called
+// there; `flush` may be called from any thread and moves itself onto the queue, so an
+// event handed over just before it may be stored after the flush ran (callers tolerate
+// that ordering). The 60-second timer and the request callbacks hold the uploader weakly.
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
+#include "Platform/HTTPRequest.h"
+
+namespace kt {
+
+class APEventSerializer;
+class APEventGatewayRequestFactory;
+class BuildEnvironmentDetecting;
+class KTLogger;
+class RequestQueueing;
+class SerialQueue;
+class TechLogging;
+
+/// What the uploader has done since it was made, and what waits now. A snapshot.
+struct APEventGatewayUploadStatistics {
+    std::uint64_t stored = 0;          ///< events handed over and written to disk
+    std::uint64_t delivered = 0;       ///< events in batches the gateway accepted
+    std::uint64_t droppedFailedThreeTimes = 0;
+    std::uint64_t droppedRejected = 0;  ///< batches the gateway refused as invalid
+    std::uint64_t droppedCorrupted = 0; ///< events JSON could not represent
+    std::uint64_t droppedRetryCountLost = 0;  ///< the retry count could not be stored
+    std::uint64_t batchesSent = 0;
+    std::uint64_t batchesFailed = 0;   ///< answered with a code other than 0 and 3
+    std::uint64_t bytesRaw = 0;        ///< JSON bodies before compression
+    std::uint64_t bytesGzipped = 0;    ///< bodies as sent
+    std::uint64_t retries = 0;         ///< failed events kept for another attempt
+    std::uint64_t waiting = 0;         ///< event files on disk now (in flight included)
+    std::uint64_t inFlight = 0;        ///< events handed to the request queue, not yet answered
+
+    std::uint64_t dropped() const {
+        return droppedFailedThreeTimes + droppedRejected + droppedCorrupted + droppedRetryCountLost;
+    }
+};
+
+class APEventGatewayBatchUploader final : public APEventGatewayUploading,
+                                          public std::enable_shared_from_this<APEventGatewayBatchUploader> {
+    struct Passkey {
+        explicit Passkey() = default;
+    };
+
+public:
+    static constexpr std::chrono::nanoseconds kFlushInterval = std::chrono::seconds(60);
+
+    /// Builds the uploader and starts the 60-second flush when `shouldFlushAtRegularIntervals`.
+    /// `queuedEvents` is the initial in-flight set (normally empty). A null tech logger,
+    /// environment detector or logger is allowed (nothing is reported; not an alpha build).
+    static std::shared_ptr<APEventGatewayBatchUploader> make(
+        std::shared_ptr<APEventSerializer> eventSerializer, std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
+        std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents, std::size_t minimumBatchSize,
+        std::shared_ptr<TechLogging> techLogger, std::shared_ptr<SerialQueue> queue,
+        std::shared_ptr<BuildEnvironmentDetecting> environmentDetector, bool shouldFlushAtRegularIntervals,
+        std::shared_ptr<KTLogger> logger);
+
+    APEventGatewayBatchUploader(Passkey, std::shared_ptr<APEventSerializer> eventSerializer,
+                                std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
+                                std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents,
+                                std::size_t minimumBatchSize, std::shared_ptr<TechLogging> techLogger,
+                                std::shared_ptr<SerialQueue> queue,
+                                std::shared_ptr<BuildEnvironmentDetecting> environmentDetector,
+                                bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger);
+    APEventGatewayBatchUploader() = delete;
+
+    /// On the queue: stores the event and flushes if enough are waiting.
+    void uploadEvent(const std::shared_ptr<const APEvent>& event) override;
+    /// Any thread: uploads every stored event not in flight (one event on alpha builds).
+    void flush() override;
+
+    /// On the queue: `flushIfPossible` when at least `minimumBatchSize` events wait.
+    void flushIfNeeded();
+    /// On the queue: flushes when the network is reachable.
+    void flushIfPossible();
+    /// On the queue: schedules the next 60-second flush (when enabled).
+    void flushDelayed();
+
+    /// On the queue: stored files minus in-flight events (an unsigned difference).
+    std::size_t numberOfEventsWaitingToBeUploaded() const;
+    /// On the queue: every stored event that is not in flight.
+    APSerializedEventSet serializedEventsNotQueued() const;
+    /// On the queue: the events in flight.
+    const APSerializedEventSet& queuedEvents() const { return queuedEvents_; }
+    /// Alpha builds upload one event per request and report events the gateway rejects.
+    bool shouldTrackInvalidEvents() const;
+
+    /// Any thread.
+    APEventGatewayUploadStatistics statistics() const;
+
+    std::size_t minimumBatchSize() const { return minimumBatchSize_; }
+    const std::shared_ptr<APEventSerializer>& eventSerializer() const { return eventSerializer_; }
+
+private:
+    using Batch = std::vector<APSerializedEvent>;
+
+    void flushOnQueue();
+    void flushBatchOfEvents();
+    void flushSingleEvent();
+    void createRequestAndUploadSerializedEvents(Batch events);
+    void deleteCorruptedEvents(const Batch& events, const std::string& error);
+    void uploadSerializedEvents(std::shared_ptr<const Batch> events, HTTPRequest request);
+    void handleResult(const Batch& events, int resultCode);
+    void increaseRetryCountAndDeleteEventsIfNeeded(const Batch& events);
+    void trackInvalidEventIfNeededFrom(const Batch& events);
+    void reportInvalidEventToCrashlytics(const APEvent& event);
+    void publishQueueState();
+
+    const std::shared_ptr<APEventSerializer> eventSerializer_;
+    const std::shared_ptr<APEventGatewayRequestFactory> requestFactory_;
+    const std::shared_ptr<RequestQueueing> requestQueue_;
+    APSerializedEventSet queuedEvents_;  // only touched on eventGatewayQueue_
+    const std::size_t minimumBatchSize_;
+    const std::shared_ptr<TechLogging> techLogger_;
+    const std::shared_ptr<SerialQueue> eventGatewayQueue_;
+    const std::shared_ptr<BuildEnvironmentDetecting> environmentDetector_;
+    const bool shouldFlushAtRegularIntervals_;
+    const std::shared_ptr<KTLogger> logger_;
+
+    struct Counters {
+        std::atomic<std::uint64_t> stored{0}, delivered{0}, droppedFailedThreeTimes{0}, droppedRejected{0},
+            droppedCorrupted{0}, droppedRetryCountLost{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},
+            bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0};
+    };
+    Counters counters_;
+};
+
+}  // namespace kt

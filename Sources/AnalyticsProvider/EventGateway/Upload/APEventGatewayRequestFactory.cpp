@@ -1,0 +1,151 @@
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+#include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
+
+#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTFoundation/CredentialStore.h"
+#include "KTFoundation/OAuthHelper.h"
+#include "Platform/Fatal.h"
+
+namespace kt {
+
+namespace {
+
+// Appends `path` (which starts with "/") to the path of `base`, whether or not the base
+// has a path of its own or a trailing slash; query and fragment stay where they are.
+std::string appendingPath(const std::string& base, const std::string& path) {
+    auto parsed = boost::urls::parse_uri_reference(base);
+    if (!parsed) {
+        // Not a URL at all: the request still goes out and the request queue reports the
+        // failure, which the uploader handles like any other failed send.
+        std::string text = base;
+        while (!text.empty() && text.back() == '/') text.pop_back();
+        return text + path;
+    }
+    boost::urls::url url(*parsed);
+    std::string encodedPath(url.encoded_path());
+    while (!encodedPath.empty() && encodedPath.back() == '/') encodedPath.pop_back();
+    url.set_encoded_path(encodedPath + path);
+    return std::string(url.buffer());
+}
+
+}  // namespace
+
+APEventGatewayRequestFactory::APEventGatewayRequestFactory(std::string baseURL,
+                                                           std::shared_ptr<AnalyticsAttributeRegistry> attributeRegistry,
+                                                           JSONSafeSerialization jsonSafeSerialization,
+                                                           std::shared_ptr<KeychainCredentialStoring> keychain,
+                                                           DateFormatter dateFormatter, bool shouldSendSentAt,
+                                                           Clock clock)
+    : baseURL_(std::move(baseURL)),
+      analyticsAttributeRegistry_(std::move(attributeRegistry)),
+      jsonSafeSerialization_(jsonSafeSerialization),
+      keychain_(std::move(keychain)),
+      dateFormatter_(dateFormatter ? std::move(dateFormatter) : iso8601DateFormatter()),
+      shouldSendSentAt_(shouldSendSentAt),
+      clock_(clock ? std::move(clock) : Clock([] { return std::chrono::system_clock::now(); })),
+      eventsURL_(appendingPath(baseURL_, kEventsPath)) {}
+
+APEventGatewayRequestFactory::DateFormatter APEventGatewayRequestFactory::iso8601DateFormatter() {
+    return [](Date date) {
+        using namespace std::chrono;
+        const auto millis = time_point_cast<milliseconds>(date);
+        const auto seconds = floor<std::chrono::seconds>(millis);
+        const auto fraction = static_cast<int>((millis - seconds).count());
+        const std::time_t time = system_clock::to_time_t(seconds);
+        std::tm utc{};
+        gmtime_r(&time, &utc);
+        char text[64];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", utc.tm_year + 1900, utc.tm_mon + 1,
+                      utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, fraction);
+        return std::string(text);
+    };
+}
+
+std::optional<HTTPRequest> APEventGatewayRequestFactory::requestForEvents(const Events& events, std::string* error,
+                                                                          std::size_t* uncompressedBodySize) const {
+    KT_PARAMETER_ASSERT_TEXT(!events.empty(), "[events count] > 0");
+    auto body = eventsBody(events, error);
+    if (!body) return std::nullopt;
+    if (uncompressedBodySize) *uncompressedBodySize = body->size();
+    return requestWithPath(kEventsPath, *body);
+}
+
+std::optional<std::string> APEventGatewayRequestFactory::eventsBody(const Events& events, std::string* error) const {
+    if (shouldSendSentAt_) return eventsBodyWithTimeStamp(events, error);
+    std::string body;
+    if (!appendEventsArray(events, body, error)) return std::nullopt;
+    return body;
+}
+
+std::optional<std::string> APEventGatewayRequestFactory::eventsBodyWithTimeStamp(const Events& events,
+                                                                                 std::string* error) const {
+    auto sentAt = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(dateFormatter_(clock_())), error);
+    if (!sentAt) return std::nullopt;
+    std::string body = "{\"events\":";
+    if (!appendEventsArray(events, body, error)) return std::nullopt;
+    body += ",\"sent_at\":";
+    body += *sentAt;
+    body += '}';
+    return body;
+}
+
+// Writes the array element by element instead of building one big JSON value: each
+// payload is serialised straight from the event, which is shared and never copied. The
+// elements are exactly the events' gateway dictionaries.
+bool APEventGatewayRequestFactory::appendEventsArray(const Events& events, std::string& out,
+                                                     std::string* error) const {
+    out += '[';
+    bool first = true;
+    for (const auto& event : events) {
+        const AttributeDictionary* payload = event->attributes();
+        // An event without attributes has no gateway dictionary; asking for it stops the
+        // process with the event core's own message.
+        if (payload == nullptr) (void)event->eventGatewayDictionary();
+        auto name = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(event->name()), error);
+        if (!name) return false;
+        auto payloadJSON = jsonSafeSerialization_.dataWithJSONObject(*payload, error);
+        if (!payloadJSON) return false;
+        if (!first) out += ',';
+        first = false;
+        out += "{\"event\":";
+        out += *name;
+        out += ",\"version\":\"";
+        out += APEvent::kEventGatewayVersion;
+        out += "\",\"payload\":";
+        out += *payloadJSON;
+        out += '}';
+    }
+    out += ']';
+    return true;
+}
+
+std::string APEventGatewayRequestFactory::urlWithPath(const std::string& path) const {
+    return path == kEventsPath ? eventsURL_ : appendingPath(baseURL_, path);
+}
+
+HTTPRequest APEventGatewayRequestFactory::requestWithPath(const std::string& path, const std::string& body) const {
+    HTTPRequest request;
+    request.url = urlWithPath(path);
+    request.method = "POST";
+    if (analyticsAttributeRegistry_) {
+        if (const auto& userAgent = analyticsAttributeRegistry_->userAgent()) request.setValue(*userAgent, "User-Agent");
+    }
+    request.setValue("application/json", "Content-Type");
+    request.setValue("gzip", "Content-Encoding");
+    if (auto token = tokenFromKeychain()) request.setValue(OAuthHelper::authHeaderForToken(*token), "Authorization");
+    if (auto gzipped = GzipCodec::gzippedData(body)) request.body = std::move(*gzipped);
+    return request;
+}
+
+std::optional<std::string> APEventGatewayRequestFactory::tokenFromKeychain() const {
+    return keychain_ ? keychain_->credential() : std::nullopt;
+}
+
+}  // namespace kt

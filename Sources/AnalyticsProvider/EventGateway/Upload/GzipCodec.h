@@ -1,0 +1,33 @@
+#pragma once
+// Gzip compression of the gateway request body, the matching decompression and the magic
+// test. Buffers are byte strings; no operation changes its input.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kt {
+
+class GzipCodec {
+public:
+    GzipCodec() = delete;
+
+    /// Gzip bytes of `data`. `level` is a fraction of zlib's range: a negative value means
+    /// zlib's default, otherwise the level is `level * 9` truncated (0.5 gives 4, 1.0 gives
+    /// 9). Empty input and input that is already gzip are returned unchanged. Nullopt when
+    /// the compressor refuses the parameters (a level above 1.0, for example).
+    static std::optional<std::string> gzippedDataWithCompressionLevel(std::string_view data, float level);
+    /// The same at zlib's default level.
+    static std::optional<std::string> gzippedData(std::string_view data);
+
+    /// Decompressed bytes of a gzip (or zlib) stream. Input that is empty or does not start
+    /// with the gzip magic is returned unchanged. A corrupt or truncated stream gives the
+    /// output buffer as it stood when inflating stopped, untrimmed, rather than an error.
+    /// Nullopt only when the decompressor cannot be initialised.
+    static std::optional<std::string> gunzippedData(std::string_view data);
+
+    /// At least two bytes, starting with 0x1F 0x8B.
+    static bool isGzippedData(std::string_view data);
+};
+
+}  // namespace kt

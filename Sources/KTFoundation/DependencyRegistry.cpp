@@ -1,0 +1,10 @@
+#include "KTFoundation/DependencyRegistry.h"
+
+namespace kt {
+
+DependencyRegistry& DependencyRegistry::shared() {
+    static DependencyRegistry registry;
+    return registry;
+}
+
+}  // namespace kt

@@ -1,0 +1,139 @@
+#include "KTFoundation/KTEnvironment.h"
+
+#include <cstdlib>
+#include <map>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+KTEnvironment::VariableLookup variables(std::map<std::string, std::string> values) {
+    return [values = std::move(values)](std::string_view name) -> std::optional<std::string> {
+        auto it = values.find(std::string(name));
+        if (it == values.end())
+            return std::nullopt;
+        return it->second;
+    };
+}
+
+TEST(KTEnvironmentTests, DefaultsDescribeAProductionSetUpAgainstALocalGateway) {
+    KTEnvironment environment;
+    EXPECT_EQ(environment.applicationId, "ktanalytics");
+    EXPECT_EQ(environment.eventGatewayBaseURL, "http://127.0.0.1:8080");
+    EXPECT_EQ(environment.userAgent, std::string("KTAnalytics/") + kSDKVersion + " (Linux)");
+    EXPECT_EQ(environment.minimumBatchSize, 20u);
+    EXPECT_EQ(environment.flushInterval, 60s);
+    EXPECT_EQ(environment.requestTimeout, 10s);
+    EXPECT_TRUE(environment.shouldFlushAtRegularIntervals);
+    EXPECT_FALSE(environment.shouldSendSentAt);
+    EXPECT_EQ(environment.buildEnvironment, BuildEnvironment::production);
+    EXPECT_EQ(environment.logLevel, 2);
+    EXPECT_FALSE(environment.clientId.has_value());
+    EXPECT_FALSE(environment.stateDirectory.has_value());
+}
+
+TEST(KTEnvironmentTests, VariablesOverrideTheBaseAndLeaveTheRest) {
+    KTEnvironment base{.applicationId = "player", .minimumBatchSize = 5, .shouldSendSentAt = true};
+    std::string error;
+    auto environment = KTEnvironment::fromVariables(base,
+                                                    variables({
+                                                        {"KTANALYTICS_GATEWAY_URL", "https://gateway.example:9443"},
+                                                        {"KTANALYTICS_CLIENT_ID", "46"},
+                                                        {"KTANALYTICS_USER_AGENT", "Player/3.1"},
+                                                        {"KTANALYTICS_STATE_DIR", "/var/lib/player"},
+                                                        {"KTANALYTICS_MIN_BATCH", "1"},
+                                                        {"KTANALYTICS_BUILD", "Alpha"},
+                                                        {"KTANALYTICS_LOG_LEVEL", "0"},
+                                                    }),
+                                                    error);
+    ASSERT_TRUE(environment.has_value()) << error;
+    EXPECT_EQ(environment->eventGatewayBaseURL, "https://gateway.example:9443");
+    EXPECT_EQ(environment->clientId, 46);
+    EXPECT_EQ(environment->userAgent, "Player/3.1");
+    EXPECT_EQ(environment->stateDirectory, std::filesystem::path("/var/lib/player"));
+    EXPECT_EQ(environment->minimumBatchSize, 1u);
+    EXPECT_EQ(environment->buildEnvironment, BuildEnvironment::alpha);
+    EXPECT_EQ(environment->logLevel, 0);
+    // Untouched by any variable.
+    EXPECT_EQ(environment->applicationId, "player");
+    EXPECT_TRUE(environment->shouldSendSentAt);
+
+    auto unchanged = KTEnvironment::fromVariables(base, variables({{"KTANALYTICS_MIN_BATCH", ""}}), error);
+    ASSERT_TRUE(unchanged.has_value()) << "an empty variable counts as unset";
+    EXPECT_EQ(unchanged->minimumBatchSize, 5u);
+}
+
+TEST(KTEnvironmentTests, MalformedValuesAreRefusedWithTheVariableNamed) {
+    struct Case {
+        const char* variable;
+        const char* value;
+    };
+    for (auto [variable, value] : {
+             Case{"KTANALYTICS_CLIENT_ID", "12abc"},
+             Case{"KTANALYTICS_CLIENT_ID", "99999999999999999999"},
+             Case{"KTANALYTICS_MIN_BATCH", "0"},
+             Case{"KTANALYTICS_MIN_BATCH", "-3"},
+             Case{"KTANALYTICS_MIN_BATCH", " 7"},
+             Case{"KTANALYTICS_LOG_LEVEL", "4"},
+             Case{"KTANALYTICS_LOG_LEVEL", "warn"},
+             Case{"KTANALYTICS_BUILD", "staging"},
+             Case{"KTANALYTICS_GATEWAY_URL", "ftp://gateway.example"},
+             Case{"KTANALYTICS_GATEWAY_URL", "gateway.example:8080"},
+         }) {
+        std::string error;
+        auto environment = KTEnvironment::fromVariables(KTEnvironment{}, variables({{variable, value}}), error);
+        EXPECT_FALSE(environment.has_value()) << variable << "=" << value;
+        EXPECT_THAT(error, HasSubstr(variable));
+        EXPECT_THAT(error, HasSubstr(value));
+    }
+}
+
+TEST(KTEnvironmentTests, ReadsTheProcessEnvironment) {
+    ::setenv("KTANALYTICS_MIN_BATCH", "3", 1);
+    std::string error;
+    auto environment = KTEnvironment::fromEnvironmentVariables(KTEnvironment{}, error);
+    ::unsetenv("KTANALYTICS_MIN_BATCH");
+    ASSERT_TRUE(environment.has_value()) << error;
+    EXPECT_EQ(environment->minimumBatchSize, 3u);
+}
+
+TEST(KTEnvironmentTests, PersistedFilesLiveBelowTheStateDirectoryWhenOneIsSet) {
+    KTEnvironment environment{.applicationId = "player", .stateDirectory = "/srv/state"};
+    auto noVariables = variables({{"XDG_CACHE_HOME", "/elsewhere"}, {"HOME", "/home/listener"}});
+    EXPECT_EQ(environment.cachesDirectory(noVariables), std::filesystem::path("/srv/state/cache"));
+    EXPECT_EQ(environment.userDefaultsPath(), std::filesystem::path("/srv/state/defaults.sqlite3"));
+}
+
+TEST(KTEnvironmentTests, CachesDirectoryFollowsTheXDGConventionOtherwise) {
+    KTEnvironment environment{.applicationId = "player"};
+    EXPECT_EQ(environment.cachesDirectory(variables({{"XDG_CACHE_HOME", "/tmp/xdg"}, {"HOME", "/home/listener"}})),
+              std::filesystem::path("/tmp/xdg/player"));
+    EXPECT_EQ(environment.cachesDirectory(variables({{"HOME", "/home/listener"}})),
+              std::filesystem::path("/home/listener/.cache/player"));
+    // A relative XDG_CACHE_HOME is invalid and ignored.
+    EXPECT_EQ(environment.cachesDirectory(variables({{"XDG_CACHE_HOME", "cache"}, {"HOME", "/home/listener"}})),
+              std::filesystem::path("/home/listener/.cache/player"));
+}
+
+TEST(KTEnvironmentTests, OnlyAlphaAndDevBuildsCountAsAlpha) {
+    EXPECT_TRUE(BuildEnvironmentDetector(BuildEnvironment::alpha).isAlpha());
+    EXPECT_TRUE(BuildEnvironmentDetector(BuildEnvironment::dev).isAlpha());
+    EXPECT_FALSE(BuildEnvironmentDetector(BuildEnvironment::beta).isAlpha());
+    EXPECT_FALSE(BuildEnvironmentDetector(BuildEnvironment::production).isAlpha());
+}
+
+TEST(KTEnvironmentTests, BuildEnvironmentNamesRoundTrip) {
+    for (auto environment : {BuildEnvironment::production, BuildEnvironment::beta, BuildEnvironment::alpha,
+                             BuildEnvironment::dev})
+        EXPECT_EQ(buildEnvironmentFromString(toString(environment)), environment);
+    EXPECT_EQ(buildEnvironmentFromString("DEV"), BuildEnvironment::dev);
+    EXPECT_EQ(buildEnvironmentFromString(""), std::nullopt);
+}
+
+}  // namespace
+}  // namespace kt

@@ -1,0 +1,40 @@
+#include "Support/RecordingTechLogger.h"
+
+namespace kt::testing {
+
+void RecordingTechLogger::logEvent(const TechEvent& event) {
+    std::lock_guard lock(mutex_);
+    events_.push_back(event);
+    recorded_.notify_all();
+}
+
+std::vector<TechEvent> RecordingTechLogger::events() const {
+    std::lock_guard lock(mutex_);
+    return events_;
+}
+
+std::vector<TechEvent> RecordingTechLogger::eventsNamed(const std::string& name) const {
+    std::lock_guard lock(mutex_);
+    std::vector<TechEvent> result;
+    for (const auto& event : events_)
+        if (event.name == name)
+            result.push_back(event);
+    return result;
+}
+
+std::size_t RecordingTechLogger::count() const {
+    std::lock_guard lock(mutex_);
+    return events_.size();
+}
+
+void RecordingTechLogger::clear() {
+    std::lock_guard lock(mutex_);
+    events_.clear();
+}
+
+bool RecordingTechLogger::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return recorded_.wait_for(lock, timeout, [&] { return events_.size() >= count; });
+}
+
+}  // namespace kt::testing

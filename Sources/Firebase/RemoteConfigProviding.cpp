@@ -1,0 +1,13 @@
+#include "Firebase/RemoteConfigProviding.h"
+
+#include "Firebase/Detail/WholeTextNumber.h"
+
+namespace kt {
+
+std::optional<long> RemoteConfigProviding::integer(const std::string& key) const {
+    auto text = valueFor(key);
+    if (!text || text->empty()) return std::nullopt;
+    return detail::parseWholeTextInteger(*text);
+}
+
+}  // namespace kt

@@ -1,0 +1,173 @@
+#include "Firebase/FirebaseABManagerMenuViewController.h"
+
+#include <gtest/gtest.h>
+
+#include "Firebase/FirebaseABExperiments.h"
+#include "Firebase/FirebaseABManagerMenuExperimentViewController.h"
+#include "Firebase/FirebaseABManagerMenuVariantsViewController.h"
+#include "Firebase/JsonFileRemoteConfig.h"
+#include "Platform/UserDefaults.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+using ExperimentScreen = FirebaseABManagerMenuExperimentViewController;
+using VariantsScreen = FirebaseABManagerMenuVariantsViewController;
+
+class FirebaseABManagerMenuTest : public ::testing::Test {
+protected:
+    void SetUp() override { navigation->push(menu); }
+
+    std::shared_ptr<ExperimentScreen> openExperiment(std::size_t row) {
+        menu->selectRow(row);
+        auto screen = std::dynamic_pointer_cast<ExperimentScreen>(navigation->top());
+        EXPECT_NE(screen, nullptr);
+        return screen;
+    }
+
+    testing::TemporaryDirectory directory{"kt-abmenu"};
+    std::shared_ptr<UserDefaults> defaults = std::make_shared<UserDefaults>(directory / "defaults.sqlite3");
+    std::shared_ptr<RemoteConfigProviding> remote = std::make_shared<JsonFileRemoteConfig>(
+        std::map<std::string, std::string>{{"dev_ab_offline_sync_grace_period_test", "control"},
+                                           {"dev_ab_price_test", ""}});
+    std::shared_ptr<FirebaseABManagerMenuViewController> menu =
+        std::make_shared<FirebaseABManagerMenuViewController>(defaults, remote);
+    std::shared_ptr<MenuNavigationStack> navigation = std::make_shared<MenuNavigationStack>();
+};
+
+TEST_F(FirebaseABManagerMenuTest, ListsTheCatalogueByIdInOneSection) {
+    EXPECT_EQ(menu->numberOfSections(), 1u);
+    const auto rows = menu->rows();
+    ASSERT_EQ(rows.size(), 4u);
+    EXPECT_EQ(rows[0].text, "dev_ab_price_test");
+    EXPECT_EQ(rows[3].text, "ios_upsell_experiment_variant");
+    for (auto& row : rows) EXPECT_EQ(row.cellIdentifier, "experimentIdentifier");
+}
+
+TEST_F(FirebaseABManagerMenuTest, ChoosingAnExperimentOpensItsScreenWithTheSameManager) {
+    auto screen = openExperiment(1);
+    ASSERT_NE(screen, nullptr);
+    EXPECT_EQ(menu->selectedRow(), std::nullopt);
+    EXPECT_EQ(navigation->depth(), 2u);
+    EXPECT_EQ(screen->experiment(), FirebaseABExperimentType::of<GracePeriodExperiment>());
+    EXPECT_EQ(screen->abManager(), menu->abManager());
+
+    EXPECT_TRUE(screen->isViewLoaded());
+    EXPECT_EQ(screen->backgroundColor(), MenuColor::white);
+    EXPECT_EQ(screen->changeOverridenButton().title, "change");
+    EXPECT_EQ(screen->clearOverridenButton().title, "clear");
+    EXPECT_EQ(screen->changeOverridenButton().titleColor, MenuColor::systemBlue);
+    EXPECT_EQ(screen->remoteValueLabel().text, "control");
+    EXPECT_EQ(screen->overriddenValueLabel().text, "(none)");
+    EXPECT_EQ(screen->informationLines(), (std::vector<std::string>{"remote: control", "override: (none)"}));
+}
+
+TEST_F(FirebaseABManagerMenuTest, EmptyOrMissingValuesShowNone) {
+    auto priceTest = openExperiment(0);  // remote text is ""
+    ASSERT_NE(priceTest, nullptr);
+    EXPECT_EQ(priceTest->remoteValueLabel().text, "(none)");
+    navigation->pop();
+    auto upsell = openExperiment(3);  // no remote value at all
+    ASSERT_NE(upsell, nullptr);
+    EXPECT_EQ(upsell->remoteValueLabel().text, "(none)");
+
+    menu->abManager()->setOverride("", "ios_upsell_experiment_variant");
+    upsell->clearOverridenButton().tap();
+    EXPECT_EQ(upsell->overriddenValueLabel().text, "(none)");
+}
+
+TEST_F(FirebaseABManagerMenuTest, PickingAVariantSetsTheOverrideAndClearRemovesIt) {
+    FirebaseABManager runningApplicationManager(defaults);
+    auto screen = openExperiment(1);
+    ASSERT_NE(screen, nullptr);
+
+    screen->changeOverridenButton().tap();
+    auto variants = std::dynamic_pointer_cast<VariantsScreen>(navigation->top());
+    ASSERT_NE(variants, nullptr);
+    const auto rows = variants->rows();
+    ASSERT_EQ(rows.size(), 2u);
+    EXPECT_EQ(rows[1].text, "variantA");
+    EXPECT_EQ(rows[1].cellIdentifier, "reuseIdentifier");
+
+    variants->selectRow(1);
+    EXPECT_EQ(variants->selectedRow(), std::nullopt);
+    EXPECT_EQ(navigation->top(), screen);  // the variant list went away
+    EXPECT_EQ(screen->overriddenValueLabel().text, "variantA");
+    EXPECT_EQ(screen->remoteValueLabel().text, "control");
+
+    // The application's next start sees it; a manager already running keeps its copy.
+    EXPECT_EQ(FirebaseABManager(defaults).assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
+    EXPECT_EQ(runningApplicationManager.overriddenValue("dev_ab_offline_sync_grace_period_test"), std::nullopt);
+    // Only the id is overridden, never the companion value.
+    EXPECT_EQ(defaults->stringDictionary("com.Quillarbor.FirebaseABTestingManager.localAssignments"),
+              (std::map<std::string, std::string>{{"dev_ab_offline_sync_grace_period_test", "variantA"}}));
+
+    screen->choose(1);  // "clear"
+    EXPECT_EQ(screen->overriddenValueLabel().text, "(none)");
+    EXPECT_EQ(FirebaseABManager(defaults).assignment<GracePeriodExperiment>(), std::nullopt);
+}
+
+TEST_F(FirebaseABManagerMenuTest, AVariantPickedAfterTheExperimentScreenIsGoneIsDropped) {
+    std::weak_ptr<ExperimentScreen> experimentScreen;
+    std::shared_ptr<VariantsScreen> variants;
+    {
+        auto screen = openExperiment(2);
+        ASSERT_NE(screen, nullptr);
+        screen->choose(0);  // "change"
+        variants = std::dynamic_pointer_cast<VariantsScreen>(navigation->top());
+        experimentScreen = screen;
+    }
+    ASSERT_NE(variants, nullptr);
+    navigation.reset();  // the whole menu is closed while the variant list is still held
+    ASSERT_TRUE(experimentScreen.expired());
+
+    variants->selectRow(1);
+    EXPECT_EQ(menu->abManager()->overriddenValue("dev_listen_ad_free_upsell_copy"), std::nullopt);
+    EXPECT_EQ(defaults->object("com.Quillarbor.FirebaseABTestingManager.localAssignments"), std::nullopt);
+}
+
+TEST_F(FirebaseABManagerMenuTest, VariantRowsFollowAReassignedVariantList) {
+    PriceTestExperiment::setAllVariants({"control", "halfPrice"});
+    auto screen = openExperiment(0);
+    std::vector<std::string> shown;
+    if (screen) {
+        screen->changeOverrideTapped();
+        shown = navigation->top()->choices();
+        navigation->top()->choose(1);
+    }
+    PriceTestExperiment::setAllVariants(PriceTestExperiment::caseRawValues());
+
+    ASSERT_NE(screen, nullptr);
+    EXPECT_EQ(shown, (std::vector<std::string>{"control", "halfPrice"}));
+    // The override is stored as picked, and as no case of the type it reads as absent.
+    EXPECT_EQ(screen->overriddenValueLabel().text, "halfPrice");
+    EXPECT_EQ(menu->abManager()->assignment<PriceTestExperiment>(), std::nullopt);
+}
+
+TEST(MenuNavigationStack, NeverPopsTheRootAndForgetsPoppedScreens) {
+    auto navigation = std::make_shared<MenuNavigationStack>();
+    auto root = std::make_shared<VariantsScreen>(FirebaseABExperimentType::of<GracePeriodExperiment>(), nullptr);
+    auto top = std::make_shared<VariantsScreen>(FirebaseABExperimentType::of<GracePeriodExperiment>(), nullptr);
+    navigation->push(root);
+    navigation->push(top);
+    EXPECT_EQ(top->navigationController(), navigation);
+
+    EXPECT_EQ(navigation->pop(), top);
+    EXPECT_EQ(top->navigationController(), nullptr);
+    EXPECT_EQ(navigation->pop(), nullptr);
+    EXPECT_EQ(navigation->top(), root);
+}
+
+TEST(FirebaseABManagerMenuDeathTest, ScreensRequireTheirCollaborators) {
+    testing::TemporaryDirectory directory{"kt-abmenu-death"};
+    auto defaults = std::make_shared<UserDefaults>(directory / "defaults.sqlite3");
+    EXPECT_DEATH(FirebaseABManagerMenuViewController(defaults, nullptr),
+                 "Invalid parameter not satisfying: remoteConfigProvider");
+    EXPECT_DEATH(ExperimentScreen(nullptr, std::make_shared<JsonFileRemoteConfig>(std::map<std::string, std::string>{}),
+                                  FirebaseABExperimentType::of<PriceTestExperiment>()),
+                 "Invalid parameter not satisfying: abManager");
+}
+
+}  // namespace
+}  // namespace kt

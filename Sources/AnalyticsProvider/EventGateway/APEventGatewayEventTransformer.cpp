@@ -8,7 +8,7 @@ namespace kt {
 APEventGatewayEventTransformer::APEventGatewayEventTransformer(
     std::shared_ptr<const EventGatewayAttributesProviding> attributesProvider)
     : attributesProvider_(std::move(attributesProvider)) {
-    KT_PARAMETER_ASSERT(attributesProvider_);
+    KT_PARAMETER_ASSERT_TEXT(attributesProvider_, "attributesProvider");
 }
 
 const std::array<std::string_view, 3>& APEventGatewayEventTransformer::ignoredAttributes() {

@@ -104,14 +104,14 @@ EventGatewayAttributesProvider::EventGatewayAttributesProvider(
       dependencies_{std::move(connectivity),        std::move(registry),          std::move(variantProvider),
                     std::move(getAnonymousId),      std::move(analyticsIdProvider), std::move(sessionIdProvider),
                     std::move(isConnectedToVPN),    std::move(currentTime)} {
-    KT_PARAMETER_ASSERT(dependencies_.connectivity);
-    KT_PARAMETER_ASSERT(dependencies_.registry);
-    KT_PARAMETER_ASSERT(dependencies_.variantProvider);
-    KT_PARAMETER_ASSERT(dependencies_.getAnonymousId);
-    KT_PARAMETER_ASSERT(dependencies_.analyticsIdProvider);
-    KT_PARAMETER_ASSERT(dependencies_.sessionIdProvider);
-    KT_PARAMETER_ASSERT(dependencies_.isConnectedToVPN);
-    KT_PARAMETER_ASSERT(dependencies_.currentTime);
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.connectivity, "connectivity");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.registry, "registry");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.variantProvider, "variantProvider");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.getAnonymousId, "getAnonymousId");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.analyticsIdProvider, "analyticsIdProvider");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.sessionIdProvider, "sessionIdProvider");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.isConnectedToVPN, "isConnectedToVPN");
+    KT_PARAMETER_ASSERT_TEXT(dependencies_.currentTime, "currentTime");
 }
 
 AttributeDictionary EventGatewayAttributesProvider::baseAttributes(const APEventDescripting& event) const {

@@ -54,10 +54,10 @@ SessionIdProvider::SessionIdProvider(std::shared_ptr<KeyValueStoring> store, UUI
       sessionDuration_(sessionDuration),
       wallClock_(std::move(wallClock)),
       console_(console != nullptr ? console : &std::cout) {
-    KT_PARAMETER_ASSERT(store_);
-    KT_PARAMETER_ASSERT(uuidCreator_);
-    KT_PARAMETER_ASSERT(nowProvider_);
-    KT_PARAMETER_ASSERT(wallClock_);
+    KT_PARAMETER_ASSERT_TEXT(store_, "store");
+    KT_PARAMETER_ASSERT_TEXT(uuidCreator_, "uuidCreator");
+    KT_PARAMETER_ASSERT_TEXT(nowProvider_, "nowProvider");
+    KT_PARAMETER_ASSERT_TEXT(wallClock_, "wallClock");
 }
 
 Date SessionIdProvider::systemNow() { return std::chrono::system_clock::now(); }

@@ -1,0 +1,147 @@
+#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Middleware/DependencyKeys.h"
+#include "Platform/SerialQueue.h"
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Records the user ids it is given. Each update completes at once unless the test holds it.
+class RecordingStatsigManager final : public StatsigManaging {
+public:
+    std::future<void> updateUserId(std::optional<std::string> userId) override {
+        std::lock_guard lock(mutex_);
+        updates_.push_back(std::move(userId));
+        changed_.notify_all();
+        if (holdNext_) {
+            holdNext_ = false;
+            return heldUpdate_.get_future();
+        }
+        std::promise<void> done;
+        done.set_value();
+        return done.get_future();
+    }
+
+    /// The next update completes only when `releaseHeldUpdate` is called.
+    void holdNextUpdate() {
+        std::lock_guard lock(mutex_);
+        holdNext_ = true;
+    }
+    void releaseHeldUpdate() { heldUpdate_.set_value(); }
+
+    /// Waits (bounded) until `count` updates arrived; returns them.
+    std::vector<std::optional<std::string>> waitForUpdates(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, 10s, [&] { return updates_.size() >= count; });
+        return updates_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::optional<std::string>> updates_;  // guarded by mutex_
+    bool holdNext_ = false;                            // guarded by mutex_
+    std::promise<void> heldUpdate_;
+};
+
+class AnalyticsAttributeRegistryTest : public ::testing::Test {
+protected:
+    void setFlag(bool enabled) {
+        dependencies.set(DependencyKeys::featureFlags, std::shared_ptr<FeatureFlags>(std::make_shared<StaticFeatureFlags>(enabled)));
+    }
+
+    /// Runs every update started so far.
+    void drainUpdates() { ASSERT_TRUE(queue->drain(10s)); }
+
+    DependencyRegistry dependencies;
+    std::shared_ptr<RecordingStatsigManager> statsig = std::make_shared<RecordingStatsigManager>();
+    std::shared_ptr<ThreadSerialQueue> queue = std::make_shared<ThreadSerialQueue>("registry-test");
+    AnalyticsAttributeRegistry registry{dependencies, queue};
+
+    void SetUp() override { dependencies.set(DependencyKeys::statsigManager, std::shared_ptr<StatsigManaging>(statsig)); }
+};
+
+TEST_F(AnalyticsAttributeRegistryTest, StartsEmptyAndKeepsWhatIsRegistered) {
+    EXPECT_FALSE(registry.clientId());
+    EXPECT_FALSE(registry.userAgent());
+    EXPECT_FALSE(registry.userUrn());
+
+    registry.registerclientId(42, "KTAnalytics/1.0");
+    EXPECT_EQ(registry.clientId(), 42);
+    EXPECT_EQ(registry.userAgent(), "KTAnalytics/1.0");
+
+    registry.registerUserUrn("quillarbor:users:7");
+    EXPECT_EQ(registry.userUrn(), "quillarbor:users:7");
+    registry.registerUserUrn(std::nullopt);
+    EXPECT_FALSE(registry.userUrn());
+    EXPECT_EQ(registry.clientId(), 42);
+}
+
+TEST_F(AnalyticsAttributeRegistryTest, FlagOffOrMissingNeverTouchesTheExperimentService) {
+    registry.registerUserUrn("quillarbor:users:7");  // no flag service registered at all
+    setFlag(false);
+    registry.registerUserUrn("quillarbor:users:8");
+    registry.registerUserUrn(std::nullopt);
+    drainUpdates();
+    EXPECT_TRUE(statsig->waitForUpdates(0).empty());
+}
+
+TEST_F(AnalyticsAttributeRegistryTest, FlagOnSendsTheURNsIdentifierOrNoUser) {
+    setFlag(true);
+    registry.registerUserUrn("quillarbor:users:7");
+    drainUpdates();
+    registry.registerUserUrn(std::nullopt);
+    drainUpdates();
+    registry.registerUserUrn("not a urn");
+    drainUpdates();
+
+    const std::vector<std::optional<std::string>> expected{"7", std::nullopt, std::nullopt};
+    EXPECT_EQ(statsig->waitForUpdates(3), expected);
+    // An unparseable URN is still the registered user.
+    EXPECT_EQ(registry.userUrn(), "not a urn");
+}
+
+TEST_F(AnalyticsAttributeRegistryTest, RegisteringDoesNotWaitForTheExperimentService) {
+    setFlag(true);
+    statsig->holdNextUpdate();
+    registry.registerUserUrn("quillarbor:users:7");  // returns while the update is pending
+    registry.registerUserUrn("quillarbor:users:9");
+    EXPECT_EQ(registry.userUrn(), "quillarbor:users:9");
+    EXPECT_EQ(statsig->waitForUpdates(1).front(), "7");
+
+    statsig->releaseHeldUpdate();
+    const auto updates = statsig->waitForUpdates(2);
+    ASSERT_EQ(updates.size(), 2u);
+    EXPECT_EQ(updates[1], "9");
+    drainUpdates();
+}
+
+TEST(AnalyticsAttributeRegistrySharedTest, SharedRegistryUsesTheSharedDependencies) {
+    // Re-executed in a fresh process: the shared registry and dependencies are process-wide.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            auto statsig = std::make_shared<RecordingStatsigManager>();
+            DependencyRegistry::shared().set(DependencyKeys::statsigManager, std::shared_ptr<StatsigManaging>(statsig));
+            DependencyRegistry::shared().set(DependencyKeys::featureFlags,
+                                             std::shared_ptr<FeatureFlags>(std::make_shared<StaticFeatureFlags>(true)));
+            AnalyticsAttributeRegistry::shared().registerUserUrn("quillarbor:users:55");
+            const bool same = &AnalyticsAttributeRegistry::shared() == AnalyticsAttributeRegistry::sharedInstance().get();
+            const auto updates = statsig->waitForUpdates(1);
+            const bool updated = updates.size() == 1 && updates[0] == "55";
+            std::_Exit(same && updated ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace kt

@@ -1,0 +1,216 @@
+#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "KTFoundation/KeyValueStoring.h"
+#include "Platform/UserDefaults.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+
+const Date kStart = Date(std::chrono::seconds(1700000000));  // 2023-11-14 22:13:20 UTC
+
+UUID numberedUUID(std::uint8_t n) {
+    std::array<std::uint8_t, 16> bytes{};
+    bytes[15] = n;
+    bytes[0] = 0xAB;
+    return UUID(bytes);
+}
+
+class SessionIdProviderTest : public ::testing::Test {
+protected:
+    std::shared_ptr<SessionIdProvider> makeProvider() {
+        return std::make_shared<SessionIdProvider>(
+            store, [this] { return numberedUUID(++created); }, [this] { return now; },
+            SessionIdProvider::kDefaultSessionDuration, [this] { return wall; }, &console);
+    }
+
+    std::optional<std::string> storedIdentifier() const { return defaults->string("session_id_provider.identifier"); }
+    std::optional<Date> storedStartOfInactivity() const { return defaults->date("session_id_provider.startOfInactivity"); }
+
+    testing::TemporaryDirectory directory{"kt-session-id"};
+    std::shared_ptr<UserDefaults> defaults = std::make_shared<UserDefaults>(directory / "defaults.sqlite3");
+    std::shared_ptr<KeyValueStoring> store = std::make_shared<UserDefaultsStore>(defaults, "session_id_provider");
+    std::uint8_t created = 0;
+    Date now = kStart;
+    Date wall = kStart;
+    std::ostringstream console;
+};
+
+TEST_F(SessionIdProviderTest, CreatesOneIdAndKeepsItAcrossInstances) {
+    auto provider = makeProvider();
+    const UUID first = provider->getSessionId();
+    EXPECT_EQ(first, numberedUUID(1));
+    EXPECT_EQ(provider->getSessionId(), first);
+    EXPECT_EQ(created, 1);
+    EXPECT_EQ(storedIdentifier(), first.uuidString());
+    EXPECT_EQ(console.str(), "SESSION ID: Creating new session id " + first.uuidString() + "\n");
+
+    // A restart: a new provider over the same defaults.
+    EXPECT_EQ(makeProvider()->getSessionId(), first);
+    EXPECT_EQ(created, 1);
+}
+
+TEST_F(SessionIdProviderTest, InactivityOfExactlyTheSessionDurationKeepsTheSessionAndOneMillisecondMoreEndsIt) {
+    auto provider = makeProvider();
+    const UUID original = provider->getSessionId();
+    provider->becameInactive();
+
+    wall = kStart + 1800s;
+    EXPECT_EQ(provider->getSessionId(), original);
+
+    wall = kStart + 1800s + 1ms;
+    const UUID second = provider->getSessionId();
+    const UUID third = provider->getSessionId();
+    EXPECT_NE(second, original);
+    EXPECT_NE(third, second);  // every call makes another id until the app becomes active
+    EXPECT_EQ(storedIdentifier(), third.uuidString());
+}
+
+TEST_F(SessionIdProviderTest, StartOfInactivityInTheFutureCountsByItsDistance) {
+    auto provider = makeProvider();
+    const UUID original = provider->getSessionId();
+
+    now = kStart + 10min;
+    provider->becameInactive();
+    EXPECT_EQ(provider->getSessionId(), original);
+
+    now = kStart + 1800s + 1ms;
+    provider->becameInactive();
+    EXPECT_NE(provider->getSessionId(), original);
+}
+
+TEST_F(SessionIdProviderTest, LongInactivityGivesFreshIdsUntilActiveThenOneStableId) {
+    auto provider = makeProvider();
+    const UUID original = provider->getSessionId();
+    provider->becameInactive();
+    wall = kStart + 31min;
+
+    const UUID a = provider->getSessionId();
+    const UUID b = provider->getSessionId();
+    EXPECT_NE(a, original);
+    EXPECT_NE(a, b);
+
+    provider->becameActive();
+    EXPECT_FALSE(storedStartOfInactivity());
+    const UUID settled = provider->getSessionId();
+    EXPECT_EQ(provider->getSessionId(), settled);
+    EXPECT_NE(settled, a);
+    EXPECT_NE(settled, b);
+    EXPECT_NE(settled, original);
+}
+
+TEST_F(SessionIdProviderTest, ShortInactivityKeepsTheSessionWhenActiveAgain) {
+    auto provider = makeProvider();
+    const UUID original = provider->getSessionId();
+    provider->becameInactive();
+    EXPECT_EQ(storedStartOfInactivity(), kStart);
+
+    wall = kStart + 10min;
+    provider->becameActive();
+    EXPECT_FALSE(storedStartOfInactivity());
+    EXPECT_EQ(provider->getSessionId(), original);
+    EXPECT_EQ(created, 1);
+}
+
+TEST_F(SessionIdProviderTest, InactivityStoredBeforeARestartStillCounts) {
+    const UUID original = makeProvider()->getSessionId();
+    makeProvider()->becameInactive();
+
+    wall = kStart + 45min;
+    auto relaunched = makeProvider();
+    relaunched->becameActive();
+    const UUID next = relaunched->getSessionId();
+    EXPECT_NE(next, original);
+    EXPECT_EQ(relaunched->getSessionId(), next);
+}
+
+TEST_F(SessionIdProviderTest, ClearForgetsIdAndInactivity) {
+    auto provider = makeProvider();
+    const UUID original = provider->getSessionId();
+    provider->becameInactive();
+    defaults->set("untouched", "other.key");
+
+    provider->clear();
+    EXPECT_FALSE(storedIdentifier());
+    EXPECT_FALSE(storedStartOfInactivity());
+    EXPECT_EQ(defaults->string("other.key"), "untouched");
+
+    const UUID next = provider->getSessionId();
+    EXPECT_NE(next, original);
+    EXPECT_EQ(provider->getSessionId(), next);
+}
+
+TEST_F(SessionIdProviderTest, AStoredIdThatIsNoUUIDIsReplaced) {
+    defaults->set("not-a-uuid", "session_id_provider.identifier");
+    auto provider = makeProvider();
+    const UUID id = provider->getSessionId();
+    EXPECT_EQ(id, numberedUUID(1));
+    EXPECT_EQ(storedIdentifier(), id.uuidString());
+}
+
+TEST_F(SessionIdProviderTest, WritesTheConsoleLinesOfTheLifecycle) {
+    auto provider = makeProvider();
+    now = kStart + 1500ms;  // the fraction of a second is not printed
+    provider->becameInactive();
+    provider->becameActive();
+    EXPECT_EQ(console.str(),
+              "SESSION ID: User became inactive at 2023-11-14 22:13:21 +0000\n"
+              "SESSION ID: User became active. Resetting stored start of inactivity.\n");
+}
+
+TEST(DefaultDateDescriptionTest, PrintsUTCWithSecondsRoundedTowardThePast) {
+    EXPECT_EQ(defaultDateDescription(Date(std::chrono::seconds(0))), "1970-01-01 00:00:00 +0000");
+    EXPECT_EQ(defaultDateDescription(Date(-1ms)), "1969-12-31 23:59:59 +0000");
+    EXPECT_EQ(defaultDateDescription(Date(std::chrono::seconds(951782400))), "2000-02-29 00:00:00 +0000");
+}
+
+// A store that loses dates: the provider cannot go on without the inactivity it just wrote.
+class DateLosingStore final : public KeyValueStoring {
+public:
+    std::optional<std::string> string(const std::string&) const override { return std::nullopt; }
+    std::optional<Date> date(const std::string&) const override { return std::nullopt; }
+    std::optional<double> number(const std::string&) const override { return std::nullopt; }
+    void setString(const std::optional<std::string>&, const std::string&) override {}
+    void setDate(const std::optional<Date>&, const std::string&) override {}
+    void setNumber(const std::optional<double>&, const std::string&) override {}
+    void clear() override {}
+};
+
+TEST(SessionIdProviderDeathTest, AStoreThatDropsTheInactivityDateStopsTheProcess) {
+    SessionIdProvider provider(std::make_shared<DateLosingStore>(), [] { return UUID::random(); },
+                               SessionIdProvider::systemNow, SessionIdProvider::kDefaultSessionDuration);
+    EXPECT_DEATH(provider.becameInactive(), "Expected 'startOfInactivity' not to be nil\\.");
+}
+
+TEST(SessionIdProviderDeathTest, MissingStoreIsAnInvalidParameter) {
+    EXPECT_DEATH(SessionIdProvider(nullptr, [] { return UUID::random(); }, SessionIdProvider::systemNow),
+                 "Invalid parameter not satisfying: store");
+}
+
+TEST(SessionIdProviderSharedTest, UsesTheConfiguredStoreWhenConfiguredBeforeFirstUse) {
+    // Re-executed in a fresh process, so no other test has created the shared instance.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::TemporaryDirectory directory{"kt-session-shared"};
+    EXPECT_EXIT(
+        {
+            auto defaults = std::make_shared<UserDefaults>(directory / "defaults.sqlite3");
+            auto store = std::make_shared<UserDefaultsStore>(defaults, SessionIdProvider::kStoreNameSpace);
+            const bool configured = SessionIdProvider::configureShared(store);
+            auto shared = SessionIdProvider::shared();
+            const UUID id = shared->getSessionId();
+            const bool sameInstance = SessionIdProvider::shared() == shared;
+            const bool stored = defaults->string("session_id_provider.identifier") == id.uuidString();
+            const bool lateConfigurationRefused = !SessionIdProvider::configureShared(store);
+            std::exit(configured && sameInstance && stored && lateConfigurationRefused ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace kt

@@ -20,7 +20,9 @@ int main(int argc, char** argv) {
     int exitCode = 0;
     const kt::tool::CommandRegistrar registrars[] = {
         // commands: begin
+        &kt::tool::registerGatewayCommand,
         nullptr,
+        &kt::tool::registerExperimentsCommand,
         // commands: end
     };
     for (auto registrar : registrars)

@@ -13,4 +13,8 @@ using CommandRegistrar = void (*)(CLI::App& app, int& exitCode);
 /// The version printed by `ktanalytics --version`.
 const char* versionString();
 
+void registerGatewayCommand(CLI::App& app, int& exitCode);
+
+void registerExperimentsCommand(CLI::App& app, int& exitCode);
+
 }  // namespace kt::tool

@@ -1,0 +1,464 @@
+#include "Gateway/DevelopmentGateway.h"
+
+#include <atomic>
+#include <charconv>
+#include <ctime>
+#include <mutex>
+#include <ostream>
+#include <random>
+#include <thread>
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+#include <zlib.h>
+
+namespace kt::gateway {
+
+namespace {
+
+using nlohmann::json;
+
+// httplib inflates gzip bodies by itself when "Content-Encoding" says so; the gateway must
+// see the bytes as sent to check them, so the header is moved aside before the body is read.
+constexpr const char* kSetAsideEncoding = "X-Gateway-Received-Content-Encoding";
+// Tells the request log how many events a request stored.
+constexpr const char* kEventsHeader = "X-Gateway-Events";
+// A bound on what one upload may inflate to, against gzip bombs.
+constexpr std::size_t kMaximumRawBytes = 64u << 20;
+constexpr std::size_t kDefaultEventsLimit = 100;
+
+std::string utcNow() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm tm{};
+    gmtime_r(&seconds, &tm);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", tm.tm_year + 1900, tm.tm_mon + 1,
+                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<int>(millis));
+    return text;
+}
+
+// Gzip only: a zlib or raw deflate stream is refused even though inflate (window bits 47,
+// gzip or zlib by header) would take a zlib one. Trailing bytes after the stream are refused.
+std::optional<std::string> gunzip(const std::string& body) {
+    if (body.size() < 18 || static_cast<unsigned char>(body[0]) != 0x1f || static_cast<unsigned char>(body[1]) != 0x8b)
+        return std::nullopt;
+    z_stream stream{};
+    if (inflateInit2(&stream, 47) != Z_OK) return std::nullopt;
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
+    stream.avail_in = static_cast<uInt>(body.size());
+    std::string out;
+    char chunk[16384];
+    int status = Z_OK;
+    while (status == Z_OK) {
+        stream.next_out = reinterpret_cast<Bytef*>(chunk);
+        stream.avail_out = sizeof chunk;
+        status = inflate(&stream, Z_NO_FLUSH);
+        if (status != Z_OK && status != Z_STREAM_END) break;
+        out.append(chunk, sizeof chunk - stream.avail_out);
+        if (out.size() > kMaximumRawBytes) {
+            status = Z_MEM_ERROR;
+            break;
+        }
+        // No progress and no end: the stream is truncated.
+        if (status == Z_OK && stream.avail_in == 0 && stream.avail_out != 0) {
+            status = Z_DATA_ERROR;
+            break;
+        }
+    }
+    const bool complete = status == Z_STREAM_END && stream.avail_in == 0;
+    inflateEnd(&stream);
+    if (!complete) return std::nullopt;
+    return out;
+}
+
+// The elements of an upload, or an explanation of why its shape is wrong.
+std::optional<json> uploadElements(const json& document, std::string& why) {
+    const json* events = &document;
+    if (document.is_object()) {
+        if (document.size() != 2 || !document.contains("events") || !document.contains("sent_at")) {
+            why = "an object body must have exactly \"events\" and \"sent_at\"";
+            return std::nullopt;
+        }
+        if (!document["sent_at"].is_string()) {
+            why = "\"sent_at\" must be a string";
+            return std::nullopt;
+        }
+        events = &document["events"];
+    }
+    if (!events->is_array()) {
+        why = "the body must be an array of events or an object with \"events\"";
+        return std::nullopt;
+    }
+    for (std::size_t i = 0; i < events->size(); ++i) {
+        const json& e = (*events)[i];
+        if (!e.is_object() || e.size() != 3 || !e.contains("event") || !e.contains("version") ||
+            !e.contains("payload")) {
+            why = "element " + std::to_string(i) + " must have exactly \"event\", \"version\" and \"payload\"";
+            return std::nullopt;
+        }
+        if (!e["event"].is_string() || !e["version"].is_string() || !e["payload"].is_object()) {
+            why = "element " + std::to_string(i) + ": \"event\" and \"version\" must be strings, \"payload\" an object";
+            return std::nullopt;
+        }
+    }
+    return *events;
+}
+
+json headersOf(const httplib::Request& request) {
+    json headers = json::object();
+    for (const auto& [name, value] : request.headers) {
+        // httplib adds the socket's addresses as pseudo-headers; they were never sent.
+        if (name == "LOCAL_ADDR" || name == "LOCAL_PORT" || name == "REMOTE_ADDR" || name == "REMOTE_PORT") continue;
+        const std::string shown = name == kSetAsideEncoding ? "Content-Encoding" : name;
+        headers[shown] = value;
+    }
+    return headers;
+}
+
+void answerJSON(httplib::Response& response, int status, const json& body) {
+    response.status = status;
+    response.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+}
+
+}  // namespace
+
+struct DevelopmentGateway::Impl {
+    const Configuration configuration;
+    httplib::Server server;
+    std::thread thread;
+    int boundPort = 0;
+    bool started = false;
+    bool everStarted = false;
+    std::atomic<bool> loopReturned{false};
+
+    mutable std::mutex dbMutex;
+    sqlite3* db = nullptr;  // guarded by dbMutex
+
+    mutable std::mutex stateMutex;
+    GatewayStatistics statistics;  // guarded by stateMutex
+    std::mt19937_64 random;        // guarded by stateMutex
+    std::string error;             // guarded by stateMutex
+
+    std::mutex logMutex;
+
+    explicit Impl(Configuration c) : configuration(std::move(c)) {
+        random.seed(configuration.seed ? *configuration.seed : std::random_device{}());
+    }
+    ~Impl() { sqlite3_close(db); }
+
+    void setError(std::string text) {
+        std::lock_guard lock(stateMutex);
+        error = std::move(text);
+    }
+
+    void logLine(const std::string& line) {
+        if (configuration.log == nullptr) return;
+        std::lock_guard lock(logMutex);
+        *configuration.log << line << std::endl;
+    }
+
+    bool exec(const char* sql) {
+        char* message = nullptr;
+        if (sqlite3_exec(db, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
+        setError(std::string("SQLite: ") + (message != nullptr ? message : sqlite3_errmsg(db)));
+        sqlite3_free(message);
+        return false;
+    }
+
+    bool openDatabase() {
+        const std::string path = configuration.dbPath.empty() ? ":memory:" : configuration.dbPath;
+        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                            nullptr) != SQLITE_OK) {
+            setError("cannot open " + path + ": " + (db != nullptr ? sqlite3_errmsg(db) : "out of memory"));
+            sqlite3_close(db);
+            db = nullptr;
+            return false;
+        }
+        sqlite3_busy_timeout(db, 5000);
+        return exec("CREATE TABLE IF NOT EXISTS events ("
+                    "id INTEGER PRIMARY KEY AUTOINCREMENT, event TEXT NOT NULL, version TEXT NOT NULL, "
+                    "payload TEXT NOT NULL, headers TEXT NOT NULL, received_at TEXT NOT NULL);"
+                    "CREATE TABLE IF NOT EXISTS tracking_requests ("
+                    "id INTEGER PRIMARY KEY AUTOINCREMENT, method TEXT NOT NULL, target TEXT NOT NULL, "
+                    "headers TEXT NOT NULL, received_at TEXT NOT NULL);");
+    }
+
+    // Draws whether this request is answered with the configured failure.
+    bool injectFailure() {
+        if (configuration.failRate <= 0.0) return false;
+        std::lock_guard lock(stateMutex);
+        if (std::uniform_real_distribution<double>(0.0, 1.0)(random) >= configuration.failRate) return false;
+        ++statistics.failuresInjected;
+        return true;
+    }
+
+    void delayIfConfigured() {
+        if (configuration.delay.count() > 0) std::this_thread::sleep_for(configuration.delay);
+    }
+
+    bool storeEvents(const json& elements, const std::string& headers, const std::string& receivedAt) {
+        std::lock_guard lock(dbMutex);
+        if (!exec("BEGIN")) return false;
+        sqlite3_stmt* s = nullptr;
+        bool ok = sqlite3_prepare_v2(db, "INSERT INTO events (event, version, payload, headers, received_at) "
+                                         "VALUES (?, ?, ?, ?, ?)", -1, &s, nullptr) == SQLITE_OK;
+        for (std::size_t i = 0; ok && i < elements.size(); ++i) {
+            const json& e = elements[i];
+            const std::string event = e["event"].get<std::string>();
+            const std::string version = e["version"].get<std::string>();
+            const std::string payload = e["payload"].dump(-1, ' ', false, json::error_handler_t::replace);
+            sqlite3_bind_text(s, 1, event.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 2, version.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 3, payload.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 4, headers.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 5, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
+            ok = sqlite3_step(s) == SQLITE_DONE;
+            sqlite3_reset(s);
+        }
+        if (!ok) setError(std::string("SQLite: ") + sqlite3_errmsg(db));
+        sqlite3_finalize(s);
+        if (!ok) {
+            exec("ROLLBACK");
+            return false;
+        }
+        return exec("COMMIT");
+    }
+
+    bool storeTrackingRequest(const httplib::Request& request) {
+        std::lock_guard lock(dbMutex);
+        sqlite3_stmt* s = nullptr;
+        bool ok = sqlite3_prepare_v2(db, "INSERT INTO tracking_requests (method, target, headers, received_at) "
+                                         "VALUES (?, ?, ?, ?)", -1, &s, nullptr) == SQLITE_OK;
+        if (ok) {
+            const std::string headers = headersOf(request).dump(-1, ' ', false, json::error_handler_t::replace);
+            const std::string receivedAt = utcNow();
+            sqlite3_bind_text(s, 1, request.method.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 2, request.target.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 3, headers.c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_text(s, 4, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
+            ok = sqlite3_step(s) == SQLITE_DONE;
+        }
+        if (!ok) setError(std::string("SQLite: ") + sqlite3_errmsg(db));
+        sqlite3_finalize(s);
+        return ok;
+    }
+
+    std::vector<StoredEvent> lastEvents(std::size_t limit) const {
+        std::vector<StoredEvent> result;
+        std::lock_guard lock(dbMutex);
+        if (db == nullptr) return result;
+        sqlite3_stmt* s = nullptr;
+        if (sqlite3_prepare_v2(db, "SELECT event, version, payload, headers, received_at FROM "
+                                   "(SELECT * FROM events ORDER BY id DESC LIMIT ?) ORDER BY id",
+                               -1, &s, nullptr) != SQLITE_OK)
+            return result;
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
+        auto text = [s](int column) {
+            const auto* t = sqlite3_column_text(s, column);
+            return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
+        };
+        while (sqlite3_step(s) == SQLITE_ROW)
+            result.push_back(StoredEvent{text(0), text(1), text(2), text(3), text(4)});
+        sqlite3_finalize(s);
+        return result;
+    }
+
+    void handleUpload(const httplib::Request& request, httplib::Response& response) {
+        {
+            std::lock_guard lock(stateMutex);
+            ++statistics.requests;
+        }
+        if (injectFailure()) {
+            answerJSON(response, configuration.failStatus, json{{"error", "injected failure"}});
+            return;
+        }
+        delayIfConfigured();
+        auto reject = [&](const std::string& why) {
+            {
+                std::lock_guard lock(stateMutex);
+                ++statistics.rejected;
+            }
+            answerJSON(response, 400, json{{"error", why}});
+        };
+        const std::optional<std::string> raw = gunzip(request.body);
+        if (!raw) return reject("the body is not gzip");
+        const json document = json::parse(*raw, nullptr, false);
+        if (document.is_discarded()) return reject("the body is not JSON");
+        std::string why;
+        const std::optional<json> elements = uploadElements(document, why);
+        if (!elements) return reject(why);
+
+        const std::string headers = headersOf(request).dump(-1, ' ', false, json::error_handler_t::replace);
+        if (!storeEvents(*elements, headers, utcNow())) {
+            answerJSON(response, 500, json{{"error", "storage failed"}});
+            return;
+        }
+        {
+            std::lock_guard lock(stateMutex);
+            statistics.events += elements->size();
+            statistics.bytesCompressed += request.body.size();
+            statistics.bytesRaw += raw->size();
+        }
+        response.set_header(kEventsHeader, std::to_string(elements->size()));
+        answerJSON(response, 200, json{{"accepted", elements->size()}});
+    }
+
+    void handleTracking(const httplib::Request& request, httplib::Response& response) {
+        if (injectFailure()) {
+            answerJSON(response, configuration.failStatus, json{{"error", "injected failure"}});
+            return;
+        }
+        delayIfConfigured();
+        if (!storeTrackingRequest(request)) {
+            answerJSON(response, 500, json{{"error", "storage failed"}});
+            return;
+        }
+        {
+            std::lock_guard lock(stateMutex);
+            ++statistics.trackingRequests;
+        }
+        response.status = 200;
+    }
+
+    void handleStats(httplib::Response& response) {
+        const GatewayStatistics s = [this] {
+            std::lock_guard lock(stateMutex);
+            return statistics;
+        }();
+        answerJSON(response, 200,
+                   json{{"requests", s.requests},
+                        {"events", s.events},
+                        {"bytes_compressed", s.bytesCompressed},
+                        {"bytes_raw", s.bytesRaw},
+                        {"failures_injected", s.failuresInjected},
+                        {"rejected", s.rejected},
+                        {"tracking_requests", s.trackingRequests}});
+    }
+
+    void handleEvents(const httplib::Request& request, httplib::Response& response) {
+        std::size_t limit = kDefaultEventsLimit;
+        if (request.has_param("limit")) {
+            const std::string text = request.get_param_value("limit");
+            const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), limit);
+            if (ec != std::errc() || end != text.data() + text.size() || text.empty())
+                return answerJSON(response, 400, json{{"error", "limit must be a non-negative integer"}});
+        }
+        json body = json::array();
+        for (const StoredEvent& e : lastEvents(limit)) {
+            body.push_back(json{{"event", e.event},
+                                {"version", e.version},
+                                {"payload", json::parse(e.payload, nullptr, false)},
+                                {"headers", json::parse(e.headers, nullptr, false)},
+                                {"received_at", e.receivedAt}});
+        }
+        answerJSON(response, 200, body);
+    }
+
+    void installRoutes() {
+        server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+            if (request.has_header("Content-Encoding")) {
+                // The request object is the server's own, not a constant: only the handler
+                // signature is const. Moving the header keeps httplib from inflating the body.
+                auto& headers = const_cast<httplib::Request&>(request).headers;
+                const std::string value = request.get_header_value("Content-Encoding");
+                headers.erase("Content-Encoding");
+                headers.emplace(kSetAsideEncoding, value);
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
+        server.Post("/v1/events", [this](const httplib::Request& q, httplib::Response& r) { handleUpload(q, r); });
+        server.Get("/stats", [this](const httplib::Request&, httplib::Response& r) { handleStats(r); });
+        server.Get("/events", [this](const httplib::Request& q, httplib::Response& r) { handleEvents(q, r); });
+        server.Get(R"(/track/.*)", [this](const httplib::Request& q, httplib::Response& r) { handleTracking(q, r); });
+        server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
+            const std::string events =
+                response.has_header(kEventsHeader) ? response.get_header_value(kEventsHeader) : "0";
+            logLine(request.method + " " + request.path + " " + std::to_string(response.status) + " events=" + events);
+        });
+        // Uploads come seconds apart; idle connections need not hold a worker for long.
+        server.set_keep_alive_max_count(1000);
+        server.set_keep_alive_timeout(2);
+    }
+};
+
+DevelopmentGateway::DevelopmentGateway(Configuration configuration)
+    : impl_(std::make_unique<Impl>(std::move(configuration))) {}
+
+DevelopmentGateway::~DevelopmentGateway() { stop(); }
+
+bool DevelopmentGateway::start() {
+    Impl& d = *impl_;
+    if (d.started) return true;
+    if (d.everStarted) {
+        d.setError("a stopped gateway does not start again; make a new one");
+        return false;
+    }
+    if (d.db == nullptr && !d.openDatabase()) return false;
+    d.installRoutes();
+    const Configuration& c = d.configuration;
+    if (c.port == 0) {
+        d.boundPort = d.server.bind_to_any_port(c.host);
+        if (d.boundPort < 0) {
+            d.setError("cannot bind " + c.host);
+            return false;
+        }
+    } else {
+        if (!d.server.bind_to_port(c.host, c.port)) {
+            d.setError("cannot bind " + c.host + ":" + std::to_string(c.port));
+            return false;
+        }
+        d.boundPort = c.port;
+    }
+    // The socket listens from here on; connections wait in the backlog until the loop runs.
+    d.everStarted = true;
+    d.thread = std::thread([&d] {
+        d.server.listen_after_bind();
+        d.loopReturned = true;
+    });
+    // `stop` is lost on a server that has not entered its loop yet, so wait for that.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!d.server.is_running() && !d.loopReturned && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    d.started = true;
+    if (!d.server.is_running()) {
+        stop();
+        d.setError("the server did not start on " + baseURL());
+        return false;
+    }
+    d.logLine("listening on " + baseURL());
+    return true;
+}
+
+void DevelopmentGateway::stop() {
+    Impl& d = *impl_;
+    if (!d.started) return;
+    d.server.stop();
+    if (d.thread.joinable()) d.thread.join();
+    d.started = false;
+}
+
+int DevelopmentGateway::port() const { return impl_->boundPort; }
+
+std::string DevelopmentGateway::baseURL() const {
+    const std::string& host = impl_->configuration.host;
+    const bool ipv6 = host.find(':') != std::string::npos;
+    return "http://" + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(impl_->boundPort);
+}
+
+GatewayStatistics DevelopmentGateway::stats() const {
+    std::lock_guard lock(impl_->stateMutex);
+    return impl_->statistics;
+}
+
+std::vector<StoredEvent> DevelopmentGateway::lastEvents(std::size_t limit) const { return impl_->lastEvents(limit); }
+
+std::string DevelopmentGateway::lastError() const {
+    std::lock_guard lock(impl_->stateMutex);
+    return impl_->error;
+}
+
+}  // namespace kt::gateway

@@ -1,0 +1,87 @@
+#pragma once
+// The development event gateway: a real HTTP server (loopback by default) that takes the
+// gateway uploads, checks their shape, keeps them in SQLite, prints them live and can
+// answer a share of them with a failure, so retries can be watched for real.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kt::gateway {
+
+struct GatewayConfiguration {
+    std::string host = "127.0.0.1";
+    /// 0 picks a free port; `port()` tells which after `start`.
+    int port = 0;
+    /// SQLite file of everything received; empty keeps it in memory for this run only.
+    std::string dbPath;
+    /// Share of uploads and tracking requests answered with `failStatus` and not stored.
+    double failRate = 0.0;
+    int failStatus = 503;
+    /// Seeds the failure draw; without one every run draws differently.
+    std::optional<std::uint64_t> seed;
+    /// Added before answering each upload or tracking request.
+    std::chrono::milliseconds delay{0};
+    /// Where the "listening on" line and one line per request go; null prints nothing.
+    std::ostream* log = nullptr;
+};
+
+/// Counts since `start`. An upload is a `POST /v1/events`, whatever its outcome.
+struct GatewayStatistics {
+    std::uint64_t requests = 0;
+    std::uint64_t events = 0;
+    std::uint64_t bytesCompressed = 0;  // bodies of accepted uploads, as received
+    std::uint64_t bytesRaw = 0;         // the same bodies after gunzip
+    std::uint64_t failuresInjected = 0;
+    std::uint64_t rejected = 0;         // uploads answered 400
+    std::uint64_t trackingRequests = 0;
+};
+
+/// One stored element of an upload. `payload` and `headers` are JSON texts (objects).
+struct StoredEvent {
+    std::string event;
+    std::string version;
+    std::string payload;
+    std::string headers;
+    std::string receivedAt;  // UTC, ISO 8601 with milliseconds
+};
+
+/// Endpoints: `POST /v1/events` (gzip JSON: a bare array of {"event", "version",
+/// "payload"} elements, or {"events": [...], "sent_at": "..."}), `GET /stats`,
+/// `GET /events?limit=N`, and `GET /track/...` for promoted tracking URLs.
+class DevelopmentGateway {
+public:
+    using Configuration = GatewayConfiguration;
+
+    explicit DevelopmentGateway(Configuration configuration);
+    DevelopmentGateway() = delete;
+    ~DevelopmentGateway();
+    DevelopmentGateway(const DevelopmentGateway&) = delete;
+    DevelopmentGateway& operator=(const DevelopmentGateway&) = delete;
+
+    /// Opens the database, binds and starts serving; false (with the reason in
+    /// `lastError`) when the database cannot be opened or the address cannot be bound.
+    bool start();
+    /// Stops serving and waits for the server thread. Idempotent; the database stays
+    /// readable through `lastEvents`.
+    void stop();
+
+    int port() const;
+    /// "http://<host>:<port>", without a trailing slash.
+    std::string baseURL() const;
+    GatewayStatistics stats() const;
+    /// The last `limit` stored events, oldest first.
+    std::vector<StoredEvent> lastEvents(std::size_t limit) const;
+    std::string lastError() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kt::gateway

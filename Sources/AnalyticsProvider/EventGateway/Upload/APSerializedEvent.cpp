@@ -13,12 +13,16 @@ APSerializedEvent::APSerializedEvent(std::shared_ptr<const APEvent> event, std::
     : event_(std::move(event)), eventURL_(std::move(eventURL)) {
     KT_PARAMETER_ASSERT_TEXT(event_ != nullptr, "event");
     KT_PARAMETER_ASSERT_TEXT(!eventURL_.empty(), "eventURL");
-    hash_ = event_->hash() ^ std::hash<std::string>{}(eventURL_.native());
+    // The file is named by the digest of the event's bytes, so the event's name and the
+    // path already tell handles apart. Hashing the attributes as well would cost time on
+    // every set operation, and nlohmann's hash depends on how a number happens to be held
+    // (a decoded 1 is unsigned, a built one signed) while equality does not.
+    hash_ = std::hash<std::string>{}(event_->name()) ^ std::hash<std::string>{}(eventURL_.native());
 }
 
 bool APSerializedEvent::operator==(const APSerializedEvent& other) const {
     if (this == &other) return true;
-    return hash_ == other.hash_ && eventURL_ == other.eventURL_ && event_->isEqual(other.event_.get());
+    return eventURL_ == other.eventURL_ && event_->isEqual(other.event_.get());
 }
 
 std::string APSerializedEvent::description() const {

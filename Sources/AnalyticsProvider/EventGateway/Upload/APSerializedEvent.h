@@ -29,7 +29,7 @@ public:
 
     /// Equal events and equal paths.
     bool operator==(const APSerializedEvent& other) const;
-    /// Hash of the event XOR hash of the path (computed once: the handle is immutable).
+    /// Hash of the event's name XOR hash of the path (computed once: the handle is immutable).
     std::size_t hash() const { return hash_; }
     /// "<APSerializedEvent: self.event=..., self.eventURL=file://...>".
     std::string description() const;

@@ -1,0 +1,155 @@
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "Platform/SerialQueue.h"
+
+namespace kt {
+namespace {
+
+// What happened, in order, across the recorder and the uploader.
+using Journal = std::vector<std::string>;
+
+class JournalingUploader final : public APEventGatewayUploading {
+public:
+    explicit JournalingUploader(Journal& journal) : journal_(journal) {}
+    void uploadEvent(const std::shared_ptr<const APEvent>& event) override {
+        journal_.push_back("upload " + event->name());
+        uploaded.push_back(event);
+    }
+    void flush() override { journal_.push_back("flush"); }
+    std::vector<std::shared_ptr<const APEvent>> uploaded;
+
+private:
+    Journal& journal_;
+};
+
+class JournalingRecorder final : public APEventGatewayAnalyticsRecording {
+public:
+    explicit JournalingRecorder(Journal& journal) : journal_(journal) {}
+    bool recording() const override { return isRecording; }
+    void recordEvent(const AttributeDictionary& event) override {
+        journal_.push_back("record " + event["event"].get<std::string>());
+        recorded.push_back(event);
+    }
+    bool isRecording = false;
+    std::vector<AttributeDictionary> recorded;
+
+private:
+    Journal& journal_;
+};
+
+// An event description that is not an APEvent.
+class ForeignEvent final : public APEventDescripting {
+public:
+    const std::string& name() const override { return name_; }
+    const AttributeDictionary* attributes() const override { return nullptr; }
+
+private:
+    std::string name_ = "pageview";
+};
+
+// Adds "transformed": true, or gives back nothing / a foreign event when told to.
+class ScriptedTransformer final : public APEventGatewayEventTransforming {
+public:
+    enum class Mode { transform, nothing, foreign };
+    std::shared_ptr<const APEventDescripting> transform(const APEventDescripting& event) const override {
+        switch (mode) {
+            case Mode::nothing: return nullptr;
+            case Mode::foreign: return std::make_shared<ForeignEvent>();
+            case Mode::transform: break;
+        }
+        AttributeDictionary attributes = event.attributes() ? *event.attributes() : value::dictionary();
+        attributes["transformed"] = true;
+        return APEvent::make(event.name(), attributes);
+    }
+    Mode mode = Mode::transform;
+};
+
+class APEventGatewayAnalyticsProviderTests : public ::testing::Test {
+protected:
+    Journal journal;
+    std::shared_ptr<JournalingUploader> uploader = std::make_shared<JournalingUploader>(journal);
+    std::shared_ptr<JournalingRecorder> recorder = std::make_shared<JournalingRecorder>(journal);
+    std::shared_ptr<ScriptedTransformer> transformer = std::make_shared<ScriptedTransformer>();
+    std::shared_ptr<VirtualTimeSerialQueue> queue = std::make_shared<VirtualTimeSerialQueue>();
+    std::shared_ptr<APEventGatewayAnalyticsProvider> provider =
+        APEventGatewayAnalyticsProvider::make(uploader, transformer, recorder, queue);
+
+    static std::shared_ptr<const APEvent> event(const std::string& name) {
+        return APEvent::make(name, AttributeDictionary{{"page_name", "stream"}});
+    }
+};
+
+TEST_F(APEventGatewayAnalyticsProviderTests, WorkHappensOnTheQueueInTagOrder) {
+    provider->tagEvent(event("like"));
+    provider->tagEvent(event("pageview"));
+    EXPECT_TRUE(journal.empty());
+    queue->runUntilIdle();
+    EXPECT_EQ(journal, (Journal{"upload like", "upload pageview"}));
+    ASSERT_EQ(uploader->uploaded.size(), 2u);
+    EXPECT_EQ(*uploader->uploaded[0]->attributes(), (AttributeDictionary{{"page_name", "stream"}, {"transformed", true}}));
+}
+
+TEST_F(APEventGatewayAnalyticsProviderTests, RecordingComesBeforeUploadWithTheTransformedForm) {
+    recorder->isRecording = true;
+    provider->tagEvent(event("like"));
+    queue->runUntilIdle();
+    EXPECT_EQ(journal, (Journal{"record like", "upload like"}));
+    ASSERT_EQ(recorder->recorded.size(), 1u);
+    EXPECT_EQ(recorder->recorded[0], uploader->uploaded[0]->eventGatewayDictionary());
+    EXPECT_EQ(recorder->recorded[0]["payload"]["transformed"], true);
+}
+
+TEST_F(APEventGatewayAnalyticsProviderTests, EventsTheTransformerDoesNotTurnIntoGatewayEventsAreDropped) {
+    recorder->isRecording = true;
+    transformer->mode = ScriptedTransformer::Mode::nothing;
+    provider->tagEvent(event("like"));
+    queue->runUntilIdle();
+    transformer->mode = ScriptedTransformer::Mode::foreign;
+    provider->tagEvent(event("like"));
+    queue->runUntilIdle();
+    EXPECT_TRUE(journal.empty());
+}
+
+TEST_F(APEventGatewayAnalyticsProviderTests, ReleasedProviderUploadsNothingStillQueued) {
+    provider->tagEvent(event("like"));
+    provider->tagEvent(event("share"));
+    provider.reset();
+    EXPECT_EQ(queue->runUntilIdle(), 2u);
+    EXPECT_TRUE(journal.empty());
+}
+
+TEST_F(APEventGatewayAnalyticsProviderTests, FlushGoesStraightToTheUploader) {
+    provider->tagEvent(event("like"));
+    provider->flush();
+    EXPECT_EQ(journal, (Journal{"flush"}));
+}
+
+TEST_F(APEventGatewayAnalyticsProviderTests, TracksTheTwentyNineGatewayNames) {
+    const EventNameSet expected = {
+        "ad_request", "ad_delivery", "audio", "audio_performance", "audio_error", "authentication::abort",
+        "authentication::initiate", "clickthrough::companion_display", "clickthrough::consumer_sub_ad",
+        "clickthrough::interstitial", "clickthrough::video_ad", "dismiss::consumer_sub_ad", "foreground",
+        "impression", "like", "list_view_interaction", "pageview", "rich_media_stream_error", "rich_media_stream",
+        "rich_media_stream_performance", "related_tracks", "repost", "search", "share", "share::prompt", "unlike",
+        "unrepost", "offline_sync", "click"};
+    auto tracked = provider->trackedEvents();
+    ASSERT_TRUE(tracked);
+    EXPECT_EQ(tracked->size(), 29u);
+    EXPECT_EQ(*tracked, expected);
+    EXPECT_FALSE(tracked->count("follow"));
+    EXPECT_FALSE(tracked->count("Pageview"));
+    EXPECT_EQ(*provider->trackedEvents(), *tracked);
+}
+
+}  // namespace
+}  // namespace kt

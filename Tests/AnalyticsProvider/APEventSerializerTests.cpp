@@ -1,0 +1,251 @@
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+
+#include "Platform/Digest.h"
+#include "Platform/KeyedArchive.h"
+#include "Support/RecordingLogger.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A file system without user attributes, as tmpfs on older kernels or some network mounts.
+class UnsupportedAttributes final : public FileAttributeStoring {
+public:
+    std::optional<Bytes> attribute(const fs::path& file, const std::string&, int& error) const override {
+        error = fs::exists(file) ? ENOTSUP : ENOENT;
+        return std::nullopt;
+    }
+    int setAttribute(const fs::path&, const std::string&, const Bytes&) override { return EOPNOTSUPP; }
+};
+
+std::shared_ptr<const APEvent> event(const std::string& name, int n = 1) {
+    return APEvent::make(name, AttributeDictionary{{"n", n}, {"page_name", "stream"}});
+}
+
+void writeFile(const fs::path& path, const std::string& contents) { std::ofstream(path, std::ios::binary) << contents; }
+
+void writeBytes(const fs::path& path, const Bytes& bytes) {
+    writeFile(path, std::string(bytes.begin(), bytes.end()));
+}
+
+mode_t modeOf(const fs::path& path) {
+    struct stat info {};
+    EXPECT_EQ(::stat(path.c_str(), &info), 0);
+    return info.st_mode & 0777;
+}
+
+std::size_t filesIn(const fs::path& dir) {
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir), fs::directory_iterator()));
+}
+
+class APEventSerializerTests : public ::testing::Test {
+protected:
+    testing::TemporaryDirectory temp{"kt-serializer"};
+    fs::path directory = APEventSerializer::eventCacheDirectory(temp / "caches");
+    std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
+};
+
+TEST_F(APEventSerializerTests, StoresOneOwnerOnlyFileNamedByTheDigestOfItsContents) {
+    EXPECT_EQ(directory, temp / "caches" / "events");
+    EXPECT_EQ(modeOf(directory), 0700u);
+
+    APEventSerializer serializer(directory, logger);
+    auto e = event("pageview");
+    auto stored = serializer.serializeEvent(e);
+    ASSERT_TRUE(stored);
+    const Bytes archive = e->archivedData();
+    EXPECT_EQ(stored->eventURL(), directory / (sha1Hex(archive.data(), archive.size()) + ".event"));
+    EXPECT_EQ(modeOf(stored->eventURL()), 0600u);
+    EXPECT_EQ(serializer.retryCountForEventAtURL(stored->eventURL()), 0u);
+    EXPECT_EQ(filesIn(directory), 1u);  // no temporary file left behind
+
+    auto listed = serializer.serializedEvents();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(*listed.begin(), *stored);
+    EXPECT_TRUE(logger->contains("Serializing event: <APEvent: name=pageview"));
+}
+
+TEST_F(APEventSerializerTests, CreatesTheCacheDirectoryWhenMissing) {
+    APEventSerializer serializer(temp / "late" / "events", logger);
+    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
+    EXPECT_TRUE(serializer.serializeEvent(event("like")));
+    EXPECT_EQ(modeOf(temp / "late" / "events"), 0700u);
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+}
+
+TEST_F(APEventSerializerTests, IdenticalEventsCollapseIntoOneFileAndStartTheirCountOver) {
+    APEventSerializer serializer(directory, logger);
+    auto first = serializer.serializeEvent(event("like"));
+    ASSERT_TRUE(first);
+    EXPECT_EQ(serializer.increaseRetryCount(*first), 1u);
+    auto second = serializer.serializeEvent(event("like"));
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->eventURL(), first->eventURL());
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_EQ(serializer.serializedEvents().size(), 1u);
+    EXPECT_EQ(serializer.retryCountForEventAtURL(first->eventURL()), 0u);
+}
+
+TEST_F(APEventSerializerTests, RetryCountIsAnEightByteNativeAttribute) {
+    APEventSerializer serializer(directory, logger);
+    auto stored = *serializer.serializeEvent(event("like"));
+    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
+    EXPECT_EQ(serializer.increaseRetryCount(stored), 2u);
+    EXPECT_FALSE(serializer.usesRetryCountFiles());
+
+    std::uint64_t raw = 0;
+    ASSERT_EQ(::getxattr(stored.eventURL().c_str(), "user.retry_count", &raw, sizeof raw), 8);
+    EXPECT_EQ(raw, 2u);
+    EXPECT_TRUE(logger->contains("Increasing retryCount to 2 for event <APSerializedEvent: self.event="));
+
+    const std::uint32_t fourBytes = 5;
+    ASSERT_EQ(::setxattr(stored.eventURL().c_str(), "user.retry_count", &fourBytes, sizeof fourBytes, 0), 0);
+    EXPECT_EQ(serializer.retryCountForEventAtURL(stored.eventURL()), 0u);
+    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
+}
+
+TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
+    writeFile(directory / "garbage.event", "not an archive");
+    // Null markers and dates are not among the classes the store reads back.
+    writeBytes(directory / "withnull.event", APEvent("pageview", AttributeDictionary{{"x", nullptr}}).archivedData());
+    writeBytes(directory / "withdate.event",
+               APEvent("pageview", AttributeDictionary{{"d", value::date(Date())}}).archivedData());
+    // A record without a name would stop the process if decoded.
+    KeyedArchiver nameless(APEvent::kClassName);
+    nameless.encodeValue(value::dictionary(), "_attributes");
+    writeBytes(directory / "nameless.event", nameless.finish());
+    auto good = event("like");
+    writeBytes(directory / "good.event", good->archivedData());
+
+    APEventSerializer serializer(directory, logger);
+    EXPECT_EQ(serializer.serializedEventsCount(), 5u);
+    auto listed = serializer.serializedEvents();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_TRUE(listed.begin()->event()->isEqual(good.get()));
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_EQ(filesIn(directory), 1u);
+    EXPECT_EQ(logger->messages(3).size(), 4u);
+    EXPECT_TRUE(logger->contains("unable to unarchive analytics object at file://" + (directory / "garbage.event").native()));
+}
+
+TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferently) {
+    writeFile(directory / "notes.txt", "hello");
+    writeBytes(directory / "a.event", event("like")->archivedData());
+    // No dot before "event": read back, yet not counted.
+    writeBytes(directory / "plainevent", event("share")->archivedData());
+    writeFile(directory / ".hidden.event", "x");
+
+    APEventSerializer serializer(directory, logger);
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_EQ(serializer.serializedEvents().size(), 2u);
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_TRUE(fs::exists(directory / "notes.txt"));
+}
+
+TEST_F(APEventSerializerTests, ANewSerializerOverTheSameFolderSeesWhatWasStored) {
+    fs::path url;
+    {
+        APEventSerializer first(directory, logger);
+        first.serializeEvent(event("like", 1));
+        auto stored = *first.serializeEvent(event("like", 2));
+        first.increaseRetryCount(stored);
+        url = stored.eventURL();
+    }
+    APEventSerializer restarted(directory, logger);
+    EXPECT_EQ(restarted.serializedEventsCount(), 2u);
+    EXPECT_EQ(restarted.serializedEvents().size(), 2u);
+    EXPECT_EQ(restarted.retryCountForEventAtURL(url), 1u);
+}
+
+TEST_F(APEventSerializerTests, DeletingUpdatesTheCountAndLogsFailures) {
+    APEventSerializer serializer(directory, logger);
+    auto a = *serializer.serializeEvent(event("like", 1));
+    auto b = *serializer.serializeEvent(event("like", 2));
+    serializer.deleteEvents(std::vector<APSerializedEvent>{a});
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_FALSE(fs::exists(a.eventURL()));
+    EXPECT_TRUE(logger->contains("Deleting events: {(<APSerializedEvent: "));
+
+    serializer.deleteEvents(APSerializedEventSet{a, b});
+    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
+    EXPECT_TRUE(logger->contains("Could not delete event: file://" + a.eventURL().native()));
+
+    EXPECT_DEATH(serializer.deleteEvents(APSerializedEventSet{}), "Invalid parameter not satisfying: \\[events count\\] > 0");
+}
+
+TEST_F(APEventSerializerTests, RetryCountOfAVanishedEventCannotBeStored) {
+    APEventSerializer serializer(directory, logger);
+    auto stored = *serializer.serializeEvent(event("like"));
+    fs::remove(stored.eventURL());
+    EXPECT_EQ(serializer.increaseRetryCount(stored), std::nullopt);
+}
+
+TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSidecar) {
+    auto serializer = std::make_unique<APEventSerializer>(directory, logger, std::make_shared<UnsupportedAttributes>());
+    EXPECT_TRUE(serializer->usesRetryCountFiles());  // found by asking the folder
+    auto stored = *serializer->serializeEvent(event("like"));
+    EXPECT_EQ(serializer->increaseRetryCount(stored), 1u);
+    EXPECT_EQ(serializer->increaseRetryCount(stored), 2u);
+
+    const fs::path sidecar = directory / ("." + stored.eventURL().stem().native() + ".retry");
+    ASSERT_TRUE(fs::exists(sidecar));
+    EXPECT_EQ(fs::file_size(sidecar), 8u);
+    EXPECT_EQ(serializer->serializedEventsCount(), 1u);
+    EXPECT_EQ(serializer->serializedEvents().size(), 1u);
+
+    // The count survives a restart, starts over when the event is stored again, and goes
+    // with the event.
+    serializer = std::make_unique<APEventSerializer>(directory, logger, std::make_shared<UnsupportedAttributes>());
+    EXPECT_EQ(serializer->retryCountForEventAtURL(stored.eventURL()), 2u);
+    serializer->serializeEvent(event("like"));
+    EXPECT_EQ(serializer->retryCountForEventAtURL(stored.eventURL()), 0u);
+    EXPECT_EQ(serializer->increaseRetryCount(stored), 1u);
+    serializer->deleteEvents(std::vector<APSerializedEvent>{stored});
+    EXPECT_FALSE(fs::exists(sidecar));
+    EXPECT_EQ(filesIn(directory), 0u);
+}
+
+TEST_F(APEventSerializerTests, MissingAttributeSupportIsAlsoFoundOnFirstUse) {
+    // The folder does not exist yet, so asking it at construction tells nothing.
+    APEventSerializer serializer(temp / "fresh", logger, std::make_shared<UnsupportedAttributes>());
+    EXPECT_FALSE(serializer.usesRetryCountFiles());
+    auto stored = *serializer.serializeEvent(event("like"));
+    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
+    EXPECT_TRUE(serializer.usesRetryCountFiles());
+    EXPECT_EQ(serializer.retryCountForEventAtURL(stored.eventURL()), 1u);
+}
+
+TEST(APSerializedEventTests, EqualityHashAndArchive) {
+    auto e = APEvent::make("like", AttributeDictionary{{"n", 1}});
+    APSerializedEvent a(e, "/tmp/x.event");
+    APSerializedEvent b(APEvent::make("like", AttributeDictionary{{"n", 1}}), "/tmp/x.event");
+    APSerializedEvent c(e, "/tmp/y.event");
+    EXPECT_EQ(a, b);
+    EXPECT_EQ(a.hash(), b.hash());
+    EXPECT_FALSE(a == c);
+    EXPECT_EQ(a.description(), "<APSerializedEvent: self.event=" + e->description() + ", self.eventURL=file:///tmp/x.event>");
+
+    KeyedArchiver coder(APSerializedEvent::kClassName);
+    a.encodeWithCoder(coder);
+    std::string error;
+    auto decoder = KeyedUnarchiver::fromBytes(
+        coder.finish(), {APSerializedEvent::kClassName, APEvent::kClassName, "dictionary", "number", "string"}, &error);
+    ASSERT_TRUE(decoder) << error;
+    EXPECT_EQ(APSerializedEvent::decode(*decoder), a);
+
+    EXPECT_DEATH(APSerializedEvent(nullptr, "/tmp/x.event"), "Invalid parameter not satisfying: event");
+    EXPECT_DEATH(APSerializedEvent(e, ""), "Invalid parameter not satisfying: eventURL");
+}
+
+}  // namespace
+}  // namespace kt

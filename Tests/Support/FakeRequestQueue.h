@@ -1,0 +1,46 @@
+#pragma once
+// A RequestQueueing that sends nothing: it keeps each request with its callback until the
+// test answers it, or answers at once with a fixed code. State belongs to the instance.
+
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "KTData/RequestQueue.h"
+
+namespace kt::testing {
+
+/// Thread-safe.
+class FakeRequestQueue final : public RequestQueueing {
+public:
+    explicit FakeRequestQueue(bool reachable = true) : reachable_(reachable) {}
+
+    bool isNetworkReachable() const override;
+    void sendRequest(HTTPRequest request, ResultCallback resultCallback) override;
+
+    void setReachable(bool reachable);
+    /// Answer every later request at once, on the sending thread, with `code`; nullopt
+    /// goes back to holding requests until `respond`.
+    void setAutomaticResult(std::optional<int> code);
+
+    /// Every request sent so far, answered or not, in sending order.
+    std::vector<HTTPRequest> sentRequests() const;
+    std::size_t sentCount() const;
+    /// Requests not answered yet.
+    std::size_t pendingCount() const;
+    /// Answers the oldest unanswered request with `code` (outside the lock). False when
+    /// none is pending.
+    bool respond(int code);
+    /// Answers every pending request with `code`; the number answered.
+    std::size_t respondToAll(int code);
+
+private:
+    mutable std::mutex mutex_;
+    bool reachable_;                                // guarded by mutex_
+    std::optional<int> automaticResult_;            // guarded by mutex_
+    std::vector<HTTPRequest> sent_;                 // guarded by mutex_
+    std::vector<ResultCallback> pendingCallbacks_;  // guarded by mutex_
+};
+
+}  // namespace kt::testing

@@ -1,0 +1,194 @@
+// The queue without an HTTP server: refused connections, silent servers, shutdown and
+// reachability. Answers from a real server are covered by the end-to-end suite.
+
+#include "KTData/CurlRequestQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "KTFoundation/ConnectivityStateDetecting.h"
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Generous: these waits only guard against a hang, they measure nothing.
+constexpr auto kDeadline = 30s;
+
+class FixedConnectivity final : public ConnectivityStateDetecting {
+public:
+    explicit FixedConnectivity(bool reachable) : reachable_(reachable) {}
+    std::string connectivityStateDescription() const override { return reachable_ ? "ethernet" : "none"; }
+    bool isNetworkReachable() const override { return reachable_; }
+    bool isConnectedToVPN() const override { return false; }
+
+private:
+    bool reachable_;
+};
+
+// Collects result codes and the threads they arrived on.
+class Results {
+public:
+    RequestQueueing::ResultCallback callback() {
+        return [this](int code) {
+            std::lock_guard lock(mutex_);
+            codes_.push_back(code);
+            threads_.push_back(std::this_thread::get_id());
+            changed_.notify_all();
+        };
+    }
+    bool waitFor(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, kDeadline, [&] { return codes_.size() >= count; });
+    }
+    std::vector<int> codes() const {
+        std::lock_guard lock(mutex_);
+        return codes_;
+    }
+    std::vector<std::thread::id> threads() const {
+        std::lock_guard lock(mutex_);
+        return threads_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<int> codes_;
+    std::vector<std::thread::id> threads_;
+};
+
+// A loopback TCP socket. Listening without ever accepting makes a server that takes the
+// connection (the kernel completes it) and never answers.
+class LoopbackSocket {
+public:
+    explicit LoopbackSocket(bool listening) {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = 0;
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        socklen_t length = sizeof address;
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        if (listening) EXPECT_EQ(::listen(fd_, 64), 0);
+    }
+    ~LoopbackSocket() { close(); }
+    void close() {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+    std::string url(const std::string& path = "/v1/events") const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path;
+    }
+
+private:
+    int fd_ = -1;
+    int port_ = 0;
+};
+
+HTTPRequest postTo(const std::string& url) {
+    HTTPRequest request;
+    request.url = url;
+    request.method = "POST";
+    request.setValue("application/json", "Content-Type");
+    request.body = "[]";
+    return request;
+}
+
+TEST(CurlRequestQueueTests, aRefusedConnectionIsCodeTwoOnTheWorkerThread) {
+    LoopbackSocket closed(false);
+    const std::string url = closed.url();
+    closed.close();  // nothing listens on that port any more
+
+    CurlRequestQueue queue({}, nullptr, nullptr);
+    Results results;
+    queue.sendRequest(postTo(url), results.callback());
+    ASSERT_TRUE(results.waitFor(1));
+
+    EXPECT_EQ(results.codes(), std::vector<int>{2});
+    EXPECT_NE(results.threads()[0], std::this_thread::get_id());
+    const auto statistics = queue.statistics();
+    EXPECT_EQ(statistics.requestsSent, 0u);
+    EXPECT_EQ(statistics.failed, 1u);
+}
+
+TEST(CurlRequestQueueTests, aURLThatCannotBeSentIsCodeTwo) {
+    CurlRequestQueue queue({}, nullptr, nullptr);
+    Results results;
+    queue.sendRequest(postTo("file:///etc/passwd"), results.callback());
+    queue.sendRequest(postTo("not a url at all"), results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(results.codes(), (std::vector<int>{2, 2}));
+}
+
+TEST(CurlRequestQueueTests, aServerThatNeverAnswersTimesOutWithCodeTwo) {
+    LoopbackSocket silent(true);
+    CurlRequestQueue::Configuration configuration;
+    configuration.totalTimeout = 200ms;
+    CurlRequestQueue queue(configuration, nullptr, nullptr);
+    Results results;
+    queue.sendRequest(postTo(silent.url()), results.callback());
+    queue.sendRequest(postTo(silent.url()), results.callback());
+    ASSERT_TRUE(results.waitFor(2));
+    EXPECT_EQ(results.codes(), (std::vector<int>{2, 2}));
+    EXPECT_EQ(queue.statistics().requestsSent, 0u);
+}
+
+TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCallbacksPost) {
+    LoopbackSocket silent(true);
+    Results results;
+    Results postedDuringShutdown;
+    {
+        CurlRequestQueue::Configuration configuration;
+        configuration.totalTimeout = 10min;  // only the shutdown ends these transfers
+        configuration.shutdownTimeout = 50ms;
+        configuration.maximumConcurrentRequests = 2;  // some wait, never started
+        CurlRequestQueue queue(configuration, nullptr, nullptr);
+        for (int i = 0; i < 4; ++i) queue.sendRequest(postTo(silent.url()), results.callback());
+        queue.sendRequest(postTo(silent.url()), [&queue, &postedDuringShutdown, &results](int code) {
+            queue.sendRequest(postTo("http://127.0.0.1:1/"), postedDuringShutdown.callback());
+            results.callback()(code);
+        });
+    }
+    // The destructor has joined the worker: every callback has run.
+    EXPECT_EQ(results.codes(), (std::vector<int>{2, 2, 2, 2, 2}));
+    EXPECT_EQ(postedDuringShutdown.codes(), std::vector<int>{2});
+}
+
+TEST(CurlRequestQueueTests, aLoopbackGatewayIsReachableWhateverTheDetectorSays) {
+    const auto offline = std::make_shared<FixedConnectivity>(false);
+    const auto online = std::make_shared<FixedConnectivity>(true);
+    for (const char* base : {"http://127.0.0.1:8080", "http://127.3.4.5", "http://localhost:9000/base",
+                             "http://LOCALHOST", "http://[::1]:8080"}) {
+        CurlRequestQueue queue({.baseURL = base}, offline, nullptr);
+        EXPECT_TRUE(queue.isNetworkReachable()) << base;
+    }
+    for (const char* base : {"https://events.example.com", "http://10.0.0.1:8080", "http://[2001:db8::1]", ""}) {
+        CurlRequestQueue queueOffline({.baseURL = base}, offline, nullptr);
+        EXPECT_FALSE(queueOffline.isNetworkReachable()) << base;
+        CurlRequestQueue queueOnline({.baseURL = base}, online, nullptr);
+        EXPECT_TRUE(queueOnline.isNetworkReachable()) << base;
+    }
+    CurlRequestQueue withoutDetector({.baseURL = "https://events.example.com"}, nullptr, nullptr);
+    EXPECT_TRUE(withoutDetector.isNetworkReachable());
+}
+
+TEST(CurlRequestQueueDeathTests, noConcurrencyIsAProgrammingError) {
+    EXPECT_DEATH(CurlRequestQueue({.maximumConcurrentRequests = 0}, nullptr, nullptr),
+                 "Invalid parameter not satisfying: .*maximumConcurrentRequests > 0");
+}
+
+}  // namespace
+}  // namespace kt

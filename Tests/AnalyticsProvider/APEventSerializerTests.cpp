@@ -152,6 +152,17 @@ TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferently) {
     EXPECT_TRUE(fs::exists(directory / "notes.txt"));
 }
 
+TEST_F(APEventSerializerTests, SkippedFilesAreNeitherReadNorDeleted) {
+    writeFile(directory / "garbage.event", "not an archive");
+    writeBytes(directory / "good.event", event("like")->archivedData());
+    APEventSerializer serializer(directory, logger);
+    auto listed = serializer.serializedEvents([](const fs::path& url) { return url.filename() == "garbage.event"; });
+    EXPECT_EQ(listed.size(), 1u);
+    EXPECT_TRUE(fs::exists(directory / "garbage.event"));
+    EXPECT_EQ(serializer.serializedEventsCount(), 2u);
+    EXPECT_TRUE(logger->messages(3).empty());
+}
+
 TEST_F(APEventSerializerTests, ANewSerializerOverTheSameFolderSeesWhatWasStored) {
     fs::path url;
     {

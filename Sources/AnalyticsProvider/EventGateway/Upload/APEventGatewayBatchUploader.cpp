@@ -1,5 +1,9 @@
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 
+#include <filesystem>
+#include <string>
+#include <unordered_set>
+
 #include "AnalyticsProvider/APEventFormatter.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
@@ -102,7 +106,14 @@ std::size_t APEventGatewayBatchUploader::numberOfEventsWaitingToBeUploaded() con
 }
 
 APSerializedEventSet APEventGatewayBatchUploader::serializedEventsNotQueued() const {
-    APSerializedEventSet events = eventSerializer_->serializedEvents();
+    // Files of events in flight are not read again: their names are the digests of their
+    // contents, so they would decode to the very events already in flight and be filtered
+    // out. Without this, every flush while a large batch is out would re-read all of it.
+    std::unordered_set<std::string> inFlight;
+    inFlight.reserve(queuedEvents_.size());
+    for (const auto& e : queuedEvents_) inFlight.insert(e.eventURL().native());
+    APSerializedEventSet events = eventSerializer_->serializedEvents(
+        [&inFlight](const std::filesystem::path& url) { return inFlight.count(url.native()) != 0; });
     std::erase_if(events, [this](const APSerializedEvent& e) { return queuedEvents_.count(e) != 0; });
     return events;
 }

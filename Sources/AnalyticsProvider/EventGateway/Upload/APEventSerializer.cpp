@@ -219,12 +219,15 @@ void APEventSerializer::removeStaleTemporaryFiles() {
     }
 }
 
-APSerializedEventSet APEventSerializer::serializedEvents() {
+APSerializedEventSet APEventSerializer::serializedEvents() { return serializedEvents(nullptr); }
+
+APSerializedEventSet APEventSerializer::serializedEvents(const std::function<bool(const fs::path&)>& skip) {
     std::vector<fs::path> urls;
     relist(&urls);
     APSerializedEventSet result;
     result.reserve(urls.size());
     for (auto& url : urls) {
+        if (skip && skip(url)) continue;
         std::error_code ec;
         if (!fs::exists(url, ec)) {
             KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",

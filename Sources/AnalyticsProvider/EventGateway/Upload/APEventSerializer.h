@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -46,6 +47,10 @@ public:
     std::optional<APSerializedEvent> serializeEvent(const std::shared_ptr<const APEvent>& event);
     /// Reads every stored event back. Files that cannot be decoded are deleted on the spot.
     APSerializedEventSet serializedEvents();
+    /// The same, leaving out (unread) the files for which `skip` holds. A file's name is the
+    /// digest of its contents, so a caller that already holds a file's event loses nothing
+    /// by skipping it.
+    APSerializedEventSet serializedEvents(const std::function<bool(const std::filesystem::path&)>& skip);
     /// The number of stored files with the extension "event". Answered from memory.
     std::size_t serializedEventsCount() const { return indexedNames_.size(); }
     /// Deletes the events' files; failures are logged. An empty collection is fatal.

@@ -17,12 +17,13 @@ using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 
 // Holds the worker inside a task until released, so that a test can line up work behind it.
+// Declare it before the queue: the queue must be gone (joined) before the gate is.
 class Gate {
 public:
     SerialQueue::Task blocker() {
-        return [this] {
+        return [this, opened = opened_] {
             entered_.set_value();
-            opened_.wait();
+            opened.wait();
         };
     }
     void waitUntilEntered() { entered_.get_future().wait(); }
@@ -57,12 +58,12 @@ struct OrderLog {
 };
 
 TEST(ThreadSerialQueueTests, RunsTasksOneAtATimeInSubmissionOrderPerProducer) {
-    ThreadSerialQueue queue("order");
     constexpr int kProducers = 4;
     constexpr int kTasksEach = 20000;
     std::vector<std::vector<int>> seen(kProducers);
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
+    ThreadSerialQueue queue("order");
 
     std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; ++p) {
@@ -90,18 +91,19 @@ TEST(ThreadSerialQueueTests, RunsTasksOneAtATimeInSubmissionOrderPerProducer) {
 }
 
 TEST(ThreadSerialQueueTests, DelayedTasksRunInDeadlineOrderAndKeepTheirPlaceOnceDue) {
-    ThreadSerialQueue queue("delayed");
     OrderLog log;
     Gate gate;
+    ThreadSerialQueue queue("delayed");
     queue.async(gate.blocker());
     gate.waitUntilEntered();
 
-    auto start = std::chrono::steady_clock::now();
-    queue.asyncAfter(30us, log.append(3));
-    queue.asyncAfter(10us, log.append(1));
-    queue.asyncAfter(20us, log.append(2));
+    // Deadlines 10 ms apart, so that slow submission (sanitizers, a loaded machine) cannot
+    // reorder them.
+    queue.asyncAfter(30ms, log.append(3));
+    queue.asyncAfter(10ms, log.append(1));
+    queue.asyncAfter(20ms, log.append(2));
     queue.asyncAfter(1h, log.append(99));  // never due during this test
-    spinPast(start, 30us);
+    spinPast(std::chrono::steady_clock::now(), 30ms);
     // Submitted after the delayed ones fell due: runs after them.
     queue.async(log.append(4));
     gate.open();
@@ -111,8 +113,8 @@ TEST(ThreadSerialQueueTests, DelayedTasksRunInDeadlineOrderAndKeepTheirPlaceOnce
 }
 
 TEST(ThreadSerialQueueTests, ImmediateTasksOvertakeDelayedTasksThatAreNotDue) {
-    ThreadSerialQueue queue("overtake");
     OrderLog log;
+    ThreadSerialQueue queue("overtake");
     queue.asyncAfter(1h, log.append(1));
     queue.async(log.append(2));
     queue.async(log.append(3));
@@ -121,8 +123,8 @@ TEST(ThreadSerialQueueTests, ImmediateTasksOvertakeDelayedTasksThatAreNotDue) {
 }
 
 TEST(ThreadSerialQueueTests, DelayedTaskWakesASleepingWorker) {
-    ThreadSerialQueue queue("wake");
     std::promise<void> ran;
+    ThreadSerialQueue queue("wake");
     // Let the worker fall asleep with nothing to do, then hand it a short timer.
     ASSERT_TRUE(queue.drain(60s));
     queue.asyncAfter(1ms, [&] { ran.set_value(); });
@@ -130,8 +132,8 @@ TEST(ThreadSerialQueueTests, DelayedTaskWakesASleepingWorker) {
 }
 
 TEST(ThreadSerialQueueTests, DrainTimesOutWhileTheWorkerIsBusyAndSucceedsAfterwards) {
-    ThreadSerialQueue queue("drain");
     Gate gate;
+    ThreadSerialQueue queue("drain");
     queue.async(gate.blocker());
     gate.waitUntilEntered();
     EXPECT_FALSE(queue.drain(10ms));
@@ -164,8 +166,8 @@ TEST(ThreadSerialQueueTests, ShutdownRunsAcceptedTasksThenDropsEverythingLater) 
 TEST(ThreadSerialQueueTests, DestructorRunsPendingImmediateTasks) {
     std::atomic<int> ran{0};
     {
-        ThreadSerialQueue queue("destructor");
         Gate gate;
+        ThreadSerialQueue queue("destructor");
         queue.async(gate.blocker());
         gate.waitUntilEntered();
         for (int i = 0; i < 100; ++i)
@@ -176,8 +178,8 @@ TEST(ThreadSerialQueueTests, DestructorRunsPendingImmediateTasks) {
 }
 
 TEST(ThreadSerialQueueTests, ThrowingTaskDoesNotStopTheWorker) {
-    ThreadSerialQueue queue("throws");
     std::atomic<bool> laterRan{false};
+    ThreadSerialQueue queue("throws");
     ::testing::internal::CaptureStderr();
     queue.async([] { throw std::runtime_error("boom"); });
     queue.async([&] { laterRan = true; });

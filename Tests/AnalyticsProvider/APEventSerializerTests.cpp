@@ -1,6 +1,7 @@
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 
@@ -161,6 +162,18 @@ TEST_F(APEventSerializerTests, SkippedFilesAreNeitherReadNorDeleted) {
     EXPECT_TRUE(fs::exists(directory / "garbage.event"));
     EXPECT_EQ(serializer.serializedEventsCount(), 2u);
     EXPECT_TRUE(logger->messages(3).empty());
+}
+
+TEST_F(APEventSerializerTests, LeftoversOfAKilledWriteAreRemovedAtStartWhenOld) {
+    const fs::path old = directory / ".0123456789abcdef0123456789abcdef01234567.event.a1B2c3";
+    const fs::path recent = directory / ".0123456789abcdef0123456789abcdef01234567.event.Zz9Yy8";
+    writeFile(old, "half");
+    writeFile(recent, "half");
+    fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(1));
+    APEventSerializer serializer(directory, logger);
+    EXPECT_FALSE(fs::exists(old));
+    EXPECT_TRUE(fs::exists(recent));  // another process may still be writing it
+    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
 }
 
 TEST_F(APEventSerializerTests, ANewSerializerOverTheSameFolderSeesWhatWasStored) {

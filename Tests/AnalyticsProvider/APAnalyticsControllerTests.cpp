@@ -1,0 +1,179 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "AnalyticsProvider/APAnalyticsController.h"
+#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "AnalyticsProvider/APEvent.h"
+#include "Support/RecordingLogger.h"
+#include "Support/RecordingTechLogger.h"
+
+namespace kt {
+namespace {
+
+class CountingUploader final : public RRUReliableRequestUploader {
+public:
+    void uploadFailedRequests() override { ++calls; }
+    int calls = 0;
+};
+
+// Records into a log shared by all providers of one test, so the order across providers shows.
+class TrackingProvider : public APBaseAnalyticsProvider {
+public:
+    TrackingProvider(std::vector<std::string> names, std::vector<std::string>& log, std::string label)
+        : names_(std::make_shared<const EventNameSet>(names.begin(), names.end())), log_(log), label_(std::move(label)) {}
+    std::shared_ptr<const EventNameSet> trackedEvents() const override { return names_; }
+    void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override {
+        log_.push_back(label_ + ":" + event->name());
+    }
+    void flush() override { log_.push_back(label_ + ":flush"); }
+
+private:
+    std::shared_ptr<const EventNameSet> names_;
+    std::vector<std::string>& log_;
+    std::string label_;
+};
+
+class PageviewProvider : public TrackingProvider {
+public:
+    using TrackingProvider::TrackingProvider;
+};
+class DerivedPageviewProvider final : public PageviewProvider {
+public:
+    using PageviewProvider::PageviewProvider;
+};
+class SilentProvider final : public APBaseAnalyticsProvider {};
+
+struct ControllerFixture : ::testing::Test {
+    std::shared_ptr<CountingUploader> uploader = std::make_shared<CountingUploader>();
+    std::shared_ptr<testing::RecordingTechLogger> techLogger = std::make_shared<testing::RecordingTechLogger>();
+    std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
+    APAnalyticsController controller{uploader, std::make_shared<APEventNames>(), techLogger, logger};
+    std::vector<std::string> log;
+};
+
+TEST_F(ControllerFixture, DispatchesOnlyToProvidersTrackingTheNameInRegistrationOrder) {
+    controller.registerAnalyticsProvider(std::make_shared<TrackingProvider>(
+        std::vector<std::string>{"like", "audio"}, log, "first"));
+    controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(
+        std::vector<std::string>{"pageview", "like"}, log, "second"));
+    controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
+
+    controller.tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}}));
+    controller.tagEvent(APEvent::make("like", std::nullopt));
+    controller.flush();
+
+    EXPECT_EQ(log, (std::vector<std::string>{"second:pageview", "first:like", "second:like", "first:flush",
+                                             "second:flush"}));
+    EXPECT_TRUE(logger->contains("Tagging event to providers PageviewProvider:\npageview {page_name = stream:main}"));
+    EXPECT_TRUE(logger->contains("Tagging event to providers TrackingProvider,PageviewProvider:\nlike {}"));
+    EXPECT_EQ(techLogger->count(), 0u);
+    EXPECT_EQ(controller.trackedEvents(), (EventNameSet{"like", "audio", "pageview"}));
+}
+
+TEST_F(ControllerFixture, UntrackedEventIsReportedAsUnused) {
+    controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
+    controller.tagEvent(APEvent::make("sign_up", AttributeDictionary{{"method", "email"}}));
+
+    const auto events = techLogger->events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].name, "unused_event");
+    EXPECT_EQ(events[0].space, 1);
+    EXPECT_TRUE(events[0].metrics.empty());
+    EXPECT_EQ(events[0].attributes, (AttributeDictionary{{"event", "sign_up"}}));
+    EXPECT_TRUE(logger->contains(
+        "Event was tagged but not logged by any analytics provider\n <APEvent: name=sign_up attributes={method = email}>"));
+    const auto records = logger->records();
+    EXPECT_TRUE(std::any_of(records.begin(), records.end(), [](const auto& r) {
+        return r.level == 1 && r.file == "Sources/AnalyticsProvider/APAnalyticsController" &&
+               r.function == "-[APAnalyticsController logUnusedEvent:]";
+    }));
+}
+
+TEST_F(ControllerFixture, AudioIsLoggedForPlaybackEvenWhenNobodyTracksIt) {
+    controller.tagEvent(APEvent::make("audio", AttributeDictionary{{"track", "quillarbor:tracks:5"},
+                                                                   {"pause_reason", "buffer"},
+                                                                   {"ignored", "x"}}));
+    EXPECT_TRUE(logger->contains(
+        "#playback_analytics: tag audio event audio {pause_reason = buffer; track = quillarbor:tracks:5}"));
+    EXPECT_EQ(techLogger->eventsNamed("unused_event").size(), 1u);
+}
+
+TEST_F(ControllerFixture, WithoutATechLoggerAnUnusedEventIsOnlyLogged) {
+    APAnalyticsController bare{uploader, std::make_shared<APEventNames>(), nullptr, logger};
+    bare.tagEvent(APEvent::make("follow", std::nullopt));
+    EXPECT_TRUE(logger->contains("Event was tagged but not logged by any analytics provider"));
+}
+
+TEST_F(ControllerFixture, SubclassMayFollowItsBaseButNotTheOtherWayAround) {
+    auto base = std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "base");
+    controller.registerAnalyticsProvider(base);
+    auto derived = std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived");
+    controller.registerAnalyticsProvider(derived);
+
+    EXPECT_TRUE(APAnalyticsController::providerIsSameAs(*derived, *base));
+    EXPECT_FALSE(APAnalyticsController::providerIsSameAs(*base, *derived));
+    EXPECT_EQ(controller.providerForClass<PageviewProvider>(), base);
+    EXPECT_EQ(controller.providerForClass<DerivedPageviewProvider>(), derived);
+    EXPECT_EQ(controller.providerForClass<SilentProvider>(), nullptr);
+}
+
+TEST_F(ControllerFixture, ProviderForClassIgnoresSubclassInstances) {
+    controller.registerAnalyticsProvider(
+        std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived"));
+    EXPECT_EQ(controller.providerForClass<PageviewProvider>(), nullptr);
+}
+
+TEST_F(ControllerFixture, RegistrationKeepsTheListADispatchStartedWith) {
+    auto before = controller.analyticsProviders();
+    controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
+    EXPECT_TRUE(before->empty());
+    EXPECT_EQ(controller.analyticsProviders()->size(), 1u);
+}
+
+TEST_F(ControllerFixture, UploadFailedEventsAsksTheUploader) {
+    controller.uploadFailedEvents();
+    EXPECT_EQ(uploader->calls, 1);
+}
+
+using ControllerDeathTest = ControllerFixture;
+
+TEST_F(ControllerDeathTest, ProgrammingErrorsAreFatal) {
+    EXPECT_DEATH(controller.tagEvent(APEvent::make("Pageview", std::nullopt)), "unknown event name Pageview");
+    EXPECT_DEATH(controller.tagEvent(nullptr), "Invalid parameter not satisfying: event");
+    EXPECT_DEATH(controller.registerAnalyticsProvider(nullptr), "Invalid parameter not satisfying: provider");
+    EXPECT_DEATH(APAnalyticsController(nullptr, std::make_shared<APEventNames>(), nullptr),
+                 "Invalid parameter not satisfying: uploader");
+    EXPECT_DEATH(APAnalyticsController(uploader, nullptr, nullptr), "Invalid parameter not satisfying: eventNames");
+
+    controller.registerAnalyticsProvider(
+        std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived"));
+    EXPECT_DEATH(controller.registerAnalyticsProvider(
+                     std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "base")),
+                 "Provider with same class already exists");
+}
+
+TEST(APAnalyticsControllerSharedTests, SharedInstanceIsPreparedOnce) {
+    // The unprepared case runs first, in a fresh child process of its own.
+    ::testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_DEATH(APAnalyticsController::sharedInstance(), "Accessed sharedInstance before it was prepared");
+
+    auto first = std::make_shared<CountingUploader>();
+    auto second = std::make_shared<CountingUploader>();
+    APAnalyticsController::prepareSharedInstance(first, std::make_shared<APEventNames>(), nullptr);
+    APAnalyticsController::prepareSharedInstance(second, std::make_shared<APEventNames>(), nullptr);
+    EXPECT_EQ(APAnalyticsController::sharedInstance().requestUploader(), first);
+}
+
+TEST(APEventNamesTests, TheVocabularyIsTheFixedFortyOneNames) {
+    APEventNames names;
+    const auto& list = names.supportedEventNames();
+    EXPECT_EQ(list.size(), 41u);
+    EXPECT_EQ(list.front(), "ad_request");
+    EXPECT_EQ(list.back(), "click");
+    EXPECT_EQ(EventNameSet(list.begin(), list.end()).size(), 41u);
+    EXPECT_NE(std::find(list.begin(), list.end(), "share::prompt"), list.end());
+}
+
+}  // namespace
+}  // namespace kt

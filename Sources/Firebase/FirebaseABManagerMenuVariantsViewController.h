@@ -19,7 +19,7 @@ public:
     FirebaseABManagerMenuVariantsViewController(FirebaseABExperimentType experiment,
                                                 CompletionCallback completionCallback);
 
-    std::string title() const override { return "Variants of " + experiment_.id(); }
+    std::string title() const override { return "Variants"; }
     std::vector<MenuRow> rows() const override;
 
     const FirebaseABExperimentType& experiment() const { return experiment_; }

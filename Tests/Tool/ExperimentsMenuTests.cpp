@@ -125,8 +125,13 @@ TEST_F(ExperimentsMenuSessionTest, NumbersChooseDirectlyAndOutOfRangeNumbersAreR
 
 std::string quoted(const std::string& text) {
     std::string result = "'";
-    for (char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return result + "'";
+    for (char c : text) {
+        if (c == '\'')
+            result += "'\\''";
+        else
+            result += c;
+    }
+    return result += "'";
 }
 
 /// Runs a shell command; its standard output, and whether it exited with 0.
@@ -156,7 +161,7 @@ public:
     /// Keys by tmux name ("Down", "Enter", "C-c") or literal text.
     void sendKeys(const std::vector<std::string>& keys) {
         std::string command = tmux() + " send-keys -t menu";
-        for (const auto& key : keys) command += " " + quoted(key);
+        for (const auto& key : keys) command.append(" ").append(quoted(key));
         run(command);
     }
     void typeLine(const std::string& text) {
@@ -219,7 +224,11 @@ protected:
         return std::regex_search(terminal.lastScreen(), std::regex("\\necho icanon =42"));
     }
 
+    /// Every terminal gets a server of its own: a server being killed may still hold its socket.
+    std::filesystem::path nextSocket() { return directory / ("tmux-" + std::to_string(++terminals) + ".sock"); }
+
     ::kt::testing::TemporaryDirectory directory{"kt-menuterminal"};
+    int terminals = 0;
     std::filesystem::path stateDir = directory / "state";
     std::filesystem::path remoteFile = directory / "remote.json";
 };
@@ -227,7 +236,7 @@ protected:
 TEST_F(ExperimentsCommandTest, AnOverrideChosenWithArrowsIsWhatTheNextStartReturnsUntilCleared) {
     if (!tmuxIsInstalled()) GTEST_SKIP() << "tmux is not installed";
     {
-        TmuxTerminal terminal(directory / "tmux.sock");
+        TmuxTerminal terminal(nextSocket());
         ASSERT_TRUE(terminal.started());
         terminal.typeLine(menuCommand() + "; echo menu-exit=$?");
         ASSERT_TRUE(terminal.waitFor("> 1\\. dev_ab_price_test")) << terminal.lastScreen();
@@ -248,7 +257,7 @@ TEST_F(ExperimentsCommandTest, AnOverrideChosenWithArrowsIsWhatTheNextStartRetur
         EXPECT_EQ(nextStart.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
     }
     {
-        TmuxTerminal terminal(directory / "tmux.sock");
+        TmuxTerminal terminal(nextSocket());
         ASSERT_TRUE(terminal.started());
         terminal.typeLine(menuCommand() + "; echo menu-exit=$?");
         ASSERT_TRUE(terminal.waitFor("> 1\\. dev_ab_price_test")) << terminal.lastScreen();
@@ -269,7 +278,7 @@ TEST_F(ExperimentsCommandTest, AnOverrideChosenWithArrowsIsWhatTheNextStartRetur
 
 TEST_F(ExperimentsCommandTest, ATerminatedMenuLeavesTheTerminalUsable) {
     if (!tmuxIsInstalled()) GTEST_SKIP() << "tmux is not installed";
-    TmuxTerminal terminal(directory / "tmux.sock");
+    TmuxTerminal terminal(nextSocket());
     ASSERT_TRUE(terminal.started());
     const auto pidFile = directory / "menu.pid";
     terminal.typeLine("sh -c 'echo $$ > " + pidFile.string() + "; exec \"$0\" \"$@\"' " + menuCommand() +

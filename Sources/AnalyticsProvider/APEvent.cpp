@@ -42,7 +42,7 @@ bool APEvent::isEqualToEvent(const APEvent& other) const {
 }
 
 std::size_t APEvent::hash() const {
-    const std::size_t attributesHash = attributes_ ? std::hash<AttributeDictionary>{}(*attributes_) : 0;
+    const std::size_t attributesHash = attributes_ ? value::hash(*attributes_) : 0;
     return std::hash<std::string>{}(name_) ^ attributesHash;
 }
 

@@ -82,6 +82,31 @@ void describeInto(const AttributeValue& v, std::string& out) {
 }
 }  // namespace
 
+std::size_t hash(const AttributeValue& v) {
+    constexpr std::size_t kMix = 0x9e3779b97f4a7c15ULL;
+    const auto combine = [](std::size_t seed, std::size_t h) { return seed ^ (h + kMix + (seed << 6) + (seed >> 2)); };
+    switch (v.type()) {
+        case AttributeValue::value_t::object: {
+            std::size_t seed = 1;
+            for (const auto& [key, item] : v.items())
+                seed = combine(seed, combine(std::hash<std::string>{}(key), hash(item)));
+            return seed;
+        }
+        case AttributeValue::value_t::array: {
+            std::size_t seed = 2;
+            for (const auto& item : v) seed = combine(seed, hash(item));
+            return seed;
+        }
+        case AttributeValue::value_t::number_integer:
+        case AttributeValue::value_t::number_unsigned:
+        case AttributeValue::value_t::number_float:
+            // Every kind of number hashes through its double value, as equality compares them.
+            return std::hash<double>{}(v.get<double>());
+        default:
+            return std::hash<AttributeValue>{}(v);
+    }
+}
+
 std::string describe(const AttributeValue& v) {
     std::string out;
     describeInto(v, out);

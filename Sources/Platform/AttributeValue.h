@@ -43,6 +43,10 @@ bool isAttributeKind(const AttributeValue& v);
 /// An empty dictionary (a JSON object, not null).
 inline AttributeDictionary dictionary() { return AttributeDictionary::object(); }
 
+/// A hash consistent with `==`: numbers that compare equal hash equally, whether they
+/// are held as signed, unsigned or floating-point (archives and JSON read 1 back unsigned).
+std::size_t hash(const AttributeValue& v);
+
 /// The platform's textual form of a value, used in log lines and descriptions:
 /// dictionaries as "{key = value; ...}", arrays as "(a, b)", strings bare.
 std::string describe(const AttributeValue& v);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <limits>
 #include <mutex>
+#include <unordered_map>
 #include <system_error>
 
 #include <pwd.h>
@@ -52,6 +53,13 @@ struct UserDefaults::Impl {
     sqlite3_stmt* upsert = nullptr;
     sqlite3_stmt* remove = nullptr;
     sqlite3_stmt* listKeys = nullptr;
+    sqlite3_stmt* dataVersion = nullptr;
+    // Reads are served from memory: the session id alone is read for every event, and a
+    // SELECT plus decoding costs several microseconds. Another connection's commit bumps
+    // SQLite's data_version, which drops the cache, so two objects over one file still
+    // see each other's writes.
+    mutable std::unordered_map<std::string, std::optional<AttributeValue>> cache;
+    mutable long long cachedVersion = -1;
 
     Impl() = default;
     Impl(const Impl&) = delete;
@@ -59,7 +67,7 @@ struct UserDefaults::Impl {
 
     ~Impl() {
         // Statements must go before the connection they belong to.
-        for (sqlite3_stmt* s : {select, upsert, remove, listKeys}) sqlite3_finalize(s);
+        for (sqlite3_stmt* s : {select, upsert, remove, listKeys, dataVersion}) sqlite3_finalize(s);
         sqlite3_close(db);
     }
 
@@ -103,7 +111,8 @@ struct UserDefaults::Impl {
                            "ON CONFLICT(key) DO UPDATE SET value = excluded.value;",
                            &problem) ||
             !impl->prepare(impl->remove, "DELETE FROM defaults WHERE key = ?1;", &problem) ||
-            !impl->prepare(impl->listKeys, "SELECT key FROM defaults ORDER BY key;", &problem)) {
+            !impl->prepare(impl->listKeys, "SELECT key FROM defaults ORDER BY key;", &problem) ||
+            !impl->prepare(impl->dataVersion, "PRAGMA data_version;", &problem)) {
             if (error != nullptr) *error = "cannot open " + path.string() + ": " + problem;
             return nullptr;
         }
@@ -111,7 +120,27 @@ struct UserDefaults::Impl {
     }
 
     // The callers below hold `mutex`.
+    void validateCache() const {
+        long long version = -1;
+        {
+            StatementUse use(dataVersion);
+            if (sqlite3_step(dataVersion) == SQLITE_ROW) version = sqlite3_column_int64(dataVersion, 0);
+        }
+        if (version != cachedVersion || version < 0) {
+            cache.clear();
+            cachedVersion = version;
+        }
+    }
+
     std::optional<AttributeValue> read(const std::string& key) const {
+        validateCache();
+        if (auto it = cache.find(key); it != cache.end()) return it->second;
+        auto value = readStored(key);
+        cache.emplace(key, value);
+        return value;
+    }
+
+    std::optional<AttributeValue> readStored(const std::string& key) const {
         sqlite3_stmt* s = select;
         StatementUse use(s);
         sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
@@ -124,7 +153,11 @@ struct UserDefaults::Impl {
         StatementUse use(s);
         sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
         sqlite3_bind_blob(s, 2, encoded.data(), static_cast<int>(encoded.size()), SQLITE_STATIC);
-        sqlite3_step(s);
+        // Only a write that reached the database may be remembered as its value.
+        if (sqlite3_step(s) == SQLITE_DONE)
+            cache.erase(key);
+        else
+            cache.clear();
     }
 
     void erase(const std::string& key) {
@@ -132,6 +165,7 @@ struct UserDefaults::Impl {
         StatementUse use(s);
         sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
         sqlite3_step(s);
+        cache.erase(key);
     }
 
     std::vector<std::string> keysWithPrefix(const std::string& prefix) const {

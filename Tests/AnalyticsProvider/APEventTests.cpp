@@ -70,6 +70,7 @@ TEST(APEventTests, ArchivedEventReadsBackEqual) {
     auto back = APEvent::unarchive(event->archivedData(), kEventClasses, &error);
     ASSERT_TRUE(back) << error;
     EXPECT_TRUE(back->isEqual(event.get()));
+    EXPECT_EQ(back->hash(), event->hash());
 
     auto withoutAttributes = APEvent::make("foreground", std::nullopt);
     auto backNull = APEvent::unarchive(withoutAttributes->archivedData(), kEventClasses, &error);

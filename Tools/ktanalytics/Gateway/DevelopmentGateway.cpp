@@ -7,8 +7,10 @@
 #include <ostream>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include <httplib.h>
+#include <sys/socket.h>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 #include <zlib.h>
@@ -22,8 +24,13 @@ using nlohmann::json;
 // httplib inflates gzip bodies by itself when "Content-Encoding" says so; the gateway must
 // see the bytes as sent to check them, so the header is moved aside before the body is read.
 constexpr const char* kSetAsideEncoding = "X-Gateway-Received-Content-Encoding";
-// Tells the request log how many events a request stored.
-constexpr const char* kEventsHeader = "X-Gateway-Events";
+// httplib runs a request's handler and then its logger on one worker thread, and calls the
+// logger only after the response is on its way, when the client may already have sent its
+// next request on another connection. Routed requests are therefore logged by their handler
+// before answering, so the log keeps the order of handling; the logger covers the rest
+// (unknown paths, unreadable requests).
+thread_local bool tLoggedByHandler = false;
+thread_local std::size_t tEventsStored = 0;
 // A bound on what one upload may inflate to, against gzip bombs.
 constexpr std::size_t kMaximumRawBytes = 64u << 20;
 constexpr std::size_t kDefaultEventsLimit = 100;
@@ -303,7 +310,7 @@ struct DevelopmentGateway::Impl {
             statistics.bytesCompressed += request.body.size();
             statistics.bytesRaw += raw->size();
         }
-        response.set_header(kEventsHeader, std::to_string(elements->size()));
+        tEventsStored = elements->size();
         answerJSON(response, 200, json{{"accepted", elements->size()}});
     }
 
@@ -324,7 +331,12 @@ struct DevelopmentGateway::Impl {
         response.status = 200;
     }
 
-    void handleStats(httplib::Response& response) {
+    void logRequest(const httplib::Request& request, int status, std::size_t events) {
+        logLine(request.method + " " + request.path + " " + std::to_string(status) + " events=" +
+                std::to_string(events));
+    }
+
+    void handleStats(const httplib::Request&, httplib::Response& response) {
         const GatewayStatistics s = [this] {
             std::lock_guard lock(stateMutex);
             return statistics;
@@ -370,14 +382,27 @@ struct DevelopmentGateway::Impl {
             }
             return httplib::Server::HandlerResponse::Unhandled;
         });
-        server.Post("/v1/events", [this](const httplib::Request& q, httplib::Response& r) { handleUpload(q, r); });
-        server.Get("/stats", [this](const httplib::Request&, httplib::Response& r) { handleStats(r); });
-        server.Get("/events", [this](const httplib::Request& q, httplib::Response& r) { handleEvents(q, r); });
-        server.Get(R"(/track/.*)", [this](const httplib::Request& q, httplib::Response& r) { handleTracking(q, r); });
+        auto logged = [this](void (Impl::*handler)(const httplib::Request&, httplib::Response&)) {
+            return [this, handler](const httplib::Request& q, httplib::Response& r) {
+                tEventsStored = 0;
+                (this->*handler)(q, r);
+                logRequest(q, r.status, tEventsStored);
+                tLoggedByHandler = true;
+            };
+        };
+        server.Post("/v1/events", logged(&Impl::handleUpload));
+        server.Get("/stats", logged(&Impl::handleStats));
+        server.Get("/events", logged(&Impl::handleEvents));
+        server.Get(R"(/track/.*)", logged(&Impl::handleTracking));
         server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
-            const std::string events =
-                response.has_header(kEventsHeader) ? response.get_header_value(kEventsHeader) : "0";
-            logLine(request.method + " " + request.path + " " + std::to_string(response.status) + " events=" + events);
+            if (std::exchange(tLoggedByHandler, false)) return;
+            logRequest(request, response.status, 0);
+        });
+        // httplib's default also sets SO_REUSEPORT, which lets a second gateway share the
+        // port silently; a port in use must be an error instead.
+        server.set_socket_options([](int socket) {
+            int yes = 1;
+            setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
         });
         // Uploads come seconds apart; idle connections need not hold a worker for long.
         server.set_keep_alive_max_count(1000);

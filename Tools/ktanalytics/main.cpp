@@ -20,6 +20,7 @@ int main(int argc, char** argv) {
     int exitCode = 0;
     const kt::tool::CommandRegistrar registrars[] = {
         // commands: begin
+        &kt::tool::registerDemoCommand,
         &kt::tool::registerGatewayCommand,
         nullptr,
         &kt::tool::registerExperimentsCommand,

@@ -15,6 +15,8 @@ const char* versionString();
 
 void registerGatewayCommand(CLI::App& app, int& exitCode);
 
+void registerDemoCommand(CLI::App& app, int& exitCode);
+
 void registerExperimentsCommand(CLI::App& app, int& exitCode);
 
 }  // namespace kt::tool

@@ -1,0 +1,229 @@
+// `ktanalytics demo`: the whole SDK at work against the development gateway, in one run.
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+#include "Analytics/ConsoleFirebaseAnalytics.h"
+#include "Analytics/FirebaseAnalyticsController.h"
+#include "Analytics/FirebaseAnalyticsEventFactory.h"
+#include "Commands/Commands.h"
+#include "Commands/DemoSession.h"
+#include "Firebase/FirebaseABExperiments.h"
+#include "Firebase/FirebaseABManager.h"
+#include "Firebase/JsonFileRemoteConfig.h"
+#include "Gateway/DevelopmentGateway.h"
+#include "KTFoundation/PersistedPrivacySettings.h"
+#include "Platform/UserDefaults.h"
+#include "Setup/AnalyticsStack.h"
+
+namespace kt::tool {
+
+namespace {
+
+struct DemoOptions {
+    std::size_t events = 400;
+    std::size_t minimumBatch = 20;
+    double failRate = 0.0;
+    std::uint64_t seed = 7;
+    int timeoutSeconds = 60;
+    std::string stateDir;
+    bool verbose = false;
+};
+
+class TemporaryState {
+public:
+    explicit TemporaryState(const std::string& requested) {
+        if (!requested.empty()) {
+            path_ = requested;
+            return;
+        }
+        std::string pattern = (std::filesystem::temp_directory_path() / "ktanalytics-demo-XXXXXX").string();
+        if (char* made = mkdtemp(pattern.data())) {
+            path_ = made;
+            owned_ = true;
+        }
+    }
+    ~TemporaryState() {
+        std::error_code ec;
+        if (owned_) std::filesystem::remove_all(path_, ec);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+    bool owned_ = false;
+};
+
+void progressBar(std::ostream& out, const char* label, std::size_t done, std::size_t total) {
+    constexpr int kWidth = 30;
+    const int filled = total == 0 ? kWidth : static_cast<int>(kWidth * done / total);
+    out << "\r  " << std::left << std::setw(10) << label << " [" << std::string(filled, '#')
+        << std::string(kWidth - filled, '.') << "] " << done << "/" << total << std::flush;
+}
+
+// Plays the Firebase side: consent given, a burst of calls, consent withdrawn, the same
+// again. Returns how many calls were made in all.
+std::size_t playFirebase(FirebaseAnalyticsController& controller, PersistedPrivacySettings& privacy) {
+    FirebaseAnalyticsEventFactory factory;
+    std::size_t calls = 0;
+    const auto burst = [&] {
+        controller.trackScreen("Stream");
+        controller.log(factory.makePlayCheckpoint("stream"));
+        controller.log(factory.makeTrackLikeEvent());
+        controller.log(factory.makeTrackRepostEvent(true));
+        controller.log(factory.makeFollowEvent());
+        controller.log(factory.makeLikedTracksPageView());
+        controller.logEvent("session_summary", AttributeDictionary{{"tracks_played", 12}});
+        controller.trackScreen("Player");
+        calls += 8;
+    };
+    privacy.updateWithPrivacySettings({.analyticsTrackingEnabled = true});
+    burst();
+    privacy.updateWithPrivacySettings({.analyticsTrackingEnabled = false});
+    burst();
+    return calls;
+}
+
+int runDemo(const DemoOptions& options) {
+    std::ostream& out = std::cout;
+    TemporaryState state(options.stateDir);
+    if (state.path().empty()) {
+        std::cerr << "demo: cannot create a temporary state folder\n";
+        return 1;
+    }
+
+    std::ostringstream gatewayLog;
+    gateway::GatewayConfiguration gatewayConfiguration;
+    gatewayConfiguration.failRate = options.failRate;
+    gatewayConfiguration.seed = options.seed;
+    gatewayConfiguration.log = options.verbose ? &std::cerr : nullptr;
+    gateway::DevelopmentGateway gateway(gatewayConfiguration);
+    if (!gateway.start()) {
+        std::cerr << "demo: the development gateway did not start: " << gateway.lastError() << "\n";
+        return 1;
+    }
+    out << "KTAnalytics demo\n"
+        << "  development gateway  " << gateway.baseURL() << "\n"
+        << "  state folder         " << state.path().string() << "\n\n";
+
+    AnalyticsStackConfiguration configuration;
+    configuration.environment.eventGatewayBaseURL = gateway.baseURL();
+    configuration.environment.clientId = 46;
+    configuration.environment.minimumBatchSize = options.minimumBatch;
+    configuration.stateDirectory = state.path();
+    configuration.token = "demo-oauth-token";
+    configuration.userUrn = "quillarbor:users:7";
+    configuration.variantIds = {"4021", "4107"};
+    std::ostringstream sessionLines;  // the session id service's console lines stay out of the report
+    configuration.console = &sessionLines;
+    std::string error;
+    auto stack = AnalyticsStack::make(configuration, &error);
+    if (!stack) {
+        std::cerr << "demo: cannot build the analytics stack: " << error << "\n";
+        return 1;
+    }
+
+    // The event gateway road.
+    out << "Gateway events\n";
+    const auto session = makeDemoSession(options.events, options.seed);
+    const auto started = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < session.size(); ++i) {
+        stack->tagEvent(session[i]);
+        if ((i + 1) % 100 == 0 || i + 1 == session.size()) progressBar(out, "tagged", i + 1, session.size());
+    }
+    out << "\n";
+    stack->flush();
+    const bool drained = stack->waitUntilDelivered(std::chrono::seconds(options.timeoutSeconds));
+    const auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const auto upload = stack->statistics().upload;
+    progressBar(out, "delivered", upload.delivered, session.size());
+    out << "\n\n";
+
+    // The Firebase road, behind consent.
+    auto defaults = stack->userDefaults();
+    auto privacy = std::make_shared<PersistedPrivacySettings>(defaults);
+    std::ostringstream firebaseLines;
+    auto firebase = std::make_shared<ConsoleFirebaseAnalytics>(firebaseLines);
+    FirebaseAnalyticsController firebaseController(firebase, privacy);
+    out << "Firebase calls (consent withdrawn halfway)\n";
+    const std::size_t firebaseCalls = playFirebase(firebaseController, *privacy);
+    std::istringstream lines(firebaseLines.str());
+    for (std::string line; std::getline(lines, line);) out << "  " << line << "\n";
+    out << "\n";
+
+    // The experiments: remote values copied into user defaults, read back.
+    FirebaseABManager abManager(defaults);
+    JsonFileRemoteConfig remote(std::map<std::string, std::string>{
+        {"dev_ab_price_test", "discountedPrice"},
+        {"dev_ab_offline_sync_grace_period_test", "variantA"},
+        {"dev_offline_sync_grace_period_seconds_value", "3600"}});
+    abManager.updateAssignments(remote, FirebaseABExperimentProvider::all());
+
+    // The report.
+    const auto gatewayStats = gateway.stats();
+    const auto counts = firebaseController.callCounts();
+    out << "Delivery report\n";
+    out << "  " << std::left << std::setw(16) << "destination" << std::right << std::setw(8) << "tagged"
+        << std::setw(8) << "stored" << std::setw(10) << "uploaded" << std::setw(9) << "batches" << std::setw(11)
+        << "bytes raw" << std::setw(11) << "gzipped" << std::setw(9) << "retries" << std::setw(9) << "dropped"
+        << "\n";
+    out << "  " << std::left << std::setw(16) << "event gateway" << std::right << std::setw(8) << session.size()
+        << std::setw(8) << upload.stored << std::setw(10) << upload.delivered << std::setw(9) << upload.batchesSent
+        << std::setw(11) << upload.bytesRaw << std::setw(11) << upload.bytesGzipped << std::setw(9) << upload.retries
+        << std::setw(9) << upload.dropped() << "\n";
+    out << "  " << std::left << std::setw(16) << "firebase" << std::right << std::setw(8) << firebaseCalls
+        << std::setw(8) << "-" << std::setw(10) << counts.forwarded << std::setw(9) << "-" << std::setw(11) << "-"
+        << std::setw(11) << "-" << std::setw(9) << "-" << std::setw(9) << counts.suppressed
+        << "   (suppressed: no consent)\n";
+    out << "\n  gateway received " << gatewayStats.events << " events in " << gatewayStats.requests
+        << " requests (" << gatewayStats.failuresInjected << " failures injected), " << std::fixed
+        << std::setprecision(2) << elapsed << " s from first tag to last delivery\n";
+    out << "  still waiting on disk: " << upload.waiting << "\n\n";
+
+    out << std::defaultfloat << std::setprecision(6) << "Experiments\n";
+    for (const auto& experiment : FirebaseABExperimentProvider::all()) {
+        out << "  " << std::left << std::setw(44) << experiment.id() << " "
+            << abManager.assignment(experiment).value_or("(none)");
+        if (auto value = abManager.assignmentDoubleValue(experiment)) out << "  value " << *value;
+        out << "\n";
+    }
+
+    // Every gateway event either arrived or, with injected failures, was dropped after its
+    // last attempt and counted; consent decided every Firebase call.
+    const bool gatewayOk = drained && upload.waiting == 0 &&
+                           gatewayStats.events == upload.delivered &&
+                           upload.delivered + upload.dropped() == session.size() &&
+                           (options.failRate > 0.0 || upload.delivered == session.size());
+    const bool firebaseOk = counts.forwarded + counts.suppressed == firebaseCalls && counts.forwarded == firebaseCalls / 2;
+    out << "\nResult: " << (gatewayOk && firebaseOk ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
+    stack.reset();
+    gateway.stop();
+    return gatewayOk && firebaseOk ? 0 : 1;
+}
+
+}  // namespace
+
+void registerDemoCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<DemoOptions>();
+    CLI::App* demo = app.add_subcommand(
+        "demo", "Start the development gateway, play a listening session through the SDK and report delivery");
+    demo->add_option("--events", options->events, "Gateway events to tag (default 400)")->check(CLI::Range(1, 1000000));
+    demo->add_option("--min-batch", options->minimumBatch, "Minimum batch size (default 20)")
+        ->check(CLI::Range(1, 100000));
+    demo->add_option("--fail-rate", options->failRate, "Share of uploads the gateway fails (default 0)")
+        ->check(CLI::Range(0.0, 1.0));
+    demo->add_option("--seed", options->seed, "Seed of the session and of the failures");
+    demo->add_option("--timeout", options->timeoutSeconds, "Seconds to wait for delivery (default 60)")
+        ->check(CLI::Range(1, 3600));
+    demo->add_option("--state-dir", options->stateDir, "Keep the state here instead of a temporary folder");
+    demo->add_flag("--verbose", options->verbose, "Print every request the gateway receives");
+    demo->callback([options, &exitCode] { exitCode = runDemo(*options); });
+}
+
+}  // namespace kt::tool

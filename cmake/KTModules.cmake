@@ -40,7 +40,25 @@ function(kt_library)
   set_target_properties(ktanalytics PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   add_library(KTAnalytics::ktanalytics ALIAS ktanalytics)
 
-  install(TARGETS ktanalytics LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  # Public headers use nlohmann/json as the attribute value type.
+  target_link_libraries(ktanalytics PUBLIC nlohmann_json::nlohmann_json)
+  set_target_properties(ktanalytics PROPERTIES EXPORT_NAME ktanalytics)
+
+  install(TARGETS ktanalytics EXPORT KTAnalyticsTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics)
+  install(EXPORT KTAnalyticsTargets NAMESPACE KTAnalytics::
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KTAnalytics)
+  include(CMakePackageConfigHelpers)
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KTAnalyticsConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/KTAnalyticsConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KTAnalytics)
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/KTAnalyticsConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/KTAnalyticsConfig.cmake ${PROJECT_BINARY_DIR}/KTAnalyticsConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KTAnalytics)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/ktanalytics.pc.in ${PROJECT_BINARY_DIR}/ktanalytics.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/ktanalytics.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/Sources/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics
     FILES_MATCHING PATTERN "*.h" PATTERN "Detail" EXCLUDE)
 endfunction()

@@ -1,0 +1,354 @@
+#include "Setup/AnalyticsStack.h"
+
+#include <boost/url/parse.hpp>
+#include <boost/url/url_view.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+#include <sys/stat.h>
+
+#include "AnalyticsProvider/APAnalyticsController.h"
+#include "AnalyticsProvider/APEventNames.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "AnalyticsProvider/EventGateway/AnonymousID.h"
+#include "AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
+#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTFoundation/AnalyticsIdProviding.h"
+#include "KTFoundation/ConnectivityStateDetecting.h"
+#include "KTFoundation/CredentialStore.h"
+#include "KTFoundation/DependencyRegistry.h"
+#include "KTFoundation/KTLogger.h"
+#include "KTFoundation/KeyValueStoring.h"
+#include "KTFoundation/LogMacros.h"
+#include "Middleware/AssignedABTestVariantIDProviding.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/UserDefaults.h"
+#include "Setup/Detail/ResultNotifyingRequestQueue.h"
+
+namespace kt {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr const char* kFile = "Sources/Setup/AnalyticsStack";
+constexpr const char* kQueueLabel = "ktanalytics.eventgateway";
+constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
+constexpr const char* kRequestsFile = "requests.sqlite3";
+constexpr const char* kCacheFolder = "cache";
+constexpr const char* kEventsFolder = "events";
+
+// Pauses before another attempt at events whose last upload failed: the gateway gets a
+// moment to recover, and three quick failures do not drop an event a second later.
+constexpr std::chrono::milliseconds kFirstRetryPause{100};
+constexpr std::chrono::milliseconds kLongestRetryPause{2000};
+// How long one wait lasts before the statistics are looked at again, in case a result is
+// handled without passing through the notifying queue (an injected queue, say).
+constexpr std::chrono::milliseconds kLongestQuietWait{250};
+
+std::string checkGatewayURL(const std::string& text) {
+    auto parsed = boost::urls::parse_absolute_uri(text);
+    if (!parsed) return "the gateway URL \"" + text + "\" is not an absolute URL";
+    const auto scheme = parsed->scheme();
+    if (scheme != "http" && scheme != "https") return "the gateway URL \"" + text + "\" is not http or https";
+    if (parsed->encoded_host().empty()) return "the gateway URL \"" + text + "\" has no host";
+    return {};
+}
+
+// Creates `path` and its missing parents, owner-only, and checks that it is a writable folder.
+std::string prepareFolder(const fs::path& path) {
+    std::error_code ec;
+    fs::create_directories(path, ec);
+    if (ec) return "cannot create the state folder " + path.native() + ": " + ec.message();
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+        return "the state folder " + path.native() + " is not a folder";
+    if (::access(path.c_str(), W_OK | X_OK) != 0)
+        return "the state folder " + path.native() + " is not writable: " + std::strerror(errno);
+    return {};
+}
+
+bool equalStatistics(const AnalyticsStackStatistics& a, const AnalyticsStackStatistics& b) {
+    const auto& x = a.upload;
+    const auto& y = b.upload;
+    return a.tagged == b.tagged && x.stored == y.stored && x.delivered == y.delivered && x.dropped() == y.dropped() &&
+           x.batchesSent == y.batchesSent && x.batchesFailed == y.batchesFailed && x.retries == y.retries &&
+           x.waiting == y.waiting && x.inFlight == y.inFlight;
+}
+
+}  // namespace
+
+void AnalyticsStack::ResultSignal::notify() {
+    {
+        std::lock_guard lock(mutex);
+        ++generation;
+    }
+    changed.notify_all();
+}
+
+fs::path AnalyticsStack::resolvedStateDirectory(const AnalyticsStackConfiguration& configuration) {
+    if (!configuration.stateDirectory.empty()) return configuration.stateDirectory;
+    if (configuration.environment.stateDirectory) return *configuration.environment.stateDirectory;
+    return {};
+}
+
+fs::path AnalyticsStack::eventsDirectory(const fs::path& stateDirectory) {
+    return stateDirectory / kCacheFolder / kEventsFolder;
+}
+
+std::string AnalyticsStack::validate(const AnalyticsStackConfiguration& configuration) {
+    const auto& environment = configuration.environment;
+    if (auto problem = checkGatewayURL(environment.eventGatewayBaseURL); !problem.empty()) return problem;
+    if (environment.minimumBatchSize == 0) return "the minimum batch size must be at least 1";
+    if (configuration.connectTimeout <= std::chrono::milliseconds::zero())
+        return "the connect time-out must be positive";
+    if (configuration.requestTimeout.value_or(environment.requestTimeout) <= std::chrono::milliseconds::zero())
+        return "the request time-out must be positive";
+    if (configuration.shutdownTimeout < std::chrono::milliseconds::zero())
+        return "the shutdown time-out must not be negative";
+    return {};
+}
+
+AnalyticsStack::AnalyticsStack(Passkey) {}
+
+std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration configuration, std::string* error) {
+    const auto fail = [error](std::string reason) -> std::unique_ptr<AnalyticsStack> {
+        if (error) *error = std::move(reason);
+        return nullptr;
+    };
+    if (auto problem = validate(configuration); !problem.empty()) return fail(std::move(problem));
+
+    auto stack = std::make_unique<AnalyticsStack>(Passkey());
+    auto& s = *stack;
+    s.configuration_ = std::move(configuration);
+    const auto& config = s.configuration_;
+    const auto& environment = config.environment;
+    s.logger_ = config.logger ? config.logger : KTLogger::null();
+
+    // Where things are kept: everything below the state folder when there is one, the
+    // application's standard locations otherwise.
+    s.stateDirectory_ = resolvedStateDirectory(config);
+    fs::path userDefaultsPath, cachesRoot, requestsPath;
+    if (!s.stateDirectory_.empty()) {
+        if (auto problem = prepareFolder(s.stateDirectory_); !problem.empty()) return fail(std::move(problem));
+        ::chmod(s.stateDirectory_.c_str(), 0700);
+        userDefaultsPath = s.stateDirectory_ / kUserDefaultsFile;
+        cachesRoot = s.stateDirectory_ / kCacheFolder;
+        requestsPath = s.stateDirectory_ / kRequestsFile;
+    } else {
+        userDefaultsPath = environment.userDefaultsPath();
+        cachesRoot = environment.cachesDirectory();
+        requestsPath = cachesRoot / kRequestsFile;
+        std::error_code ec;
+        fs::create_directories(userDefaultsPath.parent_path(), ec);
+    }
+    if (auto problem = prepareFolder(cachesRoot); !problem.empty()) return fail(std::move(problem));
+
+    std::string openError;
+    s.userDefaults_ = UserDefaults::open(userDefaultsPath, &openError);
+    if (!s.userDefaults_) return fail("cannot open the user defaults " + userDefaultsPath.native() + ": " + openError);
+
+    // Who the client, the user and the session are.
+    s.sessionIdProvider_ = std::make_shared<SessionIdProvider>(
+        std::make_shared<UserDefaultsStore>(s.userDefaults_, SessionIdProvider::kStoreNameSpace), UUID::random,
+        SessionIdProvider::systemNow, SessionIdProvider::kDefaultSessionDuration, SessionIdProvider::systemNow,
+        config.console);
+    s.dependencies_ = std::make_unique<DependencyRegistry>();
+    s.attributeRegistry_ = std::make_shared<AnalyticsAttributeRegistry>(*s.dependencies_);
+    if (environment.clientId) s.attributeRegistry_->registerclientId(*environment.clientId, environment.userAgent);
+    s.attributeRegistry_->registerUserUrn(config.userUrn);
+    s.credentialStore_ = std::make_shared<InMemoryCredentialStore>(config.token);
+
+    // The network.
+    s.connectivity_ = config.connectivity ? config.connectivity : std::make_shared<SystemConnectivityDetector>();
+    CurlRequestQueueConfiguration queueConfiguration;
+    queueConfiguration.connectTimeout = config.connectTimeout;
+    queueConfiguration.totalTimeout = config.requestTimeout.value_or(environment.requestTimeout);
+    queueConfiguration.shutdownTimeout = config.shutdownTimeout;
+    queueConfiguration.baseURL = environment.eventGatewayBaseURL;
+    s.curlRequestQueue_ = std::make_shared<CurlRequestQueue>(queueConfiguration, s.connectivity_, s.logger_);
+
+    // One serial queue for the provider's per-event work and the uploader's storage, batching
+    // and results.
+    if (config.queue) {
+        s.queue_ = config.queue;
+    } else {
+        s.threadQueue_ = std::make_shared<ThreadSerialQueue>(kQueueLabel);
+        s.queue_ = s.threadQueue_;
+    }
+    s.signal_ = std::make_shared<ResultSignal>();
+    // The announcement goes through the serial queue, so it is seen after the uploader has
+    // handled the result (the uploader moves its result onto the same queue first).
+    s.notifyingRequestQueue_ = std::make_shared<setup_detail::ResultNotifyingRequestQueue>(
+        s.curlRequestQueue_, [weakQueue = std::weak_ptr<SerialQueue>(s.queue_),
+                              weakSignal = std::weak_ptr<ResultSignal>(s.signal_)] {
+            if (auto queue = weakQueue.lock())
+                queue->async([weakSignal] {
+                    if (auto signal = weakSignal.lock()) signal->notify();
+                });
+        });
+    ReliableRequestUploaderConfiguration reliableConfiguration;
+    reliableConfiguration.databasePath = requestsPath;
+    s.reliableUploader_ =
+        std::make_shared<ReliableRequestUploader>(reliableConfiguration, s.notifyingRequestQueue_, s.logger_);
+
+    // The gateway pipeline.
+    s.eventSerializer_ =
+        std::make_shared<APEventSerializer>(APEventSerializer::eventCacheDirectory(cachesRoot), s.logger_);
+    s.requestFactory_ = std::make_shared<APEventGatewayRequestFactory>(
+        environment.eventGatewayBaseURL, s.attributeRegistry_, JSONSafeSerialization(), s.credentialStore_,
+        APEventGatewayRequestFactory::iso8601DateFormatter(), environment.shouldSendSentAt);
+    const auto buildEnvironment = config.alpha ? BuildEnvironment::alpha : environment.buildEnvironment;
+    s.uploader_ = APEventGatewayBatchUploader::make(
+        s.eventSerializer_, s.requestFactory_, s.notifyingRequestQueue_, {}, environment.minimumBatchSize,
+        config.techLogger, s.queue_, std::make_shared<BuildEnvironmentDetector>(buildEnvironment),
+        environment.shouldFlushAtRegularIntervals, s.logger_);
+
+    std::shared_ptr<const ConnectivityStateDetecting> connectivity = s.connectivity_;
+    s.attributesProvider_ = std::make_shared<EventGatewayAttributesProvider>(
+        connectivity, s.attributeRegistry_, std::make_shared<FixedAssignedABTestVariantIDProvider>(config.variantIds),
+        [] { return AnonymousID::quillarborAnonymousId(); },
+        std::make_shared<FixedAnalyticsIdProvider>(config.analyticsId), s.sessionIdProvider_,
+        [connectivity] { return connectivity->isConnectedToVPN(); });
+    s.transformer_ = std::make_shared<APEventGatewayEventTransformer>(s.attributesProvider_);
+    s.recorder_ = config.recorder ? config.recorder : std::make_shared<APEventGatewayEventRecorder>(false);
+    s.gatewayProvider_ = APEventGatewayAnalyticsProvider::make(s.uploader_, s.transformer_, s.recorder_, s.queue_);
+
+    s.eventNames_ = std::make_shared<APEventNames>();
+    s.controller_ =
+        std::make_shared<APAnalyticsController>(s.reliableUploader_, s.eventNames_, config.techLogger, s.logger_);
+    s.controller_->registerAnalyticsProvider(s.gatewayProvider_);
+
+    KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
+           environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
+    return stack;
+}
+
+AnalyticsStack::~AnalyticsStack() {
+    // Events tagged until now get stored; then nothing more runs on the queue, and the
+    // request queue lets what is in flight finish (or answers it as failed) before its worker
+    // is joined. Whatever did not get through stays on disk for the next start.
+    if (threadQueue_) {
+        threadQueue_->drain(configuration_.shutdownTimeout);
+        threadQueue_->shutdown();
+    }
+    if (notifyingRequestQueue_) notifyingRequestQueue_->stop();
+    reliableUploader_.reset();
+    curlRequestQueue_.reset();
+}
+
+bool AnalyticsStack::prepareSharedController() {
+    APAnalyticsController::prepareSharedInstance(reliableUploader_, eventNames_, configuration_.techLogger, logger_);
+    auto& shared = APAnalyticsController::sharedInstance();
+    if (shared.providerForClass<APEventGatewayAnalyticsProvider>()) {
+        KT_LOG(logger_, 2, kFile, "-[AnalyticsStack prepareSharedController]",
+               "The shared controller already has a gateway provider; this stack's is not registered");
+        return false;
+    }
+    shared.registerAnalyticsProvider(gatewayProvider_);
+    return true;
+}
+
+void AnalyticsStack::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
+    controller_->tagEvent(event);
+    tagged_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void AnalyticsStack::flush() { controller_->flush(); }
+
+bool AnalyticsStack::drainQueue(std::chrono::milliseconds timeout) {
+    return threadQueue_ ? threadQueue_->drain(timeout) : true;
+}
+
+std::uint64_t AnalyticsStack::signalGeneration() const {
+    std::lock_guard lock(signal_->mutex);
+    return signal_->generation;
+}
+
+void AnalyticsStack::waitForResult(std::uint64_t generation, Clock::time_point until) const {
+    std::unique_lock lock(signal_->mutex);
+    signal_->changed.wait_until(lock, until, [&] { return signal_->generation != generation; });
+}
+
+void AnalyticsStack::reportProgress(std::optional<AnalyticsStackStatistics>& last) const {
+    if (!configuration_.progress) return;
+    auto now = statistics();
+    if (last && equalStatistics(*last, now)) return;
+    configuration_.progress(now);
+    last = std::move(now);
+}
+
+bool AnalyticsStack::waitUntilIdle(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        const auto generation = signalGeneration();
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (remaining <= std::chrono::milliseconds::zero() || !drainQueue(remaining)) return false;
+        if (uploader_->statistics().inFlight == 0) return true;
+        waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
+    }
+}
+
+bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    std::optional<AnalyticsStackStatistics> reported;
+    std::uint64_t failedBatchesSeen = uploader_->statistics().batchesFailed;
+    std::chrono::milliseconds pause{0};
+    // The signal generation when the last flush was issued; kNoFlush once that is settled.
+    constexpr std::uint64_t kNoFlush = ~std::uint64_t{0};
+    std::uint64_t flushedAt = kNoFlush;
+    for (;;) {
+        const auto generation = signalGeneration();
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (remaining <= std::chrono::milliseconds::zero() || !drainQueue(remaining)) break;
+        reportProgress(reported);
+        const auto upload = uploader_->statistics();
+        if (upload.waiting == 0 && upload.inFlight == 0) return true;
+
+        if (upload.inFlight == 0) {
+            // Everything on disk waits for an attempt. After a failed one, give the gateway a
+            // growing moment first.
+            if (upload.batchesFailed != failedBatchesSeen) {
+                failedBatchesSeen = upload.batchesFailed;
+                pause = pause == std::chrono::milliseconds::zero() ? kFirstRetryPause
+                                                                    : std::min(pause * 2, kLongestRetryPause);
+                waitForResult(generation, std::min(deadline, Clock::now() + pause));
+                if (Clock::now() >= deadline) break;
+            } else if (flushedAt == generation) {
+                // The last flush put nothing in flight and nothing was answered since (an
+                // injected queue its owner has not run yet, say): wait before asking again.
+                flushedAt = kNoFlush;
+                waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
+                continue;
+            }
+            gatewayProvider_->flush();
+            flushedAt = generation;
+            continue;
+        }
+        waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
+    }
+    reportProgress(reported);
+    const auto upload = uploader_->statistics();
+    return upload.waiting == 0 && upload.inFlight == 0;
+}
+
+AnalyticsStackStatistics AnalyticsStack::statistics() const {
+    AnalyticsStackStatistics s;
+    s.tagged = tagged_.load(std::memory_order_relaxed);
+    s.upload = uploader_->statistics();
+    if (curlRequestQueue_) s.requests = curlRequestQueue_->statistics();
+    if (reliableUploader_) s.reliableRequests = reliableUploader_->statistics();
+    return s;
+}
+
+}  // namespace kt

@@ -1,0 +1,223 @@
+#pragma once
+// The composition root of the event gateway pipeline: one call builds, from a
+// configuration, every object the host application builds at start (user defaults, session
+// id, attribute registry, credential, request queue, reliable uploader, event store, request
+// factory, batch uploader, transformer, attributes provider, gateway provider and an
+// analytics controller with the gateway provider registered), wired as the application
+// wires them, and tears them down in order.
+//
+// Every persisted file lives below the state folder:
+//   <state>/defaults.sqlite3        user defaults (session id)
+//   <state>/requests.sqlite3        requests the reliable uploader retries
+//   <state>/cache/events/*.event    the gateway's on-disk event queue
+//
+// A stack owns its controller; several stacks can live in one process (each over its own
+// state folder). `prepareSharedController` additionally installs the pieces into the
+// process-wide controller, for programs that tag through `sharedInstance()`.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTData/CurlRequestQueue.h"
+#include "KTData/ReliableRequestUploader.h"
+#include "KTFoundation/KTEnvironment.h"
+
+namespace kt {
+
+class APAnalyticsController;
+class APEventDescripting;
+class APEventGatewayAnalyticsProvider;
+class APEventGatewayAnalyticsRecording;
+class APEventGatewayEventTransformer;
+class APEventGatewayRequestFactory;
+class APEventNames;
+class APEventSerializer;
+class AnalyticsAttributeRegistry;
+class ConnectivityStateDetecting;
+class DependencyRegistry;
+class EventGatewayAttributesProvider;
+class KTLogger;
+class KeychainCredentialStoring;
+class SerialQueue;
+class SessionIdProvider;
+class TechLogging;
+class ThreadSerialQueue;
+class UserDefaults;
+
+namespace setup_detail {
+class ResultNotifyingRequestQueue;
+}
+
+/// What the pipeline has done, taken at one moment.
+struct AnalyticsStackStatistics {
+    /// Events tagged through the stack's own `tagEvent`.
+    std::uint64_t tagged = 0;
+    APEventGatewayUploadStatistics upload;
+    CurlRequestQueueStatistics requests;
+    ReliableRequestUploaderStatistics reliableRequests;
+};
+
+struct AnalyticsStackConfiguration {
+    /// Gateway URL, client id and user agent, batching, build environment, log level.
+    KTEnvironment environment{};
+    /// Where every persisted file goes. Empty: `environment.stateDirectory`, and when that
+    /// is unset too, the standard per-user locations of `environment.applicationId`.
+    std::filesystem::path stateDirectory{};
+    /// The signed-in user's OAuth token; absent means signed out (no "Authorization").
+    std::optional<std::string> token{};
+    std::optional<std::string> userUrn{};
+    /// Behave as an alpha build (one event per upload, rejected events reported) whatever
+    /// `environment.buildEnvironment` says.
+    bool alpha = false;
+    std::optional<std::string> analyticsId{};
+    std::vector<std::string> variantIds{};
+    std::chrono::milliseconds connectTimeout = std::chrono::seconds(5);
+    /// A whole transfer; absent means `environment.requestTimeout`.
+    std::optional<std::chrono::milliseconds> requestTimeout{};
+    /// How long destruction waits for queued work and requests in flight.
+    std::chrono::milliseconds shutdownTimeout = std::chrono::seconds(5);
+    /// Null: nothing is logged.
+    std::shared_ptr<KTLogger> logger{};
+    /// Null: technical events go nowhere.
+    std::shared_ptr<TechLogging> techLogger{};
+    /// Null: a recorder that is not recording.
+    std::shared_ptr<APEventGatewayAnalyticsRecording> recorder{};
+    /// Null: the system's network interfaces.
+    std::shared_ptr<ConnectivityStateDetecting> connectivity{};
+    /// The pipeline's serial queue. Null: a queue with a thread of its own, which the stack
+    /// drains and shuts down. A test may hand in a virtual-time queue and drive it; the
+    /// stack's waiting operations then only look at the statistics.
+    std::shared_ptr<SerialQueue> queue{};
+    /// Where the session id service writes its "SESSION ID: " lines; null is standard output.
+    std::ostream* console = nullptr;
+    /// Called from `waitUntilDelivered`, on the waiting thread, whenever the statistics change.
+    std::function<void(const AnalyticsStackStatistics&)> progress{};
+};
+
+class AnalyticsStack {
+    struct Passkey {
+        explicit Passkey() = default;
+    };
+
+public:
+    /// Builds the stack, or returns null with the reason in `error` when the configuration
+    /// is unusable (gateway URL not http(s), minimum batch size 0, a time-out not positive,
+    /// a state folder that cannot be created or opened).
+    static std::unique_ptr<AnalyticsStack> make(AnalyticsStackConfiguration configuration,
+                                                std::string* error = nullptr);
+
+    /// The checks of `make`, without building anything; an empty string when usable.
+    static std::string validate(const AnalyticsStackConfiguration& configuration);
+    /// The state folder a configuration resolves to (see `stateDirectory`).
+    static std::filesystem::path resolvedStateDirectory(const AnalyticsStackConfiguration& configuration);
+    /// The folder of the on-disk event queue below a state folder.
+    static std::filesystem::path eventsDirectory(const std::filesystem::path& stateDirectory);
+
+    explicit AnalyticsStack(Passkey);
+    AnalyticsStack() = delete;
+    AnalyticsStack(const AnalyticsStack&) = delete;
+    AnalyticsStack& operator=(const AnalyticsStack&) = delete;
+    /// Lets queued work finish (bounded by `shutdownTimeout`), stops the queue, then the
+    /// request queue: requests still in flight are answered as failed and their events stay
+    /// on disk for the next start.
+    ~AnalyticsStack();
+
+    /// Prepares the process-wide controller with this stack's uploader, names and tech
+    /// logger and registers the gateway provider with it. False (and nothing registered)
+    /// when the shared controller already has a gateway provider, from this stack or another.
+    bool prepareSharedController();
+
+    /// Hands the event to this stack's controller, on the caller's thread. The name must be
+    /// one of the supported names (an unknown one stops the process, as on the controller).
+    void tagEvent(const std::shared_ptr<const APEventDescripting>& event);
+    /// Flushes every provider: everything stored and not in flight is uploaded.
+    void flush();
+    /// Waits until every event tagged so far has been stored and the store is empty with
+    /// nothing in flight: delivered, or dropped after its last attempt. Flushes (again after
+    /// failed attempts, with a growing pause) while events wait and none is in flight. True
+    /// when the store emptied, false at the time-out. Never call it on the pipeline's queue.
+    bool waitUntilDelivered(std::chrono::milliseconds timeout);
+    /// Waits until queued work has run and no upload is in flight, without flushing. True
+    /// when that happened within `timeout`.
+    bool waitUntilIdle(std::chrono::milliseconds timeout);
+    /// Runs the work queued so far on the pipeline's own queue (see `drain` of the thread
+    /// queue). True at once for an injected queue, which its owner drives.
+    bool drainQueue(std::chrono::milliseconds timeout);
+
+    AnalyticsStackStatistics statistics() const;
+
+    const AnalyticsStackConfiguration& configuration() const { return configuration_; }
+    const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
+    const std::shared_ptr<UserDefaults>& userDefaults() const { return userDefaults_; }
+    const std::shared_ptr<SessionIdProvider>& sessionIdProvider() const { return sessionIdProvider_; }
+    const std::shared_ptr<AnalyticsAttributeRegistry>& attributeRegistry() const { return attributeRegistry_; }
+    const std::shared_ptr<KeychainCredentialStoring>& credentialStore() const { return credentialStore_; }
+    const std::shared_ptr<ConnectivityStateDetecting>& connectivity() const { return connectivity_; }
+    const std::shared_ptr<CurlRequestQueue>& requestQueue() const { return curlRequestQueue_; }
+    const std::shared_ptr<ReliableRequestUploader>& reliableUploader() const { return reliableUploader_; }
+    const std::shared_ptr<APEventSerializer>& eventSerializer() const { return eventSerializer_; }
+    const std::shared_ptr<APEventGatewayRequestFactory>& requestFactory() const { return requestFactory_; }
+    const std::shared_ptr<SerialQueue>& queue() const { return queue_; }
+    const std::shared_ptr<EventGatewayAttributesProvider>& attributesProvider() const { return attributesProvider_; }
+    const std::shared_ptr<APEventGatewayEventTransformer>& transformer() const { return transformer_; }
+    const std::shared_ptr<APEventGatewayBatchUploader>& uploader() const { return uploader_; }
+    const std::shared_ptr<APEventGatewayAnalyticsRecording>& recorder() const { return recorder_; }
+    const std::shared_ptr<APEventGatewayAnalyticsProvider>& gatewayProvider() const { return gatewayProvider_; }
+    const std::shared_ptr<APEventNames>& eventNames() const { return eventNames_; }
+    APAnalyticsController& controller() const { return *controller_; }
+
+private:
+    // Wakes the waiting operations when a request's result has been handled on the queue.
+    struct ResultSignal {
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::uint64_t generation = 0;  // guarded by mutex
+        void notify();
+    };
+
+    std::uint64_t signalGeneration() const;
+    // Waits until a result newer than `generation` has been handled, or until `until`.
+    void waitForResult(std::uint64_t generation, std::chrono::steady_clock::time_point until) const;
+    void reportProgress(std::optional<AnalyticsStackStatistics>& last) const;
+
+    AnalyticsStackConfiguration configuration_;
+    std::filesystem::path stateDirectory_;
+    std::shared_ptr<ResultSignal> signal_;
+    std::atomic<std::uint64_t> tagged_{0};
+
+    std::shared_ptr<KTLogger> logger_;
+    std::shared_ptr<UserDefaults> userDefaults_;
+    std::shared_ptr<SessionIdProvider> sessionIdProvider_;
+    // Must outlive the registry, which resolves its services from it.
+    std::unique_ptr<DependencyRegistry> dependencies_;
+    std::shared_ptr<AnalyticsAttributeRegistry> attributeRegistry_;
+    std::shared_ptr<KeychainCredentialStoring> credentialStore_;
+    std::shared_ptr<ConnectivityStateDetecting> connectivity_;
+    std::shared_ptr<CurlRequestQueue> curlRequestQueue_;
+    std::shared_ptr<setup_detail::ResultNotifyingRequestQueue> notifyingRequestQueue_;
+    std::shared_ptr<ReliableRequestUploader> reliableUploader_;
+    std::shared_ptr<APEventSerializer> eventSerializer_;
+    std::shared_ptr<APEventGatewayRequestFactory> requestFactory_;
+    std::shared_ptr<SerialQueue> queue_;
+    std::shared_ptr<ThreadSerialQueue> threadQueue_;  // null for an injected queue
+    std::shared_ptr<EventGatewayAttributesProvider> attributesProvider_;
+    std::shared_ptr<APEventGatewayEventTransformer> transformer_;
+    std::shared_ptr<APEventGatewayBatchUploader> uploader_;
+    std::shared_ptr<APEventGatewayAnalyticsRecording> recorder_;
+    std::shared_ptr<APEventGatewayAnalyticsProvider> gatewayProvider_;
+    std::shared_ptr<APEventNames> eventNames_;
+    std::shared_ptr<APAnalyticsController> controller_;
+};
+
+}  // namespace kt

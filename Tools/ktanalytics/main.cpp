@@ -24,6 +24,8 @@ int main(int argc, char** argv) {
         &kt::tool::registerGatewayCommand,
         nullptr,
         &kt::tool::registerExperimentsCommand,
+        &kt::tool::registerReplayCommand,
+        &kt::tool::registerQueueCommand,
         // commands: end
     };
     for (auto registrar : registrars)

@@ -19,4 +19,10 @@ void registerDemoCommand(CLI::App& app, int& exitCode);
 
 void registerExperimentsCommand(CLI::App& app, int& exitCode);
 
+/// `ktanalytics replay FILE`: tags a JSON-lines file through the gateway pipeline.
+void registerReplayCommand(CLI::App& app, int& exitCode);
+
+/// `ktanalytics queue --state-dir DIR`: the events waiting on disk.
+void registerQueueCommand(CLI::App& app, int& exitCode);
+
 }  // namespace kt::tool

@@ -1,0 +1,85 @@
+// `ktanalytics queue`: see QueueCommand.h.
+
+#include "Commands/QueueCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "Commands/Commands.h"
+#include "Setup/AnalyticsStack.h"
+
+namespace kt::tool {
+
+namespace fs = std::filesystem;
+
+std::optional<std::size_t> listStoredEvents(const fs::path& stateDirectory, bool countOnly, std::ostream& out,
+                                            std::string& error) {
+    std::error_code ec;
+    if (!fs::is_directory(stateDirectory, ec)) {
+        error = stateDirectory.native() + " is not a folder";
+        return std::nullopt;
+    }
+    const fs::path events = AnalyticsStack::eventsDirectory(stateDirectory);
+    if (!fs::is_directory(events, ec)) {
+        // A state folder no run has stored events in yet.
+        if (countOnly) out << 0 << '\n';
+        return 0;
+    }
+
+    std::vector<fs::path> files;
+    for (fs::directory_iterator it(events, ec), end; !ec && it != end; it.increment(ec)) {
+        const auto& path = it->path();
+        const auto name = path.filename().native();
+        if (!name.empty() && name.front() != '.' && path.extension() == std::string(".") + APEventSerializer::kEventExtension)
+            files.push_back(path);
+    }
+    if (countOnly) {
+        out << files.size() << '\n';
+        return files.size();
+    }
+    std::sort(files.begin(), files.end());
+
+    // The store is used for reading only: its decoding and its retry counts (with the
+    // fallback for file systems without user attributes) are the pipeline's own.
+    APEventSerializer store(events, nullptr);
+    for (const auto& path : files) {
+        nlohmann::ordered_json line;
+        line["file"] = path.filename().native();
+        line["retry_count"] = store.retryCountForEventAtURL(path);
+        if (auto event = store.unarchiveEventAtURL(path)) {
+            line["event"] = event->name();
+            line["attributes"] = event->attributes() ? nlohmann::ordered_json(*event->attributes()) : nullptr;
+        } else {
+            line["error"] = "cannot be decoded";
+        }
+        out << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    }
+    return files.size();
+}
+
+void registerQueueCommand(CLI::App& app, int& exitCode) {
+    struct Options {
+        std::string stateDir;
+        bool count = false;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("queue", "List the events waiting in the on-disk gateway queue of a state folder");
+    command->add_option("--state-dir", options->stateDir, "The state folder of a replay or demo run")->required();
+    command->add_flag("--count", options->count, "Print only the number of waiting events");
+    command->callback([options, &exitCode] {
+        std::string error;
+        const auto listed = listStoredEvents(options->stateDir, options->count, std::cout, error);
+        if (!listed) std::cerr << "ktanalytics queue: " << error << '\n';
+        std::cout << std::flush;
+        exitCode = listed ? 0 : 2;
+    });
+}
+
+}  // namespace kt::tool

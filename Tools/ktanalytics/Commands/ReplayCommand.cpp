@@ -1,0 +1,236 @@
+// `ktanalytics replay FILE`: see ReplayCommand.h.
+
+#include "Commands/ReplayCommand.h"
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <istream>
+#include <mutex>
+
+#include "AnalyticsProvider/APAnalyticsController.h"
+#include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/APEventNames.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "Commands/Commands.h"
+#include "KTFoundation/KTLogger.h"
+
+namespace kt::tool {
+
+namespace {
+
+// Without a client id the pipeline registers no user agent either, and uploads would go
+// without a "User-Agent"; the tool therefore always has one.
+constexpr std::int64_t kDefaultClientId = 1;
+constexpr auto kProgressInterval = std::chrono::seconds(1);
+
+std::unordered_set<std::string> toSet(const std::vector<std::string>& names) {
+    return {names.begin(), names.end()};
+}
+
+}  // namespace
+
+std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unordered_set<std::string>& supportedNames,
+                                          std::string& problem) {
+    auto json = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (json.is_discarded()) {
+        problem = "not valid JSON";
+        return std::nullopt;
+    }
+    if (!json.is_object()) {
+        problem = "not a JSON object";
+        return std::nullopt;
+    }
+    const auto name = json.find("name");
+    if (name == json.end() || !name->is_string()) {
+        problem = "no \"name\" string";
+        return std::nullopt;
+    }
+    ReplayLine line;
+    line.name = name->get<std::string>();
+    if (supportedNames.count(line.name) == 0) {
+        problem = "unsupported event name \"" + line.name + "\"";
+        return std::nullopt;
+    }
+    if (const auto attributes = json.find("attributes"); attributes != json.end() && !attributes->is_null()) {
+        if (!attributes->is_object()) {
+            problem = "\"attributes\" is not an object";
+            return std::nullopt;
+        }
+        line.attributes = std::move(*attributes);
+    }
+    return line;
+}
+
+ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::string>& supportedNames,
+                             const std::unordered_set<std::string>& gatewayNames,
+                             const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
+                             std::ostream& diagnostics, std::uint64_t progressEvery) {
+    ReplayTagging result;
+    std::string text;
+    std::uint64_t number = 0;
+    while (std::getline(input, text)) {
+        ++number;
+        if (!text.empty() && text.back() == '\r') text.pop_back();
+        if (text.find_first_not_of(" \t") == std::string::npos) continue;
+        ++result.lines;
+        std::string problem;
+        auto line = parseReplayLine(text, supportedNames, problem);
+        if (!line) {
+            diagnostics << "line " << number << ": " << problem << ", skipped\n";
+            ++result.skipped;
+        } else {
+            if (gatewayNames.count(line->name) == 0) ++result.notForGateway;
+            tag(APEvent::make(std::move(line->name), std::move(line->attributes)));
+            ++result.tagged;
+        }
+        if (progressEvery != 0 && result.lines % progressEvery == 0)
+            diagnostics << "replay: " << result.lines << " lines read, " << result.tagged << " tagged\n" << std::flush;
+    }
+    return result;
+}
+
+std::string replaySummaryJSON(const ReplaySummary& summary) {
+    nlohmann::ordered_json json;
+    json["tagged"] = summary.tagged;
+    json["delivered"] = summary.delivered;
+    json["dropped"] = summary.dropped;
+    json["waiting"] = summary.waiting;
+    json["batches"] = summary.batches;
+    json["skipped"] = summary.skipped;
+    json["not_for_gateway"] = summary.notForGateway;
+    return json.dump();
+}
+
+std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptions& options, const KTEnvironment& base,
+                                                               std::string& error) {
+    AnalyticsStackConfiguration configuration;
+    auto& environment = configuration.environment;
+    environment = base;
+    if (!options.gateway.empty()) environment.eventGatewayBaseURL = options.gateway;
+    environment.minimumBatchSize = options.minBatch;
+    if (options.clientId) environment.clientId = options.clientId;
+    if (!environment.clientId) environment.clientId = kDefaultClientId;
+    if (options.userAgent) environment.userAgent = *options.userAgent;
+    configuration.stateDirectory = options.stateDir;
+    configuration.token = options.token;
+    configuration.userUrn = options.userUrn;
+    configuration.alpha = options.alpha;
+    if (!std::isfinite(options.timeoutSeconds) || options.timeoutSeconds < 0) {
+        error = "the time-out must be a number of seconds, 0 or more";
+        return std::nullopt;
+    }
+    if (auto problem = AnalyticsStack::validate(configuration); !problem.empty()) {
+        error = std::move(problem);
+        return std::nullopt;
+    }
+    return configuration;
+}
+
+ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
+                     const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& controllerTag,
+                     std::chrono::milliseconds timeout, std::ostream& diagnostics) {
+    const auto supported = toSet(stack.eventNames()->supportedEventNames());
+    const auto gateway = stack.gatewayProvider()->trackedEvents();
+    const auto tagging = tagReplayLines(input, supported, *gateway, controllerTag, diagnostics);
+
+    // The flush is queued behind the events just tagged, so it sees all of them stored.
+    stack.flush();
+    stack.waitUntilDelivered(timeout);
+
+    const auto upload = stack.statistics().upload;
+    ReplaySummary summary;
+    summary.tagged = tagging.tagged;
+    summary.delivered = upload.delivered;
+    summary.dropped = upload.dropped();
+    summary.waiting = upload.waiting;
+    summary.batches = upload.batchesSent;
+    summary.skipped = tagging.skipped;
+    summary.notForGateway = tagging.notForGateway;
+    return summary;
+}
+
+int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err) {
+    std::ifstream input(options.file);
+    if (!input) {
+        err << "ktanalytics replay: cannot read " << options.file << ": " << std::strerror(errno) << '\n';
+        return 2;
+    }
+    std::string error;
+    const auto environment = KTEnvironment::fromEnvironmentVariables(KTEnvironment{}, error);
+    if (!environment) {
+        err << "ktanalytics replay: " << error << '\n';
+        return 2;
+    }
+    auto configuration = replayConfiguration(options, *environment, error);
+    if (!configuration) {
+        err << "ktanalytics replay: " << error << '\n';
+        return 2;
+    }
+    // Standard output carries the summary alone.
+    configuration->console = &err;
+    configuration->logger = makeSpdlogLogger(environment->logLevel, "ktanalytics-replay");
+    auto lastProgress = std::make_shared<std::chrono::steady_clock::time_point>();
+    configuration->progress = [&err, lastProgress](const AnalyticsStackStatistics& s) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - *lastProgress < kProgressInterval) return;
+        *lastProgress = now;
+        err << "replay: " << s.upload.delivered << " delivered, " << s.upload.dropped() << " dropped, "
+            << s.upload.waiting << " waiting (" << s.upload.inFlight << " in flight), " << s.upload.batchesSent
+            << " batches\n"
+            << std::flush;
+    };
+
+    auto stack = AnalyticsStack::make(std::move(*configuration), &error);
+    if (!stack) {
+        err << "ktanalytics replay: " << error << '\n';
+        return 2;
+    }
+    if (!stack->prepareSharedController()) {
+        err << "ktanalytics replay: the shared analytics controller already has a gateway provider\n";
+        return 2;
+    }
+    auto& controller = APAnalyticsController::sharedInstance();
+    const auto timeout = std::chrono::milliseconds(static_cast<std::int64_t>(options.timeoutSeconds * 1000.0));
+    const auto summary = replay(
+        input, *stack, [&controller](const std::shared_ptr<const APEventDescripting>& event) { controller.tagEvent(event); },
+        timeout, err);
+
+    if (summary.notForGateway != 0)
+        err << "replay: " << summary.notForGateway
+            << " events have names outside the gateway's vocabulary: tagged, but not sent to the gateway\n";
+    if (summary.waiting != 0)
+        err << "replay: " << summary.waiting << " events still waiting after " << options.timeoutSeconds
+            << " s; they stay in the state folder for the next run\n";
+    out << replaySummaryJSON(summary) << std::endl;
+    return summary.waiting == 0 ? 0 : 1;
+}
+
+void registerReplayCommand(CLI::App& app, int& exitCode) {
+    auto options = std::make_shared<ReplayOptions>();
+    CLI::App* command = app.add_subcommand(
+        "replay", "Tag the events of a JSON-lines file through the gateway pipeline and wait for their delivery");
+    command->add_option("FILE", options->file, "One JSON object per line: {\"name\": ..., \"attributes\": {...}}")
+        ->required();
+    command->add_option("--gateway", options->gateway, "Base URL of the event gateway (default: KTANALYTICS_GATEWAY_URL)");
+    command->add_option("--state-dir", options->stateDir, "Folder for every file the run keeps (event queue, user defaults)");
+    command->add_option("--min-batch", options->minBatch, "Waiting events that trigger an upload")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{1'000'000}))
+        ->capture_default_str();
+    command->add_option("--client-id", options->clientId, "Numeric client id (default: KTANALYTICS_CLIENT_ID or 1)");
+    command->add_option("--user-agent", options->userAgent, "User-Agent of the uploads");
+    command->add_option("--user-urn", options->userUrn, "URN of the signed-in user, e.g. quillarbor:users:7");
+    command->add_option("--token", options->token, "OAuth token of the signed-in user (sent as a bearer token)");
+    command->add_option("--timeout", options->timeoutSeconds, "Seconds to wait for delivery")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    command->add_flag("--alpha", options->alpha, "Behave as an alpha build: one event per upload, rejections reported");
+    command->callback([options, &exitCode] { exitCode = runReplay(*options, std::cout, std::cerr); });
+}
+
+}  // namespace kt::tool

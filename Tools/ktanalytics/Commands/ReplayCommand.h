@@ -1,0 +1,98 @@
+#pragma once
+// `ktanalytics replay FILE`: tags the events of a JSON-lines file through the real gateway
+// pipeline, flushes, waits until the on-disk queue is empty (or the time-out) and prints
+// one line of JSON with what became of them. The pieces are functions so that tests can
+// run them in-process against their own stack and controller.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "Platform/AttributeValue.h"
+#include "Setup/AnalyticsStack.h"
+
+namespace kt {
+class APEventDescripting;
+}
+
+namespace kt::tool {
+
+struct ReplayOptions {
+    std::string file;
+    /// Empty: the environment's gateway (KTANALYTICS_GATEWAY_URL, or the default).
+    std::string gateway;
+    /// Empty: the environment's state folder (KTANALYTICS_STATE_DIR), or the standard locations.
+    std::string stateDir;
+    std::size_t minBatch = 20;
+    std::optional<std::int64_t> clientId;
+    std::optional<std::string> userAgent;
+    std::optional<std::string> userUrn;
+    std::optional<std::string> token;
+    double timeoutSeconds = 60.0;
+    bool alpha = false;
+};
+
+/// One line of the file, read and checked.
+struct ReplayLine {
+    std::string name;
+    AttributeDictionary attributes = AttributeDictionary::object();
+};
+
+/// Reads one line: a JSON object with a string "name" among `supportedNames` and an
+/// optional object "attributes". Nullopt with the reason in `problem` otherwise.
+std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unordered_set<std::string>& supportedNames,
+                                          std::string& problem);
+
+/// What tagging a file did.
+struct ReplayTagging {
+    std::uint64_t lines = 0;          ///< non-blank lines read
+    std::uint64_t tagged = 0;         ///< events handed to the controller
+    std::uint64_t skipped = 0;        ///< lines reported and left out
+    std::uint64_t notForGateway = 0;  ///< tagged, but outside the gateway's vocabulary
+};
+
+/// Reads `input` line by line and hands every good line to `tag` as an event. Bad lines are
+/// reported on `diagnostics` as "line N: <reason>" and skipped; every `progressEvery` lines a
+/// progress line goes there too (0: never).
+ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::string>& supportedNames,
+                             const std::unordered_set<std::string>& gatewayNames,
+                             const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
+                             std::ostream& diagnostics, std::uint64_t progressEvery = 1000);
+
+struct ReplaySummary {
+    std::uint64_t tagged = 0;
+    std::uint64_t delivered = 0;
+    std::uint64_t dropped = 0;
+    std::uint64_t waiting = 0;
+    std::uint64_t batches = 0;
+    std::uint64_t skipped = 0;
+    std::uint64_t notForGateway = 0;
+};
+
+/// {"tagged":..,"delivered":..,"dropped":..,"waiting":..,"batches":..,"skipped":..,
+/// "not_for_gateway":..} on one line.
+std::string replaySummaryJSON(const ReplaySummary& summary);
+
+/// The stack configuration for the options over `base` (the environment with its variables
+/// applied). Nullopt with the reason in `error` when an option is unusable.
+std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptions& options, const KTEnvironment& base,
+                                                               std::string& error);
+
+/// Tags `input` on `controllerTag`, then flushes `stack` and waits for it. The summary;
+/// nothing is printed but diagnostics and progress.
+ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
+                     const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& controllerTag,
+                     std::chrono::milliseconds timeout, std::ostream& diagnostics);
+
+/// The whole command: 0 when nothing is left waiting, 1 when events still wait, 2 when the
+/// run could not start (unreadable file, unusable options).
+int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err);
+
+}  // namespace kt::tool

@@ -232,6 +232,17 @@ TEST_F(DevelopmentGatewayTests, aBadLimitIs400) {
     }
 }
 
+TEST_F(DevelopmentGatewayTests, aDelayOutlastsAClientThatGivesUpSooner) {
+    auto gateway = startGateway({.delay = std::chrono::milliseconds(1500)});
+    httplib::Client client(gateway->baseURL());
+    client.set_read_timeout(std::chrono::milliseconds(100));
+    auto result = client.Post("/v1/events", {{"Content-Encoding", "gzip"}},
+                              gzip(json::array({element("slow")}).dump()), "application/json");
+    EXPECT_FALSE(result);
+    gateway->stop();  // waits for the delayed handler, which still stores the upload
+    EXPECT_EQ(gateway->lastEvents(10).size(), 1u);
+}
+
 TEST_F(DevelopmentGatewayTests, aPortInUseFailsToStartWithAReason) {
     auto first = startGateway();
     DevelopmentGateway second({.port = first->port()});

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -24,6 +25,7 @@ struct GatewayOptions {
     int failStatus = 503;
     std::uint64_t seed = 0;
     bool seedGiven = false;
+    int delayMs = 0;
 };
 
 int runGateway(const GatewayOptions& options) {
@@ -43,6 +45,7 @@ int runGateway(const GatewayOptions& options) {
     configuration.failRate = options.failRate;
     configuration.failStatus = options.failStatus;
     if (options.seedGiven) configuration.seed = options.seed;
+    configuration.delay = std::chrono::milliseconds(options.delayMs);
     configuration.log = &std::cout;
 
     int exitCode = 0;
@@ -81,6 +84,9 @@ void registerGatewayCommand(CLI::App& app, int& exitCode) {
         ->capture_default_str();
     command->add_option("--seed", options->seed, "Seed of the failure draw (default: random)")
         ->each([options](const std::string&) { options->seedGiven = true; });
+    command->add_option("--delay", options->delayMs, "Milliseconds added before answering each upload")
+        ->check(CLI::Range(0, 600'000))
+        ->capture_default_str();
     command->callback([options, &exitCode] { exitCode = runGateway(*options); });
 }
 

@@ -1,0 +1,319 @@
+// The whole gateway pipeline, built by the composition root, against the development
+// gateway on loopback: what arrives is what was sent, with the wire format's headers; the
+// result codes drive reports, retries and drops; stored events survive a restart; a bad
+// file never leaves the machine; the 60-second timer sends a short batch.
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "Gateway/DevelopmentGateway.h"
+#include "Platform/SerialQueue.h"
+#include "Setup/AnalyticsStack.h"
+#include "Support/RecordingTechLogger.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using nlohmann::json;
+using gateway::DevelopmentGateway;
+using gateway::GatewayConfiguration;
+
+constexpr auto kDeadline = 15s;  // guards against a hang only
+constexpr const char* kUserAgent = "PipelineTests/1";
+
+// (event name, payload) of a gateway element, comparable across both ends.
+using Element = std::pair<std::string, json>;
+
+std::vector<Element> sorted(std::vector<Element> elements) {
+    std::sort(elements.begin(), elements.end(),
+              [](const Element& a, const Element& b) { return a.first + a.second.dump() < b.first + b.second.dump(); });
+    return elements;
+}
+
+std::vector<Element> received(const DevelopmentGateway& gateway) {
+    std::vector<Element> elements;
+    for (const auto& e : gateway.lastEvents(10'000)) {
+        EXPECT_EQ(e.version, "v1.27.36");
+        elements.emplace_back(e.event, json::parse(e.payload));
+    }
+    return sorted(std::move(elements));
+}
+
+std::vector<Element> recorded(const APEventGatewayEventRecorder& recorder) {
+    std::vector<Element> elements;
+    for (const auto& e : recorder.recordedEvents()) elements.emplace_back(e["event"].get<std::string>(), e["payload"]);
+    return sorted(std::move(elements));
+}
+
+std::vector<fs::path> eventFiles(const AnalyticsStack& stack) {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(stack.eventSerializer()->cacheDirectory()))
+        if (entry.path().extension() == ".event") files.push_back(entry.path());
+    return files;
+}
+
+// A gateway that answers every upload with `status`.
+GatewayConfiguration failingWith(int status) {
+    GatewayConfiguration configuration;
+    configuration.failRate = 1.0;
+    configuration.failStatus = status;
+    return configuration;
+}
+
+class GatewayPipelineTests : public ::testing::Test {
+protected:
+    std::unique_ptr<DevelopmentGateway> startGateway(GatewayConfiguration configuration = {}) {
+        configuration.port = 0;
+        configuration.seed = 1;
+        auto gateway = std::make_unique<DevelopmentGateway>(std::move(configuration));
+        EXPECT_TRUE(gateway->start()) << gateway->lastError();
+        return gateway;
+    }
+
+    AnalyticsStackConfiguration configuration(const std::string& baseURL, const fs::path& state) {
+        AnalyticsStackConfiguration c;
+        c.environment.eventGatewayBaseURL = baseURL;
+        c.environment.clientId = 7;
+        c.environment.userAgent = kUserAgent;
+        c.environment.minimumBatchSize = 20;
+        c.environment.shouldFlushAtRegularIntervals = false;
+        c.stateDirectory = state;
+        c.recorder = recorder;
+        c.techLogger = techLogger;
+        c.console = &console;
+        return c;
+    }
+
+    std::unique_ptr<AnalyticsStack> makeStack(AnalyticsStackConfiguration c) {
+        std::string error;
+        auto stack = AnalyticsStack::make(std::move(c), &error);
+        EXPECT_NE(stack, nullptr) << error;
+        return stack;
+    }
+
+    static void tagSession(AnalyticsStack& stack, int count, const std::string& prefix = "p") {
+        static const char* names[] = {"pageview", "audio", "like", "search", "impression"};
+        for (int i = 0; i < count; ++i)
+            stack.tagEvent(APEvent::make(names[i % 5], AttributeDictionary{{"page_name", prefix + std::to_string(i)},
+                                                                         {"position", i},
+                                                                         {"resource", "dropped-by-transformer"}}));
+    }
+
+    testing::TemporaryDirectory directory{"kt-e2e"};
+    std::shared_ptr<APEventGatewayEventRecorder> recorder = std::make_shared<APEventGatewayEventRecorder>(true);
+    std::shared_ptr<testing::RecordingTechLogger> techLogger = std::make_shared<testing::RecordingTechLogger>();
+    std::ostringstream console;
+};
+
+TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
+    auto gateway = startGateway();
+    auto stack = makeStack(configuration(gateway->baseURL(), directory / "state"));
+    ASSERT_NE(stack, nullptr);
+
+    // 20 go out on their own when the minimum is reached, the last 5 with the flush.
+    tagSession(*stack, 25);
+    stack->flush();
+    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
+
+    const auto sent = recorded(*recorder);
+    ASSERT_EQ(sent.size(), 25u);
+    EXPECT_EQ(received(*gateway), sent);
+    for (const auto& [name, payload] : sent) {
+        EXPECT_FALSE(payload.contains("resource"));
+        EXPECT_EQ(payload["client_id"], 7);
+        EXPECT_TRUE(payload["ts"].is_number_integer());
+    }
+
+    // Byte for byte: what the gateway inflated is what the uploader compressed.
+    const auto upload = stack->statistics().upload;
+    const auto stats = gateway->stats();
+    EXPECT_EQ(upload.delivered, 25u);
+    EXPECT_EQ(upload.waiting, 0u);
+    EXPECT_EQ(stats.requests, upload.batchesSent);
+    EXPECT_EQ(stats.events, 25u);
+    EXPECT_EQ(stats.bytesRaw, upload.bytesRaw);
+    EXPECT_EQ(stats.bytesCompressed, upload.bytesGzipped);
+    EXPECT_TRUE(eventFiles(*stack).empty());
+}
+
+TEST_F(GatewayPipelineTests, uploadsCarryTheWireFormatHeadersWithAndWithoutACredential) {
+    auto gateway = startGateway();
+    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
+    signedIn.token = "secret-token";
+    auto signedInStack = makeStack(signedIn);
+    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
+    ASSERT_NE(signedInStack, nullptr);
+    ASSERT_NE(signedOutStack, nullptr);
+
+    signedInStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-in"}}));
+    signedOutStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-out"}}));
+    signedInStack->flush();
+    signedOutStack->flush();
+    ASSERT_TRUE(signedInStack->waitUntilDelivered(kDeadline));
+    ASSERT_TRUE(signedOutStack->waitUntilDelivered(kDeadline));
+
+    const auto rows = gateway->lastEvents(10);
+    ASSERT_EQ(rows.size(), 2u);
+    for (const auto& row : rows) {
+        const json payload = json::parse(row.payload);
+        const json headers = json::parse(row.headers);
+        SCOPED_TRACE(payload["who"].get<std::string>());
+        EXPECT_EQ(headers["User-Agent"], kUserAgent);
+        EXPECT_EQ(headers["Content-Type"], "application/json");
+        EXPECT_EQ(headers["Content-Encoding"], "gzip");
+        if (payload["who"] == "signed-in")
+            EXPECT_EQ(headers["Authorization"], "Bearer secret-token");
+        else
+            EXPECT_FALSE(headers.contains("Authorization"));
+    }
+}
+
+TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEachRejectedOne) {
+    auto gateway = startGateway(failingWith(400));
+    auto c = configuration(gateway->baseURL(), directory / "state");
+    c.alpha = true;
+    auto stack = makeStack(c);
+    ASSERT_NE(stack, nullptr);
+
+    stack->tagEvent(APEvent::make("like", AttributeDictionary{{"track", "quillarbor:tracks:1"}}));
+    stack->tagEvent(APEvent::make("repost", AttributeDictionary{{"track", "quillarbor:tracks:2"}}));
+    stack->flush();
+    // Rejected events are deleted, not retried: the store empties.
+    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
+
+    const auto upload = stack->statistics().upload;
+    EXPECT_EQ(upload.batchesSent, 2u);
+    EXPECT_EQ(upload.droppedRejected, 2u);
+    EXPECT_EQ(upload.delivered, 0u);
+    EXPECT_EQ(gateway->stats().failuresInjected, 2u);
+    EXPECT_EQ(gateway->stats().events, 0u);
+
+    const auto reports = techLogger->eventsNamed("invalid-tracking-event");
+    ASSERT_EQ(reports.size(), 2u);
+    std::vector<std::string> described;
+    for (const auto& report : reports) {
+        EXPECT_EQ(report.space, 1);
+        described.push_back(report.attributes["event"].get<std::string>());
+    }
+    std::sort(described.begin(), described.end());
+    EXPECT_NE(described[0].find("like"), std::string::npos) << described[0];
+    EXPECT_NE(described[1].find("repost"), std::string::npos) << described[1];
+}
+
+TEST_F(GatewayPipelineTests, theThirdFailedAttemptDropsAnEvent) {
+    auto gateway = startGateway(failingWith(503));
+    auto stack = makeStack(configuration(gateway->baseURL(), directory / "state"));
+    ASSERT_NE(stack, nullptr);
+    tagSession(*stack, 2);
+
+    for (std::uint64_t attempt = 1; attempt <= 3; ++attempt) {
+        SCOPED_TRACE(attempt);
+        stack->flush();
+        ASSERT_TRUE(stack->waitUntilIdle(kDeadline));
+        EXPECT_EQ(gateway->stats().requests, attempt);
+        const auto files = eventFiles(*stack);
+        if (attempt < 3) {
+            ASSERT_EQ(files.size(), 2u);
+            for (const auto& file : files) EXPECT_EQ(stack->eventSerializer()->retryCountForEventAtURL(file), attempt);
+        } else {
+            EXPECT_TRUE(files.empty());
+        }
+    }
+    const auto upload = stack->statistics().upload;
+    EXPECT_EQ(upload.droppedFailedThreeTimes, 2u);
+    EXPECT_EQ(upload.retries, 4u);
+    EXPECT_EQ(upload.waiting, 0u);
+    EXPECT_EQ(gateway->stats().events, 0u);
+}
+
+TEST_F(GatewayPipelineTests, aNewStackOverTheSameFolderUploadsWhatTheLastOneStored) {
+    const fs::path state = directory / "state";
+    {
+        auto failing = startGateway(failingWith(503));
+        auto stack = makeStack(configuration(failing->baseURL(), state));
+        ASSERT_NE(stack, nullptr);
+        tagSession(*stack, 3);
+        stack->flush();
+        ASSERT_TRUE(stack->waitUntilIdle(kDeadline));
+        ASSERT_EQ(failing->stats().failuresInjected, 1u);
+        ASSERT_EQ(eventFiles(*stack).size(), 3u);
+    }
+    const auto sentBefore = recorded(*recorder);
+    ASSERT_EQ(sentBefore.size(), 3u);
+
+    auto gateway = startGateway();
+    auto stack = makeStack(configuration(gateway->baseURL(), state));
+    ASSERT_NE(stack, nullptr);
+    EXPECT_EQ(stack->statistics().upload.waiting, 3u);
+    // Nothing new is tagged: the stored events go out on the first flush.
+    stack->flush();
+    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
+    EXPECT_EQ(received(*gateway), sentBefore);
+    EXPECT_EQ(stack->statistics().upload.delivered, 3u);
+}
+
+TEST_F(GatewayPipelineTests, anUndecodableFileInTheQueueIsDeletedAndNeverUploaded) {
+    const fs::path state = directory / "state";
+    const fs::path events = AnalyticsStack::eventsDirectory(state);
+    fs::create_directories(events);
+    const fs::path garbage = events / "0123456789abcdef0123456789abcdef01234567.event";
+    std::ofstream(garbage, std::ios::binary) << "this is not an archived event \x01\x02\xff";
+
+    auto gateway = startGateway();
+    auto stack = makeStack(configuration(gateway->baseURL(), state));
+    ASSERT_NE(stack, nullptr);
+    EXPECT_EQ(stack->statistics().upload.waiting, 1u);
+    stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "home"}}));
+    stack->flush();
+    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
+
+    EXPECT_FALSE(fs::exists(garbage));
+    const auto rows = received(*gateway);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].first, "pageview");
+    EXPECT_EQ(rows[0].second["page_name"], "home");
+    EXPECT_EQ(gateway->stats().requests, 1u);
+}
+
+TEST_F(GatewayPipelineTests, theSixtySecondFlushSendsFewerEventsThanTheMinimumBatch) {
+    auto gateway = startGateway();
+    auto queue = std::make_shared<VirtualTimeSerialQueue>();
+    auto c = configuration(gateway->baseURL(), directory / "state");
+    c.environment.minimumBatchSize = 5;
+    c.environment.shouldFlushAtRegularIntervals = true;
+    c.queue = queue;
+    auto stack = makeStack(c);
+    ASSERT_NE(stack, nullptr);
+
+    tagSession(*stack, 4);
+    queue->runUntilIdle();
+    EXPECT_EQ(stack->statistics().upload.waiting, 4u);
+    queue->advance(59s);
+    EXPECT_EQ(stack->statistics().upload.batchesSent, 0u);
+    queue->advance(1s);
+    // Handed to the real request queue now; its answer comes back through the virtual queue.
+    EXPECT_EQ(stack->statistics().upload.batchesSent, 1u);
+    const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+    while (stack->statistics().upload.delivered < 4 && std::chrono::steady_clock::now() < deadline) {
+        if (queue->runUntilIdle() == 0) std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_EQ(stack->statistics().upload.delivered, 4u);
+    EXPECT_EQ(stack->statistics().upload.waiting, 0u);
+    EXPECT_EQ(received(*gateway), recorded(*recorder));
+    EXPECT_EQ(gateway->stats().requests, 1u);
+}
+
+}  // namespace
+}  // namespace kt

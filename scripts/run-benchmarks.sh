@@ -51,6 +51,7 @@ awk -F, '
   function unq(s) { gsub(/"/, "", s); return s }
   function fmt_time(t, unit) {
     if (unit == "us") t *= 1e3; else if (unit == "ms") t *= 1e6; else if (unit == "s") t *= 1e9
+    if (t < 10) return sprintf("%.1f ns", t)
     if (t < 1e3) return sprintf("%.0f ns", t)
     if (t < 1e6) return sprintf("%.1f us", t / 1e3)
     if (t < 1e9) return sprintf("%.0f ms", t / 1e6)

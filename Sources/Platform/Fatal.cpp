@@ -6,19 +6,18 @@
 
 namespace kt {
 
-void fatalError(std::string_view message, std::source_location where) {
+void fatalError(std::string_view message, SourceLocation where) {
     std::fprintf(stderr, "Fatal error: %.*s\n  at %s:%u in %s\n", static_cast<int>(message.size()),
-                 message.data(), where.file_name(), static_cast<unsigned>(where.line()),
-                 where.function_name());
+                 message.data(), where.file, where.line, where.function);
     std::fflush(stderr);
     std::abort();
 }
 
-void invalidParameter(std::string_view conditionText, std::source_location where) {
+void invalidParameter(std::string_view conditionText, SourceLocation where) {
     fatalError(std::string("Invalid parameter not satisfying: ").append(conditionText), where);
 }
 
-void expectedNotNil(std::string_view what, std::source_location where) {
+void expectedNotNil(std::string_view what, SourceLocation where) {
     fatalError(std::string("Expected '").append(what).append("' not to be nil."), where);
 }
 

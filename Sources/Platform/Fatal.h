@@ -2,23 +2,34 @@
 // Programming errors stop the process in every build type, with the message the rest of
 // the system (and its death tests) expects. These never compile away under NDEBUG.
 
-#include <source_location>
 #include <string>
 #include <string_view>
 
 namespace kt {
 
+/// Where a fatal error was raised. The compiler builtins stand in for std::source_location,
+/// which not every supported compiler provides yet.
+struct SourceLocation {
+    const char* file;
+    unsigned line;
+    const char* function;
+    static constexpr SourceLocation current(const char* file = __builtin_FILE(), unsigned line = __builtin_LINE(),
+                                            const char* function = __builtin_FUNCTION()) {
+        return {file, line, function};
+    }
+};
+
 /// Writes "Fatal error: <message>" and the source location to stderr, then aborts.
 [[noreturn]] void fatalError(std::string_view message,
-                             std::source_location where = std::source_location::current());
+                             SourceLocation where = SourceLocation::current());
 
 /// The argument-check failure: "Invalid parameter not satisfying: <condition text>".
 [[noreturn]] void invalidParameter(std::string_view conditionText,
-                                   std::source_location where = std::source_location::current());
+                                   SourceLocation where = SourceLocation::current());
 
 /// The must-not-be-null failure: "Expected '<what>' not to be nil."
 [[noreturn]] void expectedNotNil(std::string_view what,
-                                 std::source_location where = std::source_location::current());
+                                 SourceLocation where = SourceLocation::current());
 
 }  // namespace kt
 

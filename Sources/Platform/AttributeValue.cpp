@@ -82,6 +82,28 @@ void describeInto(const AttributeValue& v, std::string& out) {
 }
 }  // namespace
 
+bool nestsDeeperThan(const AttributeValue& v, std::size_t limit) {
+    struct Level {
+        const AttributeValue* container;
+        AttributeValue::const_iterator next;
+    };
+    if (!v.is_structured()) return false;
+    std::vector<Level> stack;
+    stack.push_back({&v, v.cbegin()});
+    while (!stack.empty()) {
+        if (stack.size() > limit) return true;
+        auto& top = stack.back();
+        if (top.next == top.container->cend()) {
+            stack.pop_back();
+            continue;
+        }
+        const AttributeValue& item = *top.next;
+        ++top.next;
+        if (item.is_structured()) stack.push_back({&item, item.cbegin()});
+    }
+    return false;
+}
+
 std::size_t hash(const AttributeValue& v) {
     constexpr std::size_t kMix = 0x9e3779b97f4a7c15ULL;
     const auto combine = [](std::size_t seed, std::size_t h) { return seed ^ (h + kMix + (seed << 6) + (seed >> 2)); };

@@ -47,6 +47,12 @@ inline AttributeDictionary dictionary() { return AttributeDictionary::object(); 
 /// are held as signed, unsigned or floating-point (archives and JSON read 1 back unsigned).
 std::size_t hash(const AttributeValue& v);
 
+/// True when `v` nests arrays and dictionaries more than `limit` levels deep (a scalar is
+/// depth 0, `[1]` depth 1). Walks with a heap stack, so hostile depths cannot exhaust the
+/// thread's stack; every recursive walk of a value (copy, hash, archive, JSON) must come
+/// after this check.
+bool nestsDeeperThan(const AttributeValue& v, std::size_t limit);
+
 /// The platform's textual form of a value, used in log lines and descriptions:
 /// dictionaries as "{key = value; ...}", arrays as "(a, b)", strings bare.
 std::string describe(const AttributeValue& v);

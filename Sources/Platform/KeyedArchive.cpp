@@ -14,10 +14,11 @@ namespace {
 constexpr const char* kArchiverName = "KTKeyedArchiver";
 constexpr int kArchiveVersion = 1;
 
-// Each encoded value adds two levels (the [class, payload] pair and the payload), so this
-// allows attribute values nested about 250 deep, far beyond anything an event carries,
-// while keeping the recursive parser and validator well inside the stack.
-constexpr std::size_t kMaxNesting = 512;
+// Each encoded value adds two levels (the [class, payload] pair and the payload), and the
+// root object a few more, so this allows attribute values nested 256 deep (the most the
+// event store writes), far beyond anything an event carries, while keeping the recursive
+// parser and validator well inside the stack.
+constexpr std::size_t kMaxNesting = 2 * 256 + 16;
 
 bool isValueClass(std::string_view name) {
     return name == archive::kString || name == archive::kNumber || name == archive::kArray ||

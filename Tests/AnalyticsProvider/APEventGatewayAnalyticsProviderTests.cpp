@@ -26,6 +26,9 @@ public:
         uploaded.push_back(event);
     }
     void flush() override { journal_.push_back("flush"); }
+    void discardEvent(const APEventDescripting& event, APEventDropReason reason) override {
+        journal_.push_back("discard " + event.name() + " " + std::string(eventDropReasonKey(reason)));
+    }
     std::vector<std::shared_ptr<const APEvent>> uploaded;
 
 private:
@@ -97,6 +100,22 @@ TEST_F(APEventGatewayAnalyticsProviderTests, WorkHappensOnTheQueueInTagOrder) {
     EXPECT_EQ(journal, (Journal{"upload like", "upload pageview"}));
     ASSERT_EQ(uploader->uploaded.size(), 2u);
     EXPECT_EQ(*uploader->uploaded[0]->attributes(), (AttributeDictionary{{"page_name", "stream"}, {"transformed", true}}));
+}
+
+// A value nested far beyond the limit would overflow the stack in the transformer's copy;
+// it is counted as dropped before anything walks it recursively.
+TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheTransformer) {
+    AttributeValue deep = AttributeValue::array();
+    for (int i = 0; i < 100000; ++i) {
+        AttributeValue outer = AttributeValue::array();
+        outer.push_back(std::move(deep));
+        deep = std::move(outer);
+    }
+    recorder->isRecording = true;
+    provider->tagEvent(APEvent::make("like", AttributeDictionary{{"deep", std::move(deep)}}));
+    provider->tagEvent(event("pageview"));
+    queue->runUntilIdle();
+    EXPECT_EQ(journal, (Journal{"discard like too_deeply_nested", "record pageview", "upload pageview"}));
 }
 
 TEST_F(APEventGatewayAnalyticsProviderTests, RecordingComesBeforeUploadWithTheTransformedForm) {

@@ -3,6 +3,10 @@
 #include <atomic>
 #include <chrono>
 #include <limits>
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <map>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -46,7 +50,7 @@ std::multiset<int> numbersIn(const HTTPRequest& request) {
 }
 
 class APEventGatewayBatchUploaderTests : public ::testing::Test {
-protected:
+public:
     std::shared_ptr<APEventGatewayBatchUploader> makeUploader(std::size_t minimumBatchSize, bool flushAtIntervals = true) {
         return APEventGatewayBatchUploader::make(serializer, factory, requestQueue, {}, minimumBatchSize, techLogger,
                                                  queue, environment, flushAtIntervals, logger);
@@ -149,7 +153,7 @@ TEST_F(APEventGatewayBatchUploaderTests, AnEventIsDroppedAfterItsThirdFailure) {
     EXPECT_TRUE(uploader->queuedEvents().empty());
     auto stats = uploader->statistics();
     EXPECT_EQ(stats.retries, 2u);
-    EXPECT_EQ(stats.droppedFailedThreeTimes, 1u);
+    EXPECT_EQ(stats.dropped(APEventDropReason::failedThreeTimes), 1u);
     EXPECT_EQ(stats.batchesFailed, 3u);
     EXPECT_EQ(techLogger->count(), 0u);
 }
@@ -160,7 +164,7 @@ TEST_F(APEventGatewayBatchUploaderTests, RejectedBatchIsDeletedAndReportedOnlyOn
     upload(uploader, event(2));
     respond(3);
     EXPECT_EQ(serializer->serializedEventsCount(), 0u);
-    EXPECT_EQ(uploader->statistics().droppedRejected, 2u);
+    EXPECT_EQ(uploader->statistics().dropped(APEventDropReason::rejected), 2u);
     EXPECT_EQ(techLogger->count(), 0u);
 }
 
@@ -236,7 +240,7 @@ TEST_F(APEventGatewayBatchUploaderTests, CorruptedEventsAreDeletedReportedAndSta
     auto reported = techLogger->eventsNamed("corrupted_events");
     ASSERT_EQ(reported.size(), 1u);
     EXPECT_TRUE(reported[0].attributes.empty());
-    EXPECT_EQ(uploader->statistics().droppedCorrupted, 2u);
+    EXPECT_EQ(uploader->statistics().dropped(APEventDropReason::notRepresentable), 2u);
     EXPECT_TRUE(logger->contains("Fatal error - unable to serialize events to JSON"));
 
     // The stale in-flight entries make the waiting count wrap, so the next event is sent
@@ -273,6 +277,169 @@ TEST_F(APEventGatewayBatchUploaderTests, ARestartUploadsWhatWasStored) {
     queue->runUntilIdle();
     ASSERT_EQ(requestQueue->sentCount(), 1u);
     EXPECT_EQ(numbersIn(requestQueue->sentRequests()[0]), (std::multiset<int>{1, 2}));
+}
+
+// Counts what the store asks of its folder, passing every call on to the real one.
+class CountingFolder final : public EventFolderAccessing {
+public:
+    std::vector<EventFolderEntry> list(const std::filesystem::path& folder, const std::string& suffix) const override {
+        ++lists;
+        return real.list(folder, suffix);
+    }
+    EventFolderEntryKind kind(const std::filesystem::path& path) const override { return real.kind(path); }
+    std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize,
+                              std::string& error) const override {
+        ++reads[path.filename().native()];
+        return real.read(path, maximumSize, error);
+    }
+    PosixEventFolder real;
+    mutable int lists = 0;
+    mutable std::map<std::string, int> reads;
+};
+
+TEST_F(APEventGatewayBatchUploaderTests, AFlushReadsOnlyWhatIsNotInFlightAndListsNothing) {
+    auto folder = std::make_shared<CountingFolder>();
+    serializer = std::make_shared<APEventSerializer>(temp / "events", logger, std::make_shared<ExtendedFileAttributes>(),
+                                                     folder);
+    auto uploader = makeUploader(10, false);
+    for (int n = 0; n < 1000; ++n) upload(uploader, event(n));  // 100 batches in flight
+    ASSERT_EQ(requestQueue->pendingCount(), 100u);
+    upload(uploader, event(1000));
+    folder->lists = 0;
+    folder->reads.clear();
+
+    uploader->flush();
+    queue->runUntilIdle();
+    ASSERT_EQ(requestQueue->sentCount(), 101u);
+    EXPECT_EQ(folder->lists, 0);
+    EXPECT_EQ(folder->reads,
+              (std::map<std::string, int>{{serializer->serializeEvent(event(1000))->eventURL().filename(), 1}}));
+    EXPECT_EQ(uploader->statistics().inFlight, 1001u);
+
+    // Failed events wait again, are read once each by the next flush, and the timed flush
+    // lists the folder once.
+    requestQueue->respondToAll(2);
+    queue->runUntilIdle();
+    folder->reads.clear();
+    uploader->flush();
+    queue->runUntilIdle();
+    EXPECT_EQ(folder->reads.size(), 1001u);
+    EXPECT_TRUE(std::all_of(folder->reads.begin(), folder->reads.end(), [](const auto& r) { return r.second == 1; }));
+    EXPECT_EQ(folder->lists, 0);
+}
+
+TEST_F(APEventGatewayBatchUploaderTests, TheTimedFlushListsTheFolderOnceAndFindsForeignFiles) {
+    auto folder = std::make_shared<CountingFolder>();
+    serializer = std::make_shared<APEventSerializer>(temp / "events", logger, std::make_shared<ExtendedFileAttributes>(),
+                                                     folder);
+    auto uploader = makeUploader(100);
+    upload(uploader, event(1));
+    // Another process of the application stored one too.
+    APEventSerializer other(temp / "events", nullptr);
+    ASSERT_TRUE(other.serializeEvent(event(2)));
+    folder->lists = 0;
+    queue->advance(60s);
+    EXPECT_EQ(folder->lists, 1);
+    ASSERT_EQ(requestQueue->sentCount(), 1u);
+    EXPECT_EQ(numbersIn(requestQueue->sentRequests()[0]), (std::multiset<int>{1, 2}));
+}
+
+// A file system that refuses the count (not one without attributes: one that fails).
+class FailingAttributes final : public FileAttributeStoring {
+public:
+    std::optional<Bytes> attribute(const std::filesystem::path&, const std::string&, int& error) const override {
+        error = ENODATA;
+        return std::nullopt;
+    }
+    int setAttribute(const std::filesystem::path&, const std::string&, const Bytes&) override { return EIO; }
+};
+
+TEST_F(APEventGatewayBatchUploaderTests, ACountTheFileRefusesIsKeptInMemoryForAllThreeAttempts) {
+    serializer = std::make_shared<APEventSerializer>(temp / "events", logger, std::make_shared<FailingAttributes>());
+    auto uploader = makeUploader(1, false);
+    upload(uploader, event(1));
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        ASSERT_EQ(serializer->serializedEventsCount(), 1u) << "attempt " << attempt;
+        respond(2);
+        uploader->flush();
+        queue->runUntilIdle();
+    }
+    EXPECT_EQ(serializer->serializedEventsCount(), 0u);
+    const auto stats = uploader->statistics();
+    EXPECT_EQ(stats.dropped(APEventDropReason::failedThreeTimes), 1u);
+    EXPECT_EQ(stats.dropped(), 1u);
+    EXPECT_EQ(stats.retryCountsInMemory, 3u);
+    EXPECT_EQ(logger->messages(3).size(), 1u);  // logged once, not at every attempt
+}
+
+// Each reason an event can leave without being delivered, reached the way it happens.
+TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
+    const auto nested = [](int depth) {
+        AttributeValue v = 1;
+        for (int i = 0; i < depth; ++i) v = AttributeValue::array({std::move(v)});
+        return v;
+    };
+    struct Case {
+        const char* name;
+        std::function<void(APEventGatewayBatchUploaderTests&, const std::shared_ptr<APEventGatewayBatchUploader>&)> act;
+        APEventDropReason reason;
+    };
+    const std::vector<Case> cases = {
+        {"third failure",
+         [](auto& t, const auto& u) {
+             t.upload(u, event(1));
+             for (int i = 0; i < 3; ++i) {
+                 t.respond(2);
+                 u->flush();
+                 t.queue->runUntilIdle();
+             }
+         },
+         APEventDropReason::failedThreeTimes},
+        {"rejected", [](auto& t, const auto& u) { t.upload(u, event(1)); t.respond(3); }, APEventDropReason::rejected},
+        {"not JSON", [](auto& t, const auto& u) { t.upload(u, event(1, std::numeric_limits<double>::infinity())); },
+         APEventDropReason::notRepresentable},
+        // A null marker is stored but is not a class the store reads back.
+        {"unreadable", [](auto& t, const auto& u) { t.upload(u, event(1, AttributeValue::array({nullptr}))); },
+         APEventDropReason::unreadable},
+        {"file gone before the count",
+         [](auto& t, const auto& u) {
+             t.upload(u, event(1));
+             std::filesystem::remove(u->queuedEvents().begin()->eventURL());
+             t.respond(2);
+         },
+         APEventDropReason::retryCountLost},
+        {"too deep", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(300))); },
+         APEventDropReason::tooDeeplyNested},
+        {"write failed",
+         [](auto& t, const auto& u) {
+             // A file where the folder should be: creating anything in it fails, even as root.
+             std::filesystem::remove_all(t.temp / "events");
+             std::ofstream(t.temp / "events") << "not a folder";
+             t.upload(u, event(1));
+         },
+         APEventDropReason::notStored},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(temp / "events");
+        serializer = std::make_shared<APEventSerializer>(temp / "events", logger);
+        requestQueue = std::make_shared<testing::FakeRequestQueue>();
+        auto uploader = makeUploader(1, false);
+        c.act(*this, uploader);
+        const auto stats = uploader->statistics();
+        EXPECT_EQ(stats.dropped(c.reason), 1u);
+        EXPECT_EQ(stats.dropped(), 1u);
+        EXPECT_EQ(stats.waiting + stats.delivered, 0u);
+    }
+    // Depth 256 is the most the store takes, and it reads it back.
+    std::filesystem::remove_all(temp / "events");
+    serializer = std::make_shared<APEventSerializer>(temp / "events", logger);
+    requestQueue = std::make_shared<testing::FakeRequestQueue>();
+    auto uploader = makeUploader(1, false);
+    upload(uploader, event(1, nested(255)));  // inside the attributes dictionary: 256 levels
+    respond(0);
+    EXPECT_EQ(uploader->statistics().delivered, 1u);
+    EXPECT_EQ(uploader->statistics().dropped(), 0u);
 }
 
 TEST_F(APEventGatewayBatchUploaderTests, UploadingNothingIsAProgrammingError) {

@@ -195,7 +195,7 @@ TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEach
 
     const auto upload = stack->statistics().upload;
     EXPECT_EQ(upload.batchesSent, 2u);
-    EXPECT_EQ(upload.droppedRejected, 2u);
+    EXPECT_EQ(upload.dropped(APEventDropReason::rejected), 2u);
     EXPECT_EQ(upload.delivered, 0u);
     EXPECT_EQ(gateway->stats().failuresInjected, 2u);
     EXPECT_EQ(gateway->stats().events, 0u);
@@ -232,7 +232,7 @@ TEST_F(GatewayPipelineTests, theThirdFailedAttemptDropsAnEvent) {
         }
     }
     const auto upload = stack->statistics().upload;
-    EXPECT_EQ(upload.droppedFailedThreeTimes, 2u);
+    EXPECT_EQ(upload.dropped(APEventDropReason::failedThreeTimes), 2u);
     EXPECT_EQ(upload.retries, 4u);
     EXPECT_EQ(upload.waiting, 0u);
     EXPECT_EQ(gateway->stats().events, 0u);

@@ -4,6 +4,7 @@
 #include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
 #include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "Platform/Fatal.h"
 #include "Platform/SerialQueue.h"
 
@@ -73,6 +74,12 @@ void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEve
 }
 
 void APEventGatewayAnalyticsProvider::process(const APEventDescripting& event) {
+    // The transformer copies the attributes recursively; a hostile depth must stop here.
+    if (const auto* attributes = event.attributes();
+        attributes && value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth)) {
+        uploader_->discardEvent(event, APEventDropReason::tooDeeplyNested);
+        return;
+    }
     auto transformed = std::dynamic_pointer_cast<const APEvent>(eventTransformer_->transform(event));
     if (!transformed) return;  // nothing, or not an event the gateway can take
     if (recorder_->recording()) recorder_->recordEvent(transformed->eventGatewayDictionary());

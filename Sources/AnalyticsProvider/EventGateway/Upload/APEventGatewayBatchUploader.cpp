@@ -27,7 +27,22 @@ void add(std::atomic<std::uint64_t>& counter, std::uint64_t amount) {
     counter.fetch_add(amount, std::memory_order_relaxed);
 }
 
+std::string fileName(const APSerializedEvent& event) { return event.eventURL().filename().native(); }
+
 }  // namespace
+
+std::string_view eventDropReasonKey(APEventDropReason reason) {
+    switch (reason) {
+        case APEventDropReason::failedThreeTimes: return "failed_three_times";
+        case APEventDropReason::rejected: return "rejected";
+        case APEventDropReason::notRepresentable: return "not_representable";
+        case APEventDropReason::unreadable: return "unreadable";
+        case APEventDropReason::retryCountLost: return "retry_count_lost";
+        case APEventDropReason::tooDeeplyNested: return "too_deeply_nested";
+        case APEventDropReason::notStored: return "not_stored";
+    }
+    return "unknown";
+}
 
 std::shared_ptr<APEventGatewayBatchUploader> APEventGatewayBatchUploader::make(
     std::shared_ptr<APEventSerializer> eventSerializer, std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
@@ -64,14 +79,39 @@ APEventGatewayBatchUploader::APEventGatewayBatchUploader(
     KT_PARAMETER_ASSERT_TEXT(requestFactory_ != nullptr, "requestFactory");
     KT_PARAMETER_ASSERT_TEXT(requestQueue_ != nullptr, "requestQueue");
     KT_PARAMETER_ASSERT_TEXT(eventGatewayQueue_ != nullptr, "queue");
+    for (const auto& e : queuedEvents_) inFlightNames_.insert(fileName(e));
+    // The store listed its folder when it was made; what it found waits from the start.
+    relistNotQueued();
     publishQueueState();
 }
 
 void APEventGatewayBatchUploader::uploadEvent(const std::shared_ptr<const APEvent>& event) {
     KT_PARAMETER_ASSERT_TEXT(event != nullptr, "event");
-    if (eventSerializer_->serializeEvent(event)) add(counters_.stored, 1);
+    APEventStoreFailure failure = APEventStoreFailure::none;
+    if (auto stored = eventSerializer_->serializeEvent(event, &failure)) {
+        add(counters_.stored, 1);
+        // A byte-identical event whose file is in flight collapses into that file.
+        if (auto name = fileName(*stored); inFlightNames_.count(name) == 0) notQueuedNames_.insert(std::move(name));
+    } else {
+        switch (failure) {
+            case APEventStoreFailure::tooDeeplyNested: drop(APEventDropReason::tooDeeplyNested, 1); break;
+            case APEventStoreFailure::notArchivable: drop(APEventDropReason::notRepresentable, 1); break;
+            default: drop(APEventDropReason::notStored, 1); break;
+        }
+    }
     flushIfNeeded();
     publishQueueState();
+}
+
+void APEventGatewayBatchUploader::discardEvent(const APEventDescripting& event, APEventDropReason reason) {
+    KT_LOG(logger_, 3, kFile, "-[APEventGatewayBatchUploader discardEvent:]", "Dropping event {}: {}", event.name(),
+           eventDropReasonKey(reason));
+    drop(reason, 1);
+    publishQueueState();
+}
+
+void APEventGatewayBatchUploader::drop(APEventDropReason reason, std::uint64_t count) {
+    add(counters_.dropped[static_cast<std::size_t>(reason)], count);
 }
 
 void APEventGatewayBatchUploader::flush() {
@@ -94,9 +134,18 @@ void APEventGatewayBatchUploader::flushDelayed() {
     eventGatewayQueue_->asyncAfter(kFlushInterval, [weak = weak_from_this()] {
         auto self = weak.lock();
         if (!self) return;
+        // The one listing of the folder between two timed flushes.
+        self->relistNotQueued();
         self->flushIfPossible();
+        self->publishQueueState();
         self->flushDelayed();
     });
+}
+
+void APEventGatewayBatchUploader::relistNotQueued() {
+    notQueuedNames_.clear();
+    for (auto& name : eventSerializer_->relistReadableNames())
+        if (inFlightNames_.count(name) == 0) notQueuedNames_.insert(std::move(name));
 }
 
 std::size_t APEventGatewayBatchUploader::numberOfEventsWaitingToBeUploaded() const {
@@ -107,13 +156,9 @@ std::size_t APEventGatewayBatchUploader::numberOfEventsWaitingToBeUploaded() con
 
 APSerializedEventSet APEventGatewayBatchUploader::serializedEventsNotQueued() const {
     // Files of events in flight are not read again: their names are the digests of their
-    // contents, so they would decode to the very events already in flight and be filtered
-    // out. Without this, every flush while a large batch is out would re-read all of it.
-    std::unordered_set<std::string> inFlight;
-    inFlight.reserve(queuedEvents_.size());
-    for (const auto& e : queuedEvents_) inFlight.insert(e.eventURL().native());
+    // contents, so they would decode to the very events already in flight.
     APSerializedEventSet events = eventSerializer_->serializedEvents(
-        [&inFlight](const std::filesystem::path& url) { return inFlight.count(url.native()) != 0; });
+        [this](const std::filesystem::path& url) { return inFlightNames_.count(url.filename().native()) != 0; });
     std::erase_if(events, [this](const APSerializedEvent& e) { return queuedEvents_.count(e) != 0; });
     return events;
 }
@@ -130,24 +175,42 @@ void APEventGatewayBatchUploader::flushOnQueue() {
     publishQueueState();
 }
 
-void APEventGatewayBatchUploader::flushBatchOfEvents() {
-    APSerializedEventSet events = serializedEventsNotQueued();
-    if (events.empty()) return;
+APEventGatewayBatchUploader::Batch APEventGatewayBatchUploader::takeNotQueued(bool single) {
     Batch batch;
-    batch.reserve(events.size());
-    for (auto it = events.begin(); it != events.end();) {
-        auto node = events.extract(it++);
-        queuedEvents_.insert(node.value());
-        batch.push_back(std::move(node.value()));
+    // Files that turn out unreadable are deleted by the store and tried no more; on an
+    // alpha build the next name is tried until one event reads back.
+    while (!notQueuedNames_.empty() && batch.empty()) {
+        std::vector<std::string> names;
+        if (single) {
+            names.push_back(std::move(notQueuedNames_.extract(notQueuedNames_.begin()).value()));
+        } else {
+            names.reserve(notQueuedNames_.size());
+            for (auto it = notQueuedNames_.begin(); it != notQueuedNames_.end();)
+                names.push_back(std::move(notQueuedNames_.extract(it++).value()));
+        }
+        batch = eventSerializer_->serializedEventsNamed(names);
     }
+    return batch;
+}
+
+void APEventGatewayBatchUploader::markInFlight(const Batch& batch) {
+    for (const auto& e : batch) {
+        queuedEvents_.insert(e);
+        inFlightNames_.insert(fileName(e));
+    }
+}
+
+void APEventGatewayBatchUploader::flushBatchOfEvents() {
+    Batch batch = takeNotQueued(false);
+    if (batch.empty()) return;
+    markInFlight(batch);
     createRequestAndUploadSerializedEvents(std::move(batch));
 }
 
 void APEventGatewayBatchUploader::flushSingleEvent() {
-    APSerializedEventSet events = serializedEventsNotQueued();
-    if (events.empty()) return;
-    Batch batch{*events.begin()};
-    queuedEvents_.insert(batch.front());
+    Batch batch = takeNotQueued(true);
+    if (batch.empty()) return;
+    markInFlight(batch);
     createRequestAndUploadSerializedEvents(std::move(batch));
 }
 
@@ -174,7 +237,7 @@ void APEventGatewayBatchUploader::deleteCorruptedEvents(const Batch& events, con
     KT_LOG(logger_, 3, kFile, "-[APEventGatewayBatchUploader deleteCorruptedEvents:withError:]",
            "Fatal error - unable to serialize events to JSON {}: {}", describeSerializedEvents(events), error);
     eventSerializer_->deleteEvents(events);
-    add(counters_.droppedCorrupted, events.size());
+    drop(APEventDropReason::notRepresentable, events.size());
     if (techLogger_) techLogger_->logEvent(TechEvent("corrupted_events", kTechEventSpace));
     // The events stay in the in-flight set until the process ends: this is how the
     // uploader has always behaved, and the waiting count may wrap because of it.
@@ -201,14 +264,17 @@ void APEventGatewayBatchUploader::handleResult(const Batch& events, int resultCo
         case static_cast<int>(RequestResult::rejected):
             trackInvalidEventIfNeededFrom(events);
             eventSerializer_->deleteEvents(events);
-            add(counters_.droppedRejected, events.size());
+            drop(APEventDropReason::rejected, events.size());
             break;
         default:
             add(counters_.batchesFailed, 1);
             increaseRetryCountAndDeleteEventsIfNeeded(events);
             break;
     }
-    for (const auto& e : events) queuedEvents_.erase(e);
+    for (const auto& e : events) {
+        queuedEvents_.erase(e);
+        inFlightNames_.erase(fileName(e));
+    }
     publishQueueState();
 }
 
@@ -216,14 +282,15 @@ void APEventGatewayBatchUploader::increaseRetryCountAndDeleteEventsIfNeeded(cons
     for (const auto& event : events) {
         const auto count = eventSerializer_->increaseRetryCount(event);
         if (!count) {
-            // Without a stored count the event could be retried forever.
+            // The file is gone: nothing is left to retry.
             eventSerializer_->deleteEvents(Batch{event});
-            add(counters_.droppedRetryCountLost, 1);
+            drop(APEventDropReason::retryCountLost, 1);
         } else if (*count > kMaximumRetryCount) {
             eventSerializer_->deleteEvents(Batch{event});
-            add(counters_.droppedFailedThreeTimes, 1);
+            drop(APEventDropReason::failedThreeTimes, 1);
         } else {
             add(counters_.retries, 1);
+            notQueuedNames_.insert(fileName(event));
         }
     }
 }
@@ -255,10 +322,11 @@ APEventGatewayUploadStatistics APEventGatewayBatchUploader::statistics() const {
     APEventGatewayUploadStatistics s;
     s.stored = load(counters_.stored);
     s.delivered = load(counters_.delivered);
-    s.droppedFailedThreeTimes = load(counters_.droppedFailedThreeTimes);
-    s.droppedRejected = load(counters_.droppedRejected);
-    s.droppedCorrupted = load(counters_.droppedCorrupted);
-    s.droppedRetryCountLost = load(counters_.droppedRetryCountLost);
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i) s.droppedByReason.counts[i] = load(counters_.dropped[i]);
+    // The store deletes undecodable files itself, whoever asked it to read.
+    const auto store = eventSerializer_->statistics();
+    s.droppedByReason.counts[static_cast<std::size_t>(APEventDropReason::unreadable)] += store.unreadableDeleted;
+    s.retryCountsInMemory = store.retryCountsInMemory;
     s.batchesSent = load(counters_.batchesSent);
     s.batchesFailed = load(counters_.batchesFailed);
     s.bytesRaw = load(counters_.bytesRaw);

@@ -4,6 +4,12 @@
 // The request queue's result code decides whether a batch is deleted, retried or
 // reported; an event is dropped after its third failed attempt.
 //
+// Cost: the uploader keeps, beside the in-flight set, the names of the stored files that
+// are not in flight. A flush reads exactly those files, each once, so its cost follows the
+// batch and not the number of events on disk or in flight. The folder itself is listed
+// when the store is made and once per timed flush, to pick up files the index cannot know
+// of (written by an earlier process, say).
+//
 // Threads: the uploader's state (the in-flight set and the store) is touched only on its
 // serial queue. `uploadEvent` and the flush operations other than `flush` must be called
 // there; `flush` may be called from any thread and moves itself onto the queue, so an
@@ -15,6 +21,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
@@ -35,10 +43,8 @@ class TechLogging;
 struct APEventGatewayUploadStatistics {
     std::uint64_t stored = 0;          ///< events handed over and written to disk
     std::uint64_t delivered = 0;       ///< events in batches the gateway accepted
-    std::uint64_t droppedFailedThreeTimes = 0;
-    std::uint64_t droppedRejected = 0;  ///< batches the gateway refused as invalid
-    std::uint64_t droppedCorrupted = 0; ///< events JSON could not represent
-    std::uint64_t droppedRetryCountLost = 0;  ///< the retry count could not be stored
+    APEventDropCounts droppedByReason; ///< events removed without delivery
+    std::uint64_t retryCountsInMemory = 0;  ///< failed attempts counted in memory only
     std::uint64_t batchesSent = 0;
     std::uint64_t batchesFailed = 0;   ///< answered with a code other than 0 and 3
     std::uint64_t bytesRaw = 0;        ///< JSON bodies before compression
@@ -47,9 +53,8 @@ struct APEventGatewayUploadStatistics {
     std::uint64_t waiting = 0;         ///< event files on disk now (in flight included)
     std::uint64_t inFlight = 0;        ///< events handed to the request queue, not yet answered
 
-    std::uint64_t dropped() const {
-        return droppedFailedThreeTimes + droppedRejected + droppedCorrupted + droppedRetryCountLost;
-    }
+    std::uint64_t dropped() const { return droppedByReason.total(); }
+    std::uint64_t dropped(APEventDropReason reason) const { return droppedByReason[reason]; }
 };
 
 class APEventGatewayBatchUploader final : public APEventGatewayUploading,
@@ -84,6 +89,8 @@ public:
     void uploadEvent(const std::shared_ptr<const APEvent>& event) override;
     /// Any thread: uploads every stored event not in flight (one event on alpha builds).
     void flush() override;
+    /// On the queue: counts and logs an event refused before it reached the store.
+    void discardEvent(const APEventDescripting& event, APEventDropReason reason) override;
 
     /// On the queue: `flushIfPossible` when at least `minimumBatchSize` events wait.
     void flushIfNeeded();
@@ -94,8 +101,10 @@ public:
 
     /// On the queue: stored files minus in-flight events (an unsigned difference).
     std::size_t numberOfEventsWaitingToBeUploaded() const;
-    /// On the queue: every stored event that is not in flight.
+    /// On the queue: every stored event that is not in flight (reads the files back).
     APSerializedEventSet serializedEventsNotQueued() const;
+    /// On the queue: how many stored files wait outside the in-flight set, as the index knows.
+    std::size_t numberOfIndexedEventsNotQueued() const { return notQueuedNames_.size(); }
     /// On the queue: the events in flight.
     const APSerializedEventSet& queuedEvents() const { return queuedEvents_; }
     /// Alpha builds upload one event per request and report events the gateway rejects.
@@ -111,6 +120,10 @@ private:
     using Batch = std::vector<APSerializedEvent>;
 
     void flushOnQueue();
+    void relistNotQueued();
+    Batch takeNotQueued(bool single);
+    void markInFlight(const Batch& batch);
+    void drop(APEventDropReason reason, std::uint64_t count);
     void flushBatchOfEvents();
     void flushSingleEvent();
     void createRequestAndUploadSerializedEvents(Batch events);
@@ -126,6 +139,9 @@ private:
     const std::shared_ptr<APEventGatewayRequestFactory> requestFactory_;
     const std::shared_ptr<RequestQueueing> requestQueue_;
     APSerializedEventSet queuedEvents_;  // only touched on eventGatewayQueue_
+    // File names of queuedEvents_, and of the stored files not among them. Queue only.
+    std::unordered_set<std::string> inFlightNames_;
+    std::unordered_set<std::string> notQueuedNames_;
     const std::size_t minimumBatchSize_;
     const std::shared_ptr<TechLogging> techLogger_;
     const std::shared_ptr<SerialQueue> eventGatewayQueue_;
@@ -134,9 +150,9 @@ private:
     const std::shared_ptr<KTLogger> logger_;
 
     struct Counters {
-        std::atomic<std::uint64_t> stored{0}, delivered{0}, droppedFailedThreeTimes{0}, droppedRejected{0},
-            droppedCorrupted{0}, droppedRetryCountLost{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},
+        std::atomic<std::uint64_t> stored{0}, delivered{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},
             bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0};
+        std::array<std::atomic<std::uint64_t>, kEventDropReasonCount> dropped{};
     };
     Counters counters_;
 };

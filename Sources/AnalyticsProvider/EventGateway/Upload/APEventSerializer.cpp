@@ -40,6 +40,7 @@ const std::set<std::string>& allowedClasses() {
 bool isHidden(const std::string& name) { return !name.empty() && name.front() == '.'; }
 
 bool hasEventExtension(const fs::path& name) { return name.extension() == kDotExtension; }
+bool hasEventExtension(const std::string& name) { return name.ends_with(kDotExtension) && name.size() > 6; }
 
 // Creates every missing directory of `path` readable by its owner only.
 bool createOwnerOnlyDirectories(const fs::path& path, std::string* error) {
@@ -94,47 +95,19 @@ bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size
     return true;
 }
 
-std::optional<Bytes> readFile(const fs::path& path, std::string& error) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        error = std::strerror(errno);
-        return std::nullopt;
-    }
-    struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
-        static_cast<std::uintmax_t>(info.st_size) > kMaximumEventFileSize) {
-        error = "not an event file of a plausible size";
-        ::close(fd);
-        return std::nullopt;
-    }
-    Bytes bytes(static_cast<std::size_t>(info.st_size));
-    std::size_t filled = 0;
-    while (filled < bytes.size()) {
-        const ssize_t n = ::read(fd, bytes.data() + filled, bytes.size() - filled);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            error = std::strerror(errno);
-            ::close(fd);
-            return std::nullopt;
-        }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
-    }
-    ::close(fd);
-    bytes.resize(filled);
-    return bytes;
-}
-
 std::string fileURL(const fs::path& path) { return "file://" + path.native(); }
 
 }  // namespace
 
 APEventSerializer::APEventSerializer(fs::path cacheDirectory, std::shared_ptr<KTLogger> logger,
-                                     std::shared_ptr<FileAttributeStoring> fileAttributes)
+                                     std::shared_ptr<FileAttributeStoring> fileAttributes,
+                                     std::shared_ptr<EventFolderAccessing> folder)
     : cacheDirectory_(std::move(cacheDirectory)),
       logger_(logger ? std::move(logger) : KTLogger::null()),
-      fileAttributes_(std::move(fileAttributes)) {
+      fileAttributes_(std::move(fileAttributes)),
+      folder_(std::move(folder)) {
     KT_PARAMETER_ASSERT_TEXT(fileAttributes_ != nullptr, "fileManager");
+    KT_PARAMETER_ASSERT_TEXT(folder_ != nullptr, "fileManager");
     KT_PARAMETER_ASSERT_TEXT(!cacheDirectory_.empty(), "cacheDirectory");
     // Asking the folder itself tells whether this file system keeps user attributes at all,
     // before any event needs its count (and before a restart deletes an event whose count
@@ -165,8 +138,21 @@ std::optional<fs::path> APEventSerializer::URLForEvent(const APEvent& event, con
     return cacheDirectory_ / (sha1Hex(archive.data(), archive.size()) + kDotExtension);
 }
 
-std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::shared_ptr<const APEvent>& event) {
+std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::shared_ptr<const APEvent>& event,
+                                                                   APEventStoreFailure* failure) {
     KT_PARAMETER_ASSERT_TEXT(event != nullptr, "event");
+    const auto fail = [failure](APEventStoreFailure why) -> std::optional<APSerializedEvent> {
+        if (failure) *failure = why;
+        return std::nullopt;
+    };
+    if (failure) *failure = APEventStoreFailure::none;
+    // Every walk below (description, archive, digest) recurses through the attributes.
+    if (event->attributes() && value::nestsDeeperThan(*event->attributes(), kMaximumAttributeDepth)) {
+        KT_LOG(logger_, 3, kFile, "-[APEventSerializer serializeEvent:]",
+               "Can't store event {}: its attributes nest deeper than {} levels", event->name(),
+               kMaximumAttributeDepth);
+        return fail(APEventStoreFailure::tooDeeplyNested);
+    }
     KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializeEvent:]", "Serializing event: {}", event->description());
     createCacheDirectoryIfNeeded();
 
@@ -177,31 +163,92 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
     } catch (const std::exception& e) {
         KT_LOG(logger_, 3, kFile, "-[APEventSerializer URLForEvent:]", "Can't encode event: {} with value {}",
                event->description(), e.what());
-        return std::nullopt;
+        return fail(APEventStoreFailure::notArchivable);
     }
     auto url = URLForEvent(*event, archive);
-    if (!url) return std::nullopt;
+    if (!url) return fail(APEventStoreFailure::notArchivable);
 
-    if (!writeAtomically(*url, archive.data(), archive.size())) return std::nullopt;
-    indexedNames_.insert(url->filename().native());
+    if (!writeAtomically(*url, archive.data(), archive.size())) {
+        noteWriteFailure(errno);
+        return fail(APEventStoreFailure::writeFailed);
+    }
+    writesFailing_ = false;
+    const std::string name = url->filename().native();
+    indexedNames_.insert(name);
     // A rewritten file is a new file: its retry count starts over, as the attribute of the
     // replaced file went with it.
+    memoryRetryCounts_.erase(name);
     if (usesRetryCountFiles_) ::unlink(retryCountFile(*url).c_str());
     return APSerializedEvent(event, std::move(*url));
 }
 
+void APEventSerializer::noteWriteFailure(int error) {
+    counters_.writeFailures.fetch_add(1, std::memory_order_relaxed);
+    if (writesFailing_) return;
+    writesFailing_ = true;
+    KT_LOG(logger_, 2, kFile, "-[APEventSerializer serializeEvent:]",
+           "Can't write events to {}: {}; events are dropped until writing works again", cacheDirectory_.native(),
+           std::strerror(error));
+}
+
 void APEventSerializer::relist(std::vector<fs::path>* suffixMatches) {
     std::unordered_set<std::string> names;
-    std::error_code ec;
-    for (fs::directory_iterator it(cacheDirectory_, ec), end; !ec && it != end; it.increment(ec)) {
-        const fs::path& path = it->path();
-        const std::string name = path.filename().native();
-        if (isHidden(name)) continue;
-        if (hasEventExtension(path.filename())) names.insert(name);
+    for (auto& entry : folder_->list(cacheDirectory_, kEventExtension)) {
+        const bool ours = hasEventExtension(entry.name);
+        if (entry.kind != EventFolderEntryKind::plainFile) {
+            if (ours) removeForeignEntry(cacheDirectory_ / entry.name, entry.kind == EventFolderEntryKind::directory);
+            continue;
+        }
         // Reading back keeps every name ending in "event", with or without the dot.
-        if (suffixMatches && name.ends_with(kEventExtension)) suffixMatches->push_back(path);
+        if (suffixMatches) suffixMatches->push_back(cacheDirectory_ / entry.name);
+        if (ours) names.insert(std::move(entry.name));
     }
     indexedNames_ = std::move(names);
+}
+
+void APEventSerializer::removeForeignEntry(const fs::path& path, bool isDirectory) {
+    // Removing the entry never touches what a link points to; a folder goes only when empty.
+    const bool removed = (isDirectory ? ::rmdir(path.c_str()) : ::unlink(path.c_str())) == 0;
+    if (removed) counters_.foreignEntriesRemoved.fetch_add(1, std::memory_order_relaxed);
+    KT_LOG(logger_, 2, kFile, "-[APEventSerializer serializedEvents]", "{} {}: not an event file of this store",
+           removed ? "Removed" : "Left", fileURL(path));
+}
+
+std::vector<std::string> APEventSerializer::relistReadableNames() {
+    std::vector<fs::path> paths;
+    relist(&paths);
+    std::vector<std::string> names;
+    names.reserve(paths.size());
+    for (auto& path : paths) names.push_back(path.filename().native());
+    return names;
+}
+
+std::vector<APSerializedEvent> APEventSerializer::serializedEventsNamed(const std::vector<std::string>& names) {
+    std::vector<APSerializedEvent> result;
+    result.reserve(names.size());
+    for (const auto& name : names) {
+        fs::path url = cacheDirectory_ / name;
+        const auto kind = folder_->kind(url);
+        if (kind == EventFolderEntryKind::missing) {
+            KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",
+                   "Trying to serialize event from non existing file {}", fileURL(url));
+            indexedNames_.erase(name);
+            continue;
+        }
+        if (kind != EventFolderEntryKind::plainFile) {
+            indexedNames_.erase(name);
+            if (hasEventExtension(url.filename())) removeForeignEntry(url, kind == EventFolderEntryKind::directory);
+            continue;
+        }
+        auto event = unarchiveEventAtURL(url);
+        if (!event) {
+            removeEventAtPathAndCrash(url);
+            counters_.unreadableDeleted.fetch_add(1, std::memory_order_relaxed);
+            continue;
+        }
+        result.emplace_back(std::move(event), std::move(url));
+    }
+    return result;
 }
 
 void APEventSerializer::removeStaleTemporaryFiles() {
@@ -224,31 +271,18 @@ APSerializedEventSet APEventSerializer::serializedEvents() { return serializedEv
 APSerializedEventSet APEventSerializer::serializedEvents(const std::function<bool(const fs::path&)>& skip) {
     std::vector<fs::path> urls;
     relist(&urls);
-    APSerializedEventSet result;
-    result.reserve(urls.size());
-    for (auto& url : urls) {
-        if (skip && skip(url)) continue;
-        std::error_code ec;
-        if (!fs::exists(url, ec)) {
-            KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",
-                   "Trying to serialize event from non existing file {}", fileURL(url));
-            indexedNames_.erase(url.filename().native());
-            continue;
-        }
-        auto event = unarchiveEventAtURL(url);
-        if (!event) {
-            removeEventAtPathAndCrash(url);
-            continue;
-        }
-        result.emplace(std::move(event), std::move(url));
-    }
-    return result;
+    std::vector<std::string> names;
+    names.reserve(urls.size());
+    for (const auto& url : urls)
+        if (!skip || !skip(url)) names.push_back(url.filename().native());
+    auto events = serializedEventsNamed(names);
+    return APSerializedEventSet(std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
 }
 
 std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::path& url) const {
     std::string error;
     std::shared_ptr<const APEvent> event;
-    if (auto bytes = readFile(url, error)) {
+    if (auto bytes = folder_->read(url, kMaximumEventFileSize, error)) {
         if (auto coder = KeyedUnarchiver::fromBytes(*bytes, allowedClasses(), &error)) {
             // A record the gateway could not take (another root class, no name, no
             // attributes dictionary) would stop the process when decoded or uploaded, and
@@ -272,7 +306,10 @@ std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::
 bool APEventSerializer::removeEventFile(const fs::path& url, int& error) {
     const bool removed = ::unlink(url.c_str()) == 0;
     error = removed ? 0 : errno;
-    if (removed || error == ENOENT) indexedNames_.erase(url.filename().native());
+    if (removed || error == ENOENT) {
+        indexedNames_.erase(url.filename().native());
+        memoryRetryCounts_.erase(url.filename().native());
+    }
     if (usesRetryCountFiles_) ::unlink(retryCountFile(url).c_str());
     return removed;
 }
@@ -303,6 +340,8 @@ fs::path APEventSerializer::retryCountFile(const fs::path& url) const {
 }
 
 std::uint64_t APEventSerializer::retryCountForEventAtURL(const fs::path& url) {
+    if (auto remembered = memoryRetryCounts_.find(url.filename().native()); remembered != memoryRetryCounts_.end())
+        return remembered->second;
     std::optional<Bytes> stored;
     if (!usesRetryCountFiles_) {
         int error = 0;
@@ -311,7 +350,7 @@ std::uint64_t APEventSerializer::retryCountForEventAtURL(const fs::path& url) {
     }
     if (usesRetryCountFiles_) {
         std::string error;
-        stored = readFile(retryCountFile(url), error);
+        stored = folder_->read(retryCountFile(url), sizeof(std::uint64_t), error);
     }
     std::uint64_t count = 0;
     if (stored && stored->size() == sizeof count) std::memcpy(&count, stored->data(), sizeof count);
@@ -324,26 +363,45 @@ bool APEventSerializer::writeRetryCount(const fs::path& url, std::uint64_t count
     if (!usesRetryCountFiles_) {
         const int error = fileAttributes_->setAttribute(url, kRetryCountAttribute, bytes);
         if (error == 0) return true;
-        if (!FileAttributeStoring::isUnsupported(error)) return false;
+        if (!FileAttributeStoring::isUnsupported(error)) {
+            errno = error;
+            return false;
+        }
         usesRetryCountFiles_ = true;
     }
     // A count for an event that is gone would outlive it.
-    std::error_code ec;
-    if (!fs::exists(url, ec)) return false;
+    if (folder_->kind(url) != EventFolderEntryKind::plainFile) return false;
     return writeAtomically(retryCountFile(url), bytes.data(), bytes.size());
 }
 
 std::optional<std::uint64_t> APEventSerializer::increaseRetryCount(const APSerializedEvent& serializedEvent) {
-    const std::uint64_t count = retryCountForEventAtURL(serializedEvent.eventURL()) + 1;
+    const auto& url = serializedEvent.eventURL();
+    const std::uint64_t count = retryCountForEventAtURL(url) + 1;
     KT_LOG(logger_, 0, kFile, "-[APEventSerializer increaseRetryCount:]", "Increasing retryCount to {} for event {}",
            count, serializedEvent.description());
-    if (!writeRetryCount(serializedEvent.eventURL(), count)) {
+    if (writeRetryCount(url, count)) {
+        memoryRetryCounts_.erase(url.filename().native());
+        return count;
+    }
+    const int error = errno;
+    if (folder_->kind(url) != EventFolderEntryKind::plainFile) return std::nullopt;
+    // Without a stored count the event would either be retried forever or dropped at its
+    // first failure; memory keeps its attempts honest until the process ends.
+    memoryRetryCounts_[url.filename().native()] = count;
+    counters_.retryCountsInMemory.fetch_add(1, std::memory_order_relaxed);
+    if (!loggedMemoryRetryCount_) {
+        loggedMemoryRetryCount_ = true;
         KT_LOG(logger_, 3, kFile, "-[APEventSerializer increaseRetryCount:]",
-               "Could not store retryCount {} for event {}: {}", count, fileURL(serializedEvent.eventURL()),
-               std::strerror(errno));
-        return std::nullopt;
+               "Could not store retryCount {} for event {}: {}; retry counts are kept in memory from now on",
+               count, fileURL(url), std::strerror(error));
     }
     return count;
+}
+
+APEventStoreStatistics APEventSerializer::statistics() const {
+    const auto load = [](const std::atomic<std::uint64_t>& c) { return c.load(std::memory_order_relaxed); };
+    return {load(counters_.unreadableDeleted), load(counters_.foreignEntriesRemoved),
+            load(counters_.retryCountsInMemory), load(counters_.writeFailures)};
 }
 
 }  // namespace kt

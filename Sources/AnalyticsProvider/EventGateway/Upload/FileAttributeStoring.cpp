@@ -14,13 +14,13 @@ std::optional<Bytes> ExtendedFileAttributes::attribute(const std::filesystem::pa
     // the value is larger.
     Bytes value(8);
     for (int attempt = 0; attempt < 4; ++attempt) {
-        const ssize_t size = ::getxattr(file.c_str(), name.c_str(), value.data(), value.size());
+        const ssize_t size = ::lgetxattr(file.c_str(), name.c_str(), value.data(), value.size());
         if (size >= 0) {
             value.resize(static_cast<std::size_t>(size));
             return value;
         }
         if (errno != ERANGE) break;
-        const ssize_t needed = ::getxattr(file.c_str(), name.c_str(), nullptr, 0);
+        const ssize_t needed = ::lgetxattr(file.c_str(), name.c_str(), nullptr, 0);
         if (needed < 0) break;
         value.resize(static_cast<std::size_t>(needed));
     }
@@ -30,7 +30,7 @@ std::optional<Bytes> ExtendedFileAttributes::attribute(const std::filesystem::pa
 
 int ExtendedFileAttributes::setAttribute(const std::filesystem::path& file, const std::string& name,
                                          const Bytes& value) {
-    return ::setxattr(file.c_str(), name.c_str(), value.data(), value.size(), 0) == 0 ? 0 : errno;
+    return ::lsetxattr(file.c_str(), name.c_str(), value.data(), value.size(), 0) == 0 ? 0 : errno;
 }
 
 }  // namespace kt

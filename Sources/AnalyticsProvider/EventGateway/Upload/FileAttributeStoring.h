@@ -29,7 +29,8 @@ public:
     static bool isUnsupported(int error);
 };
 
-/// Linux extended attributes (getxattr / setxattr), following symbolic links.
+/// Linux extended attributes of the entry itself (lgetxattr / lsetxattr): a count is
+/// never written through a symbolic link onto a file elsewhere.
 class ExtendedFileAttributes final : public FileAttributeStoring {
 public:
     std::optional<Bytes> attribute(const std::filesystem::path& file, const std::string& name,

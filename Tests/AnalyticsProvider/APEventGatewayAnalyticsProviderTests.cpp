@@ -118,6 +118,28 @@ TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheT
     EXPECT_EQ(journal, (Journal{"discard like too_deeply_nested", "record pageview", "upload pageview"}));
 }
 
+// Past the compaction threshold events travel encoded; what reaches the uploader must be
+// the same events, dates included, in tag order.
+TEST_F(APEventGatewayAnalyticsProviderTests, ABurstBeyondTheThresholdArrivesWholeAndInOrder) {
+    const Date when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
+    const std::size_t count = APEventGatewayAnalyticsProvider::kCompactAbove + 5;
+    for (std::size_t i = 0; i < count; ++i)
+        provider->tagEvent(APEvent::make("like", AttributeDictionary{{"n", i}, {"at", value::date(when)},
+                                                                     {"list", {1.5, "two", nullptr}}}));
+    EXPECT_EQ(provider->pendingEvents(), count);
+    queue->runUntilIdle();
+    EXPECT_EQ(provider->pendingEvents(), 0u);
+    EXPECT_EQ(provider->peakPendingEvents(), count);
+    ASSERT_EQ(uploader->uploaded.size(), count);
+    for (std::size_t i = 0; i < count; i += APEventGatewayAnalyticsProvider::kCompactAbove / 2)
+        EXPECT_EQ(*uploader->uploaded[i]->attributes(),
+                  (AttributeDictionary{{"n", i}, {"at", value::date(when)}, {"list", {1.5, "two", nullptr}},
+                                       {"transformed", true}}));
+    EXPECT_EQ(*uploader->uploaded.back()->attributes(),
+              (AttributeDictionary{{"n", count - 1}, {"at", value::date(when)}, {"list", {1.5, "two", nullptr}},
+                                   {"transformed", true}}));
+}
+
 TEST_F(APEventGatewayAnalyticsProviderTests, RecordingComesBeforeUploadWithTheTransformedForm) {
     recorder->isRecording = true;
     provider->tagEvent(event("like"));

@@ -3,7 +3,15 @@
 // once; on the provider's serial queue each event is transformed into its gateway form,
 // shown to the recorder while it records, and handed to the uploader, one event at a time
 // in tag order.
+//
+// A burst can outrun the disk by far: tagging costs a fraction of a microsecond, storing a
+// file a hundred or more. Past `kCompactAbove` events waiting for the queue, each further
+// event is handed over as its compact binary encoding (a few hundred bytes instead of a few
+// kilobytes of decoded dictionary), so memory stays small while the store catches up.
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "AnalyticsProvider/APBaseAnalyticsProvider.h"
@@ -22,6 +30,8 @@ class APEventGatewayAnalyticsProvider final : public APBaseAnalyticsProvider,
     };
 
 public:
+    static constexpr std::size_t kCompactAbove = 1000;
+
     /// The queue must be the uploader's queue: the uploader's `uploadEvent` runs there.
     static std::shared_ptr<APEventGatewayAnalyticsProvider> make(
         std::shared_ptr<APEventGatewayUploading> uploader, std::shared_ptr<APEventGatewayEventTransforming> eventTransformer,
@@ -41,8 +51,16 @@ public:
     /// Flushes the uploader directly from the caller's thread.
     void flush() override;
 
+    /// Events handed over and not yet taken up by the queue, and the most there ever were.
+    std::size_t pendingEvents() const { return pending_.load(std::memory_order_relaxed); }
+    std::size_t peakPendingEvents() const { return peakPending_.load(std::memory_order_relaxed); }
+
 private:
     void process(const APEventDescripting& event);
+    void postCompact(const std::shared_ptr<const APEventDescripting>& event);
+
+    std::atomic<std::size_t> pending_{0};
+    std::atomic<std::size_t> peakPending_{0};
 
     const std::shared_ptr<APEventGatewayUploading> uploader_;
     const std::shared_ptr<APEventGatewayEventTransforming> eventTransformer_;

@@ -202,16 +202,24 @@ void APEventGatewayBatchUploader::markInFlight(const Batch& batch) {
 
 void APEventGatewayBatchUploader::flushBatchOfEvents() {
     Batch batch = takeNotQueued(false);
-    if (batch.empty()) return;
-    markInFlight(batch);
-    createRequestAndUploadSerializedEvents(std::move(batch));
+    if (!batch.empty()) createRequestAndUploadSerializedEvents(std::move(batch));
 }
 
 void APEventGatewayBatchUploader::flushSingleEvent() {
     Batch batch = takeNotQueued(true);
-    if (batch.empty()) return;
-    markInFlight(batch);
-    createRequestAndUploadSerializedEvents(std::move(batch));
+    if (!batch.empty()) createRequestAndUploadSerializedEvents(std::move(batch));
+}
+
+void APEventGatewayBatchUploader::letGoOfAttributes(Batch& batch) {
+    // Once the body is built, an event in flight needs only its file: delete, count or retry
+    // all go by the file. Holding thousands of decoded events while a slow gateway answers
+    // would make memory grow with the backlog. Alpha builds keep them to report rejections.
+    if (shouldTrackInvalidEvents()) return;
+    for (auto& e : batch) {
+        auto& light = nameOnlyEvents_[e.event()->name()];
+        if (!light) light = APEvent::make(e.event()->name(), std::nullopt);
+        e = APSerializedEvent(light, e.eventURL());
+    }
 }
 
 void APEventGatewayBatchUploader::createRequestAndUploadSerializedEvents(Batch events) {
@@ -223,6 +231,9 @@ void APEventGatewayBatchUploader::createRequestAndUploadSerializedEvents(Batch e
     std::string error;
     std::size_t rawSize = 0;
     auto request = requestFactory_->requestForEvents(list, &error, &rawSize);
+    list.clear();
+    letGoOfAttributes(events);
+    markInFlight(events);
     if (!request) {
         deleteCorruptedEvents(events, error);
         return;

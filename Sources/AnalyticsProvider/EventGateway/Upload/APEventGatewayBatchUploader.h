@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -105,7 +106,8 @@ public:
     APSerializedEventSet serializedEventsNotQueued() const;
     /// On the queue: how many stored files wait outside the in-flight set, as the index knows.
     std::size_t numberOfIndexedEventsNotQueued() const { return notQueuedNames_.size(); }
-    /// On the queue: the events in flight.
+    /// On the queue: the events in flight. Once its request is built, an event in flight is
+    /// held by its name and file only (alpha builds keep the whole event).
     const APSerializedEventSet& queuedEvents() const { return queuedEvents_; }
     /// Alpha builds upload one event per request and report events the gateway rejects.
     bool shouldTrackInvalidEvents() const;
@@ -123,6 +125,7 @@ private:
     void relistNotQueued();
     Batch takeNotQueued(bool single);
     void markInFlight(const Batch& batch);
+    void letGoOfAttributes(Batch& batch);
     void drop(APEventDropReason reason, std::uint64_t count);
     void flushBatchOfEvents();
     void flushSingleEvent();
@@ -142,6 +145,8 @@ private:
     // File names of queuedEvents_, and of the stored files not among them. Queue only.
     std::unordered_set<std::string> inFlightNames_;
     std::unordered_set<std::string> notQueuedNames_;
+    // One attribute-less event per name, shared by the handles of events in flight.
+    std::unordered_map<std::string, std::shared_ptr<const APEvent>> nameOnlyEvents_;
     const std::size_t minimumBatchSize_;
     const std::shared_ptr<TechLogging> techLogger_;
     const std::shared_ptr<SerialQueue> eventGatewayQueue_;

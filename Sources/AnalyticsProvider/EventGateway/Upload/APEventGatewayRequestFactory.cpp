@@ -71,37 +71,53 @@ APEventGatewayRequestFactory::DateFormatter APEventGatewayRequestFactory::iso860
 std::optional<HTTPRequest> APEventGatewayRequestFactory::requestForEvents(const Events& events, std::string* error,
                                                                           std::size_t* uncompressedBodySize) const {
     KT_PARAMETER_ASSERT_TEXT(!events.empty(), "[events count] > 0");
-    auto body = eventsBody(events, error);
-    if (!body) return std::nullopt;
-    if (uncompressedBodySize) *uncompressedBodySize = body->size();
-    return requestWithPath(kEventsPath, *body);
+    // The body goes into the compressor element by element: a batch of thousands of events
+    // never exists as one JSON text, only as its (much smaller) gzip form.
+    GzipWriter gzip;
+    if (!gzip.isValid()) {
+        if (error) *error = "the compressor could not be set up";
+        return std::nullopt;
+    }
+    if (!writeBody(events, [&gzip](std::string_view piece) { gzip.append(piece); }, error)) return std::nullopt;
+    if (uncompressedBodySize) *uncompressedBodySize = gzip.uncompressedSize();
+    return requestWithGzippedBody(kEventsPath, gzip.finish());
 }
 
 std::optional<std::string> APEventGatewayRequestFactory::eventsBody(const Events& events, std::string* error) const {
-    if (shouldSendSentAt_) return eventsBodyWithTimeStamp(events, error);
     std::string body;
-    if (!appendEventsArray(events, body, error)) return std::nullopt;
+    if (!writeBody(events, [&body](std::string_view piece) { body += piece; }, error)) return std::nullopt;
     return body;
 }
 
 std::optional<std::string> APEventGatewayRequestFactory::eventsBodyWithTimeStamp(const Events& events,
                                                                                  std::string* error) const {
-    auto sentAt = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(dateFormatter_(clock_())), error);
-    if (!sentAt) return std::nullopt;
-    std::string body = "{\"events\":";
-    if (!appendEventsArray(events, body, error)) return std::nullopt;
-    body += ",\"sent_at\":";
-    body += *sentAt;
-    body += '}';
+    std::string body;
+    if (!writeBodyWithTimeStamp(events, [&body](std::string_view piece) { body += piece; }, error))
+        return std::nullopt;
     return body;
+}
+
+bool APEventGatewayRequestFactory::writeBody(const Events& events, const Sink& sink, std::string* error) const {
+    return shouldSendSentAt_ ? writeBodyWithTimeStamp(events, sink, error) : writeEventsArray(events, sink, error);
+}
+
+bool APEventGatewayRequestFactory::writeBodyWithTimeStamp(const Events& events, const Sink& sink,
+                                                          std::string* error) const {
+    auto sentAt = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(dateFormatter_(clock_())), error);
+    if (!sentAt) return false;
+    sink("{\"events\":");
+    if (!writeEventsArray(events, sink, error)) return false;
+    sink(",\"sent_at\":");
+    sink(*sentAt);
+    sink("}");
+    return true;
 }
 
 // Writes the array element by element instead of building one big JSON value: each
 // payload is serialised straight from the event, which is shared and never copied. The
 // elements are exactly the events' gateway dictionaries.
-bool APEventGatewayRequestFactory::appendEventsArray(const Events& events, std::string& out,
-                                                     std::string* error) const {
-    out += '[';
+bool APEventGatewayRequestFactory::writeEventsArray(const Events& events, const Sink& sink, std::string* error) const {
+    std::string out = "[";
     bool first = true;
     for (const auto& event : events) {
         const AttributeDictionary* payload = event->attributes();
@@ -121,8 +137,11 @@ bool APEventGatewayRequestFactory::appendEventsArray(const Events& events, std::
         out += "\",\"payload\":";
         out += *payloadJSON;
         out += '}';
+        sink(out);
+        out.clear();
     }
     out += ']';
+    sink(out);
     return true;
 }
 
@@ -131,6 +150,11 @@ std::string APEventGatewayRequestFactory::urlWithPath(const std::string& path) c
 }
 
 HTTPRequest APEventGatewayRequestFactory::requestWithPath(const std::string& path, const std::string& body) const {
+    auto gzipped = GzipCodec::gzippedData(body);
+    return requestWithGzippedBody(path, gzipped ? std::move(*gzipped) : std::string());
+}
+
+HTTPRequest APEventGatewayRequestFactory::requestWithGzippedBody(const std::string& path, std::string body) const {
     HTTPRequest request;
     request.url = urlWithPath(path);
     request.method = "POST";
@@ -140,7 +164,7 @@ HTTPRequest APEventGatewayRequestFactory::requestWithPath(const std::string& pat
     request.setValue("application/json", "Content-Type");
     request.setValue("gzip", "Content-Encoding");
     if (auto token = tokenFromKeychain()) request.setValue(OAuthHelper::authHeaderForToken(*token), "Authorization");
-    if (auto gzipped = GzipCodec::gzippedData(body)) request.body = std::move(*gzipped);
+    request.body = std::move(body);
     return request;
 }
 

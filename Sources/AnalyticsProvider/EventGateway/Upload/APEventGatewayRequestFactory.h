@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "AnalyticsProvider/APEvent.h"
@@ -57,8 +58,13 @@ public:
     bool shouldSendSentAt() const { return shouldSendSentAt_; }
 
 private:
-    /// The bare JSON array of the events' gateway dictionaries, appended to `out`.
-    bool appendEventsArray(const Events& events, std::string& out, std::string* error) const;
+    using Sink = std::function<void(std::string_view)>;
+    /// The body in the layout that `shouldSendSentAt` selects, in pieces.
+    bool writeBody(const Events& events, const Sink& sink, std::string* error) const;
+    bool writeBodyWithTimeStamp(const Events& events, const Sink& sink, std::string* error) const;
+    /// The bare JSON array of the events' gateway dictionaries, one element at a time.
+    bool writeEventsArray(const Events& events, const Sink& sink, std::string* error) const;
+    HTTPRequest requestWithGzippedBody(const std::string& path, std::string body) const;
     std::string urlWithPath(const std::string& path) const;
 
     const std::string baseURL_;

@@ -81,4 +81,58 @@ std::optional<std::string> GzipCodec::gunzippedData(std::string_view data) {
     return output;
 }
 
+struct GzipWriter::Stream {
+    z_stream z{};
+    bool valid = false;
+};
+
+GzipWriter::GzipWriter() : stream_(std::make_unique<Stream>()) {
+    stream_->valid = deflateInit2(&stream_->z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, kGzipWindowBits, kMemoryLevel,
+                                  Z_DEFAULT_STRATEGY) == Z_OK;
+}
+
+GzipWriter::~GzipWriter() {
+    if (stream_->valid) deflateEnd(&stream_->z);
+}
+
+bool GzipWriter::isValid() const { return stream_->valid; }
+
+void GzipWriter::deflateInto(int flush) {
+    auto& z = stream_->z;
+    do {
+        if (output_.size() - z.total_out < kDeflateChunk / 4) output_.resize(output_.size() + kDeflateChunk);
+        z.next_out = reinterpret_cast<Bytef*>(output_.data()) + z.total_out;
+        z.avail_out = static_cast<uInt>(output_.size() - z.total_out);
+        deflate(&z, flush);
+    } while (z.avail_out == 0);
+}
+
+void GzipWriter::append(std::string_view piece) {
+    if (!stream_->valid || piece.empty()) return;
+    uncompressedSize_ += piece.size();
+    auto& z = stream_->z;
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(piece.data()));
+    z.avail_in = static_cast<uInt>(piece.size());
+    while (z.avail_in > 0) deflateInto(Z_NO_FLUSH);
+}
+
+std::string GzipWriter::finish() {
+    if (!stream_->valid) return {};
+    auto& z = stream_->z;
+    z.next_in = nullptr;
+    z.avail_in = 0;
+    int status = Z_OK;
+    while (status != Z_STREAM_END) {
+        if (output_.size() - z.total_out < kDeflateChunk / 4) output_.resize(output_.size() + kDeflateChunk);
+        z.next_out = reinterpret_cast<Bytef*>(output_.data()) + z.total_out;
+        z.avail_out = static_cast<uInt>(output_.size() - z.total_out);
+        status = deflate(&z, Z_FINISH);
+        if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) break;
+    }
+    output_.resize(z.total_out);
+    deflateEnd(&z);
+    stream_->valid = false;
+    return std::move(output_);
+}
+
 }  // namespace kt

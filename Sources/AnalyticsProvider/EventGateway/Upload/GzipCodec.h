@@ -2,6 +2,8 @@
 // Gzip compression of the gateway request body, the matching decompression and the magic
 // test. Buffers are byte strings; no operation changes its input.
 
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +30,31 @@ public:
 
     /// At least two bytes, starting with 0x1F 0x8B.
     static bool isGzippedData(std::string_view data);
+};
+
+/// Compresses a body written in pieces, so that a large one never exists whole: the same
+/// gzip stream, at zlib's default level, as `gzippedData` makes of the pieces joined.
+class GzipWriter {
+public:
+    GzipWriter();
+    ~GzipWriter();
+    GzipWriter(const GzipWriter&) = delete;
+    GzipWriter& operator=(const GzipWriter&) = delete;
+
+    /// False when the compressor could not be set up; nothing can be written then.
+    bool isValid() const;
+    void append(std::string_view piece);
+    /// Ends the stream and hands over the compressed bytes; the writer is spent.
+    std::string finish();
+    /// Bytes appended so far, before compression.
+    std::size_t uncompressedSize() const { return uncompressedSize_; }
+
+private:
+    void deflateInto(int flush);
+    struct Stream;
+    std::unique_ptr<Stream> stream_;
+    std::string output_;
+    std::size_t uncompressedSize_ = 0;
 };
 
 }  // namespace kt

@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <atomic>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -123,6 +125,46 @@ TEST_F(AnalyticsAttributeRegistryTest, RegisteringDoesNotWaitForTheExperimentSer
     ASSERT_EQ(updates.size(), 2u);
     EXPECT_EQ(updates[1], "9");
     drainUpdates();
+}
+
+TEST_F(AnalyticsAttributeRegistryTest, AnUpdateThatNeverCompletesHoldsBackTheNextOnlyUntilTheTimeOut) {
+    AnalyticsAttributeRegistry impatient{dependencies, queue, 50ms};
+    setFlag(true);
+    statsig->holdNextUpdate();  // never released before the second update arrives
+    impatient.registerUserUrn("quillarbor:users:7");
+    impatient.registerUserUrn("quillarbor:users:9");
+    const auto updates = statsig->waitForUpdates(2);
+    ASSERT_EQ(updates.size(), 2u);
+    EXPECT_EQ(updates[1], "9");
+    statsig->releaseHeldUpdate();
+    drainUpdates();
+}
+
+// Registrations on one thread while another reads, as the pipeline's queue does: a reader
+// must always see a client id with its own user agent. Run under ThreadSanitizer too.
+TEST_F(AnalyticsAttributeRegistryTest, ReadersSeeWholeRegistrationsWhileTheAppRegisters) {
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        for (int i = 0; i < 20000; ++i) {
+            registry.registerclientId(i, "KTAnalytics/" + std::to_string(i) + " (a user agent long enough to allocate)");
+            registry.registerUserUrn(i % 2 ? std::optional<std::string>("quillarbor:users:" + std::to_string(i))
+                                           : std::nullopt);
+        }
+        done = true;
+    });
+    std::size_t torn = 0, reads = 0;
+    while (!done) {
+        const auto snapshot = registry.snapshot();
+        ++reads;
+        if (snapshot->clientId &&
+            snapshot->userAgent != "KTAnalytics/" + std::to_string(*snapshot->clientId) +
+                                       " (a user agent long enough to allocate)")
+            ++torn;
+    }
+    writer.join();
+    EXPECT_EQ(torn, 0u) << "of " << reads << " reads";
+    EXPECT_EQ(registry.clientId(), 19999);
+    EXPECT_EQ(registry.userUrn(), "quillarbor:users:19999");
 }
 
 TEST(AnalyticsAttributeRegistrySharedTest, SharedRegistryUsesTheSharedDependencies) {

@@ -1,5 +1,8 @@
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 
+#include <future>
+#include <vector>
+
 #include "KTFoundation/Urn.h"
 #include "Middleware/DependencyKeys.h"
 #include "Platform/SerialQueue.h"
@@ -18,12 +21,30 @@ std::shared_ptr<SerialQueue> sharedBackgroundQueue() {
     return *queue;
 }
 
+// Updates the experiment service never completed, kept so that letting go of them cannot
+// block (a future's destructor may wait). One list per background queue's thread.
+std::vector<std::future<void>>& abandonedUpdates() {
+    static thread_local std::vector<std::future<void>> updates;
+    return updates;
+}
+
 }  // namespace
 
 AnalyticsAttributeRegistry::AnalyticsAttributeRegistry(DependencyRegistry& dependencies,
-                                                       std::shared_ptr<SerialQueue> backgroundQueue)
+                                                       std::shared_ptr<SerialQueue> backgroundQueue,
+                                                       std::chrono::milliseconds updateTimeout)
     : dependencies_(dependencies),
-      backgroundQueue_(backgroundQueue ? std::move(backgroundQueue) : sharedBackgroundQueue()) {}
+      backgroundQueue_(backgroundQueue ? std::move(backgroundQueue) : sharedBackgroundQueue()),
+      updateTimeout_(updateTimeout),
+      snapshot_(std::make_shared<const Attributes>()) {}
+
+template <class Change>
+void AnalyticsAttributeRegistry::publish(Change change) {
+    std::lock_guard lock(writeMutex_);
+    auto next = std::make_shared<Attributes>(*snapshot_.load(std::memory_order_relaxed));
+    change(*next);
+    snapshot_.store(std::move(next), std::memory_order_release);
+}
 
 std::shared_ptr<AnalyticsAttributeRegistry> AnalyticsAttributeRegistry::sharedInstance() {
     // Kept for the life of the process: gateway workers read it until the very end.
@@ -35,12 +56,14 @@ std::shared_ptr<AnalyticsAttributeRegistry> AnalyticsAttributeRegistry::sharedIn
 AnalyticsAttributeRegistry& AnalyticsAttributeRegistry::shared() { return *sharedInstance(); }
 
 void AnalyticsAttributeRegistry::registerClientId(std::int64_t clientId, std::string userAgent) {
-    clientId_ = clientId;
-    userAgent_ = std::move(userAgent);
+    publish([&](Attributes& a) {
+        a.clientId = clientId;
+        a.userAgent = std::move(userAgent);
+    });
 }
 
 void AnalyticsAttributeRegistry::registerUserUrn(std::optional<std::string> userUrn) {
-    userUrn_ = userUrn;
+    publish([&](Attributes& a) { a.userUrn = userUrn; });
 
     // No flag service registered means the flag is off.
     const auto featureFlags = dependencies_.get(DependencyKeys::featureFlags);
@@ -48,7 +71,7 @@ void AnalyticsAttributeRegistry::registerUserUrn(std::optional<std::string> user
 
     // The task holds what it needs by value; the registry's own fields may change meanwhile.
     DependencyRegistry* dependencies = &dependencies_;
-    backgroundQueue_->async([dependencies, urnText = std::move(userUrn)] {
+    backgroundQueue_->async([dependencies, urnText = std::move(userUrn), timeout = updateTimeout_] {
         std::optional<std::string> userId;
         if (urnText) {
             // A URN that does not parse is sent as "no user", without a report.
@@ -57,8 +80,14 @@ void AnalyticsAttributeRegistry::registerUserUrn(std::optional<std::string> user
         const auto statsigManager = dependencies->get(DependencyKeys::statsigManager);
         if (!statsigManager) return;
         auto update = statsigManager->updateUserId(std::move(userId));
-        // Waiting keeps the updates in order: one is taken before the next is sent.
-        if (update.valid()) update.wait();
+        // Waiting keeps the updates in order: one is taken before the next is sent. But an
+        // update that never completes must not hold back every later one; past the time-out
+        // it is set aside.
+        if (update.valid() && update.wait_for(timeout) != std::future_status::ready)
+            abandonedUpdates().push_back(std::move(update));
+        std::erase_if(abandonedUpdates(), [](std::future<void>& f) {
+            return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        });
     });
 }
 

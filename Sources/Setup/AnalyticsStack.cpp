@@ -4,6 +4,7 @@
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
+#include <random>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -43,15 +44,12 @@ namespace {
 
 constexpr const char* kFile = "Sources/Setup/AnalyticsStack";
 constexpr const char* kQueueLabel = "ktanalytics.eventgateway";
-constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
 constexpr const char* kRequestsFile = "requests.sqlite3";
 constexpr const char* kCacheFolder = "cache";
 constexpr const char* kEventsFolder = "events";
 
-// Pauses before another attempt at events whose last upload failed: the gateway gets a
-// moment to recover, and three quick failures do not drop an event a second later.
-constexpr std::chrono::milliseconds kFirstRetryPause{100};
-constexpr std::chrono::milliseconds kLongestRetryPause{2000};
+// Each pause after a failed attempt is this many times the one before.
+constexpr int kRetryPauseGrowth = 3;
 // How long one wait lasts before the statistics are looked at again, in case a result is
 // handled without passing through the notifying queue (an injected queue, say).
 constexpr std::chrono::milliseconds kLongestQuietWait{250};
@@ -116,6 +114,9 @@ std::string AnalyticsStack::validate(const AnalyticsStackConfiguration& configur
         return "the request time-out must be positive";
     if (configuration.shutdownTimeout < std::chrono::milliseconds::zero())
         return "the shutdown time-out must not be negative";
+    if (configuration.firstRetryPause < std::chrono::milliseconds::zero() ||
+        configuration.longestRetryPause < configuration.firstRetryPause)
+        return "the retry pauses must not be negative, and the longest not shorter than the first";
     return {};
 }
 
@@ -242,6 +243,7 @@ AnalyticsStack::~AnalyticsStack() {
         threadQueue_->drain(configuration_.shutdownTimeout);
         threadQueue_->shutdown();
     }
+    if (uploader_ && userDefaults_) recordDrops();
     if (notifyingRequestQueue_) notifyingRequestQueue_->stop();
     reliableUploader_.reset();
     curlRequestQueue_.reset();
@@ -304,26 +306,38 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
     std::optional<AnalyticsStackStatistics> reported;
     std::uint64_t failedBatchesSeen = uploader_->statistics().batchesFailed;
     std::chrono::milliseconds pause{0};
+    std::minstd_rand jitter(std::random_device{}());
     // The signal generation when the last flush was issued; kNoFlush once that is settled.
     constexpr std::uint64_t kNoFlush = ~std::uint64_t{0};
     std::uint64_t flushedAt = kNoFlush;
+    bool settled = false;
     for (;;) {
         const auto generation = signalGeneration();
         const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (remaining <= std::chrono::milliseconds::zero() || !drainQueue(remaining)) break;
         reportProgress(reported);
         const auto upload = uploader_->statistics();
-        if (upload.waiting == 0 && upload.inFlight == 0) return true;
+        if (upload.waiting == 0 && upload.inFlight == 0) {
+            settled = true;
+            break;
+        }
 
         if (upload.inFlight == 0) {
             // Everything on disk waits for an attempt. After a failed one, give the gateway a
-            // growing moment first.
+            // growing moment first: each attempt costs every waiting event one of its three.
             if (upload.batchesFailed != failedBatchesSeen) {
                 failedBatchesSeen = upload.batchesFailed;
-                pause = pause == std::chrono::milliseconds::zero() ? kFirstRetryPause
-                                                                    : std::min(pause * 2, kLongestRetryPause);
-                waitForResult(generation, std::min(deadline, Clock::now() + pause));
+                pause = pause == std::chrono::milliseconds::zero()
+                            ? configuration_.firstRetryPause
+                            : std::min(pause * kRetryPauseGrowth, configuration_.longestRetryPause);
+                std::uniform_real_distribution<double> spread(0.8, 1.2);
+                const auto jittered = std::chrono::milliseconds(
+                    static_cast<std::int64_t>(static_cast<double>(pause.count()) * spread(jitter)));
+                const auto until = std::min(deadline, Clock::now() + jittered);
+                // Results still arrive meanwhile (the 60-second flush may send): wait them out.
+                while (Clock::now() < until) waitForResult(signalGeneration(), until);
                 if (Clock::now() >= deadline) break;
+                continue;
             } else if (flushedAt == generation) {
                 // The last flush put nothing in flight and nothing was answered since (an
                 // injected queue its owner has not run yet, say): wait before asking again.
@@ -338,8 +352,32 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
         waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
     }
     reportProgress(reported);
+    recordDrops();
+    if (settled) return true;
     const auto upload = uploader_->statistics();
     return upload.waiting == 0 && upload.inFlight == 0;
+}
+
+APEventDropCounts AnalyticsStack::recordedDrops(UserDefaults& defaults) {
+    UserDefaultsStore ledger(std::shared_ptr<UserDefaults>(&defaults, [](UserDefaults*) {}), kDropLedgerNameSpace);
+    APEventDropCounts counts;
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i)
+        counts.counts[i] = static_cast<std::uint64_t>(
+            ledger.number(std::string(eventDropReasonKey(static_cast<APEventDropReason>(i)))).value_or(0));
+    return counts;
+}
+
+void AnalyticsStack::recordDrops() {
+    std::lock_guard lock(recordMutex_);
+    const auto now = uploader_->statistics().droppedByReason;
+    UserDefaultsStore ledger(userDefaults_, kDropLedgerNameSpace);
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i) {
+        const std::uint64_t added = now.counts[i] - recordedDrops_.counts[i];
+        if (added == 0) continue;
+        const std::string key(eventDropReasonKey(static_cast<APEventDropReason>(i)));
+        ledger.setNumber(ledger.number(key).value_or(0) + static_cast<double>(added), key);
+        recordedDrops_.counts[i] = now.counts[i];
+    }
 }
 
 AnalyticsStackStatistics AnalyticsStack::statistics() const {

@@ -103,6 +103,12 @@ struct AnalyticsStackConfiguration {
     std::ostream* console = nullptr;
     /// Called from `waitUntilDelivered`, on the waiting thread, whenever the statistics change.
     std::function<void(const AnalyticsStackStatistics&)> progress{};
+    /// `waitUntilDelivered` spaces its flushes after a failed attempt: the first pause, then
+    /// three times longer each time up to the longest, each with ±20 % jitter. With the
+    /// defaults an event's three attempts span more than a minute, so a gateway that is down
+    /// for a minute costs no event.
+    std::chrono::milliseconds firstRetryPause = std::chrono::seconds(20);
+    std::chrono::milliseconds longestRetryPause = std::chrono::minutes(5);
 };
 
 class AnalyticsStack {
@@ -157,6 +163,17 @@ public:
 
     AnalyticsStackStatistics statistics() const;
 
+    /// Name space, in the user defaults of a state folder, of the events dropped by every
+    /// run over that folder, one number per reason key ("failed_three_times", ...).
+    static constexpr const char* kDropLedgerNameSpace = "ktanalytics.dropped_events";
+    /// The user defaults file of a state folder.
+    static constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
+    /// The drops recorded in a state folder's user defaults by every run so far.
+    static APEventDropCounts recordedDrops(UserDefaults& defaults);
+    /// Adds this stack's drops since the last call to the state folder's ledger. Done by
+    /// `waitUntilDelivered` and on destruction too.
+    void recordDrops();
+
     const AnalyticsStackConfiguration& configuration() const { return configuration_; }
     const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
     const std::shared_ptr<UserDefaults>& userDefaults() const { return userDefaults_; }
@@ -193,6 +210,8 @@ private:
 
     AnalyticsStackConfiguration configuration_;
     std::filesystem::path stateDirectory_;
+    APEventDropCounts recordedDrops_;  // what recordDrops has added to the ledger
+    std::mutex recordMutex_;
     std::shared_ptr<ResultSignal> signal_;
     std::atomic<std::uint64_t> tagged_{0};
 

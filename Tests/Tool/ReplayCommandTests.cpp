@@ -12,6 +12,7 @@
 
 #include <fstream>
 #include <set>
+#include <thread>
 #include <sstream>
 
 #include "AnalyticsProvider/APEventNames.h"
@@ -96,8 +97,14 @@ TEST(ReplayLineTests, tagsGoodLinesInOrderAndReportsBadOnesByTheirLineNumber) {
 TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
     ReplaySummary summary{.tagged = 5, .delivered = 3, .dropped = 1, .waiting = 1, .batches = 2, .skipped = 4,
                           .notForGateway = 0};
+    summary.droppedByReason.counts[static_cast<std::size_t>(APEventDropReason::unreadable)] = 1;
     EXPECT_EQ(replaySummaryJSON(summary),
-              R"({"tagged":5,"delivered":3,"dropped":1,"waiting":1,"batches":2,"skipped":4,"not_for_gateway":0})");
+              R"({"tagged":5,"delivered":3,"dropped":1,"dropped_by_reason":{"failed_three_times":0,"rejected":0,)"
+              R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0},)"
+              R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0})");
+    EXPECT_EQ(replayExitCode(summary), kReplayStillWaiting);
+    summary.waiting = 0;
+    EXPECT_EQ(replayExitCode(summary), kReplayDropped);
 }
 
 TEST(ReplayLineTests, theOptionsBecomeAStackConfiguration) {
@@ -277,6 +284,60 @@ TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheN
     EXPECT_EQ(summary["delivered"], 3);
     EXPECT_EQ(summary["waiting"], 0);
     EXPECT_EQ(gateway->stats().events, 3u);
+}
+
+// Connections refused every time: each event gets its three attempts, spaced by the wait
+// loop, is dropped and counted under its reason, and the run says so in its exit code.
+TEST_F(ReplayToolTests, eventsAGatewayNeverTakesAreDroppedCountedAndExitThree) {
+    std::string unreachable;
+    {
+        auto gateway = startGateway();
+        unreachable = gateway->baseURL();
+    }
+    const auto file = writeLines("two.jsonl", {R"({"name": "like", "attributes": {"i": 1}})",
+                                               R"({"name": "repost", "attributes": {"i": 2}})"});
+    const auto run = runTool({"replay", file.native(), "--gateway", unreachable, "--state-dir",
+                              (directory / "state").native(), "--retry-pause", "0.05", "--timeout", "20"},
+                             directory.path());
+    EXPECT_EQ(run.exitCode, 3) << run.err;
+    const json summary = summaryOf(run);
+    EXPECT_EQ(summary["dropped"], 2);
+    EXPECT_EQ(summary["dropped_by_reason"],
+              json::parse(R"({"failed_three_times":2,"rejected":0,"not_representable":0,"unreadable":0,
+                              "retry_count_lost":0,"too_deeply_nested":0,"not_stored":0})"));
+    EXPECT_EQ(summary["waiting"], 0);
+
+    // The state folder keeps the count of what was dropped, for `queue` to show.
+    const auto queue = runTool({"queue", "--state-dir", (directory / "state").native(), "--count"}, directory.path());
+    EXPECT_EQ(queue.out, "0\n");
+    EXPECT_NE(queue.err.find("dropped by earlier runs: 2 (failed_three_times 2)"), std::string::npos) << queue.err;
+}
+
+// A gateway that comes up only after the first attempt failed: the pause before the next
+// attempt lets it recover, and nothing is lost.
+TEST_F(ReplayToolTests, aGatewayThatIsDownAtFirstCostsNoEvent) {
+    int port = 0;
+    {
+        auto gateway = startGateway();
+        port = gateway->port();
+    }
+    std::unique_ptr<gateway::DevelopmentGateway> late;
+    std::thread starter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        gateway::GatewayConfiguration configuration;
+        configuration.port = port;
+        late = std::make_unique<gateway::DevelopmentGateway>(configuration);
+        EXPECT_TRUE(late->start()) << late->lastError();
+    });
+    const auto file = writeLines("one.jsonl", {R"({"name": "like", "attributes": {"i": 1}})"});
+    const auto run = runTool({"replay", file.native(), "--gateway", "http://127.0.0.1:" + std::to_string(port),
+                              "--state-dir", (directory / "state").native(), "--min-batch", "1", "--retry-pause",
+                              "1", "--timeout", "30"},
+                             directory.path());
+    starter.join();
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(summaryOf(run)["delivered"], 1);
+    EXPECT_EQ(late->stats().events, 1u);
 }
 
 TEST_F(ReplayToolTests, aRunThatCannotStartSaysWhyAndExitsWithTwo) {

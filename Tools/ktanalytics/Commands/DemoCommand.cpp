@@ -17,6 +17,7 @@
 #include "Firebase/FirebaseABExperiments.h"
 #include "Firebase/FirebaseABManager.h"
 #include "Firebase/JsonFileRemoteConfig.h"
+#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 #include "Gateway/DevelopmentGateway.h"
 #include "KTFoundation/PersistedPrivacySettings.h"
 #include "Platform/UserDefaults.h"
@@ -120,6 +121,8 @@ int runDemo(const DemoOptions& options) {
     configuration.token = "demo-oauth-token";
     configuration.userUrn = "quillarbor:users:7";
     configuration.variantIds = {"4021", "4107"};
+    // The demo's failures are injected at random, not outages: a short pause is enough.
+    configuration.firstRetryPause = std::chrono::milliseconds(500);
     std::ostringstream sessionLines;  // the session id service's console lines stay out of the report
     configuration.console = &sessionLines;
     std::string error;
@@ -184,7 +187,13 @@ int runDemo(const DemoOptions& options) {
     out << "\n  gateway received " << gatewayStats.events << " events in " << gatewayStats.requests
         << " requests (" << gatewayStats.failuresInjected << " failures injected), " << std::fixed
         << std::setprecision(2) << elapsed << " s from first tag to last delivery\n";
-    out << "  still waiting on disk: " << upload.waiting << "\n\n";
+    out << "  still waiting on disk: " << upload.waiting << "\n";
+    out << "  dropped by reason:";
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i)
+        out << (i == 0 ? " " : ", ") << eventDropReasonKey(static_cast<APEventDropReason>(i)) << " "
+            << upload.droppedByReason.counts[i];
+    out << "\n  events waiting in memory at the peak of the burst: " << stack->gatewayProvider()->peakPendingEvents()
+        << "\n\n";
 
     out << std::defaultfloat << std::setprecision(6) << "Experiments\n";
     for (const auto& experiment : FirebaseABExperimentProvider::all()) {

@@ -12,6 +12,7 @@
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "Commands/Commands.h"
+#include "Platform/UserDefaults.h"
 #include "Setup/AnalyticsStack.h"
 
 namespace kt::tool {
@@ -63,6 +64,25 @@ std::optional<std::size_t> listStoredEvents(const fs::path& stateDirectory, bool
     return files.size();
 }
 
+void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
+    const fs::path path = stateDirectory / AnalyticsStack::kUserDefaultsFile;
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec)) return;
+    auto defaults = UserDefaults::open(path);
+    if (!defaults) return;
+    const auto drops = AnalyticsStack::recordedDrops(*defaults);
+    out << "dropped by earlier runs: " << drops.total();
+    std::string reasons;
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i) {
+        if (drops.counts[i] == 0) continue;
+        if (!reasons.empty()) reasons += ", ";
+        reasons += std::string(eventDropReasonKey(static_cast<APEventDropReason>(i))) + " " +
+                   std::to_string(drops.counts[i]);
+    }
+    if (!reasons.empty()) out << " (" << reasons << ")";
+    out << '\n';
+}
+
 void registerQueueCommand(CLI::App& app, int& exitCode) {
     struct Options {
         std::string stateDir;
@@ -77,6 +97,7 @@ void registerQueueCommand(CLI::App& app, int& exitCode) {
         std::string error;
         const auto listed = listStoredEvents(options->stateDir, options->count, std::cout, error);
         if (!listed) std::cerr << "ktanalytics queue: " << error << '\n';
+        else describeRecordedDrops(options->stateDir, std::cerr);
         std::cout << std::flush;
         exitCode = listed ? 0 : 2;
     });

@@ -19,4 +19,8 @@ namespace kt::tool {
 std::optional<std::size_t> listStoredEvents(const std::filesystem::path& stateDirectory, bool countOnly,
                                             std::ostream& out, std::string& error);
 
+/// "dropped by earlier runs: N (reason n, ...)" from the state folder's drop ledger, one
+/// line; nothing when the folder has no user defaults yet.
+void describeRecordedDrops(const std::filesystem::path& stateDirectory, std::ostream& out);
+
 }  // namespace kt::tool

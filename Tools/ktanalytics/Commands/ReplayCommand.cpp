@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -100,6 +101,10 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
     json["tagged"] = summary.tagged;
     json["delivered"] = summary.delivered;
     json["dropped"] = summary.dropped;
+    nlohmann::ordered_json reasons = nlohmann::ordered_json::object();
+    for (std::size_t i = 0; i < kEventDropReasonCount; ++i)
+        reasons[std::string(eventDropReasonKey(static_cast<APEventDropReason>(i)))] = summary.droppedByReason.counts[i];
+    json["dropped_by_reason"] = std::move(reasons);
     json["waiting"] = summary.waiting;
     json["batches"] = summary.batches;
     json["skipped"] = summary.skipped;
@@ -125,6 +130,14 @@ std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptio
         error = "the time-out must be a number of seconds, 0 or more";
         return std::nullopt;
     }
+    if (!std::isfinite(options.retryPauseSeconds) || options.retryPauseSeconds < 0 ||
+        options.retryPauseSeconds > 3600) {
+        error = "the retry pause must be a number of seconds from 0 to 3600";
+        return std::nullopt;
+    }
+    configuration.firstRetryPause =
+        std::chrono::milliseconds(static_cast<std::int64_t>(options.retryPauseSeconds * 1000.0));
+    configuration.longestRetryPause = std::max(configuration.firstRetryPause, configuration.longestRetryPause);
     if (auto problem = AnalyticsStack::validate(configuration); !problem.empty()) {
         error = std::move(problem);
         return std::nullopt;
@@ -148,6 +161,7 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
     summary.tagged = tagging.tagged;
     summary.delivered = upload.delivered;
     summary.dropped = upload.dropped();
+    summary.droppedByReason = upload.droppedByReason;
     summary.waiting = upload.waiting;
     summary.batches = upload.batchesSent;
     summary.skipped = tagging.skipped;
@@ -159,18 +173,18 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     std::ifstream input(options.file);
     if (!input) {
         err << "ktanalytics replay: cannot read " << options.file << ": " << std::strerror(errno) << '\n';
-        return 2;
+        return kReplayCannotStart;
     }
     std::string error;
     const auto environment = KTEnvironment::fromEnvironmentVariables(KTEnvironment{}, error);
     if (!environment) {
         err << "ktanalytics replay: " << error << '\n';
-        return 2;
+        return kReplayCannotStart;
     }
     auto configuration = replayConfiguration(options, *environment, error);
     if (!configuration) {
         err << "ktanalytics replay: " << error << '\n';
-        return 2;
+        return kReplayCannotStart;
     }
     // Standard output carries the summary alone.
     configuration->console = &err;
@@ -189,11 +203,11 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     auto stack = AnalyticsStack::make(std::move(*configuration), &error);
     if (!stack) {
         err << "ktanalytics replay: " << error << '\n';
-        return 2;
+        return kReplayCannotStart;
     }
     if (!stack->prepareSharedController()) {
         err << "ktanalytics replay: the shared analytics controller already has a gateway provider\n";
-        return 2;
+        return kReplayCannotStart;
     }
     auto& controller = APAnalyticsController::sharedInstance();
     const auto timeout = std::chrono::milliseconds(static_cast<std::int64_t>(options.timeoutSeconds * 1000.0));
@@ -207,8 +221,16 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     if (summary.waiting != 0)
         err << "replay: " << summary.waiting << " events still waiting after " << options.timeoutSeconds
             << " s; they stay in the state folder for the next run\n";
+    if (summary.dropped != 0)
+        err << "replay: " << summary.dropped << " events were dropped without delivery (see dropped_by_reason)\n";
     out << replaySummaryJSON(summary) << std::endl;
-    return summary.waiting == 0 ? 0 : 1;
+    return replayExitCode(summary);
+}
+
+int replayExitCode(const ReplaySummary& summary) {
+    if (summary.waiting != 0) return kReplayStillWaiting;
+    if (summary.dropped != 0) return kReplayDropped;
+    return kReplayDelivered;
 }
 
 void registerReplayCommand(CLI::App& app, int& exitCode) {
@@ -228,6 +250,10 @@ void registerReplayCommand(CLI::App& app, int& exitCode) {
     command->add_option("--token", options->token, "OAuth token of the signed-in user (sent as a bearer token)");
     command->add_option("--timeout", options->timeoutSeconds, "Seconds to wait for delivery")
         ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    command->add_option("--retry-pause", options->retryPauseSeconds,
+                        "Seconds before flushing again after a failed upload (then three times longer each time)")
+        ->check(CLI::Range(0.0, 3600.0))
         ->capture_default_str();
     command->add_flag("--alpha", options->alpha, "Behave as an alpha build: one event per upload, rejections reported");
     command->callback([options, &exitCode] { exitCode = runReplay(*options, std::cout, std::cerr); });

@@ -35,7 +35,9 @@ struct ReplayOptions {
     std::optional<std::string> userAgent;
     std::optional<std::string> userUrn;
     std::optional<std::string> token;
-    double timeoutSeconds = 60.0;
+    double timeoutSeconds = 120.0;
+    /// The first pause after a failed upload (see AnalyticsStackConfiguration).
+    double retryPauseSeconds = 20.0;
     bool alpha = false;
 };
 
@@ -70,14 +72,15 @@ struct ReplaySummary {
     std::uint64_t tagged = 0;
     std::uint64_t delivered = 0;
     std::uint64_t dropped = 0;
+    APEventDropCounts droppedByReason;
     std::uint64_t waiting = 0;
     std::uint64_t batches = 0;
     std::uint64_t skipped = 0;
     std::uint64_t notForGateway = 0;
 };
 
-/// {"tagged":..,"delivered":..,"dropped":..,"waiting":..,"batches":..,"skipped":..,
-/// "not_for_gateway":..} on one line.
+/// {"tagged":..,"delivered":..,"dropped":..,"dropped_by_reason":{"failed_three_times":..,
+/// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..} on one line.
 std::string replaySummaryJSON(const ReplaySummary& summary);
 
 /// The stack configuration for the options over `base` (the environment with its variables
@@ -91,8 +94,18 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
                      const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& controllerTag,
                      std::chrono::milliseconds timeout, std::ostream& diagnostics);
 
-/// The whole command: 0 when nothing is left waiting, 1 when events still wait, 2 when the
-/// run could not start (unreadable file, unusable options).
+/// Exit codes of the command.
+enum ReplayExit : int {
+    kReplayDelivered = 0,    ///< every event handed to the gateway was delivered
+    kReplayStillWaiting = 1, ///< the time-out came while events still waited (they stay on disk)
+    kReplayCannotStart = 2,  ///< unreadable file, unusable options
+    kReplayDropped = 3,      ///< nothing waits, but some events were dropped (see dropped_by_reason)
+};
+
+/// The exit code a summary calls for.
+int replayExitCode(const ReplaySummary& summary);
+
+/// The whole command; see ReplayExit.
 int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err);
 
 }  // namespace kt::tool

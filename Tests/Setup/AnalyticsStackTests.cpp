@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 
 #include <sys/stat.h>
 
@@ -183,6 +184,36 @@ TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipel
     EXPECT_EQ(s.upload.stored, 1u);
     EXPECT_EQ(s.upload.waiting, 1u);
     EXPECT_EQ(s.upload.batchesSent, 0u);  // below the minimum batch size
+}
+
+// Sign-in while events flow: the pipeline's own thread reads the registry while this one
+// registers. Every stored event carries a whole registration. Run under ThreadSanitizer
+// (see the README) to show the two threads share nothing unguarded.
+TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
+    auto recorder = std::make_shared<APEventGatewayEventRecorder>(true);
+    auto c = configuration();
+    c.queue = nullptr;  // the stack's own worker thread
+    c.recorder = recorder;
+    c.environment.minimumBatchSize = 1'000'000;
+    auto stack = makeStack(c);
+    ASSERT_NE(stack, nullptr);
+    std::thread tagger([&] {
+        for (int i = 0; i < 300; ++i) stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", i}}));
+    });
+    for (int i = 0; i < 300; ++i) {
+        stack->attributeRegistry()->registerclientId(i, "Agent/" + std::to_string(i));
+        stack->attributeRegistry()->registerUserUrn("quillarbor:users:" + std::to_string(i));
+    }
+    tagger.join();
+    ASSERT_TRUE(stack->drainQueue(std::chrono::seconds(30)));
+    const auto recorded = recorder->recordedEvents();
+    ASSERT_EQ(recorded.size(), 300u);
+    for (const auto& event : recorded) {
+        const auto& payload = event["payload"];
+        ASSERT_TRUE(payload["client_id"].is_number_integer()) << payload.dump();
+        ASSERT_TRUE(payload["user"].is_string()) << payload.dump();
+    }
+    EXPECT_EQ(stack->statistics().upload.stored, 300u);
 }
 
 TEST_F(AnalyticsStackTests, aNameOutsideTheGatewayVocabularyReachesNoStoreAndIsReportedUnused) {

@@ -74,6 +74,7 @@ struct WorkerCore {
     std::mutex mutex;
     std::condition_variable wakeUp;
     std::deque<SerialQueue::Task> ready;                      // guarded by mutex
+    std::deque<SerialQueue::Task> urgent;                     // guarded by mutex; runs before ready
     std::vector<DelayedTask<SteadyClock::time_point>> delayed;  // guarded by mutex (heap)
     std::uint64_t nextSequence = 0;                           // guarded by mutex
     bool sleeping = false;                                    // guarded by mutex
@@ -104,9 +105,10 @@ struct WorkerCore {
         for (;;) {
             if (!delayed.empty())
                 promoteDueLocked(SteadyClock::now());
-            if (!ready.empty()) {
-                SerialQueue::Task task = std::move(ready.front());
-                ready.pop_front();
+            if (!urgent.empty() || !ready.empty()) {
+                auto& line = urgent.empty() ? ready : urgent;
+                SerialQueue::Task task = std::move(line.front());
+                line.pop_front();
                 lock.unlock();
                 runTask(task);
                 // Destroy the task's captures outside the lock: they may submit work or
@@ -165,6 +167,25 @@ void ThreadSerialQueue::async(Task task) {
         core.ready.push_back(std::move(task));
         // The hot path: a busy worker will find the task on its own, so only a sleeping
         // one is signalled (and only once until it wakes).
+        if (core.sleeping) {
+            core.sleeping = false;
+            wake = true;
+        }
+    }
+    if (wake)
+        core.wakeUp.notify_one();
+}
+
+void ThreadSerialQueue::asyncUrgent(Task task) {
+    if (!task)
+        return;
+    WorkerCore& core = *state_->core;
+    bool wake = false;
+    {
+        std::lock_guard lock(core.mutex);
+        if (core.stopping)
+            return;
+        core.urgent.push_back(std::move(task));
         if (core.sleeping) {
             core.sleeping = false;
             wake = true;
@@ -268,10 +289,16 @@ struct VirtualTimeSerialQueue::State {
     std::chrono::nanoseconds now{0};                                   // guarded by mutex
     std::uint64_t nextSequence = 0;                                    // guarded by mutex
     std::vector<DelayedTask<std::chrono::nanoseconds>> tasks;          // guarded by mutex (heap)
+    std::deque<Task> urgent;                                           // guarded by mutex
 
     // Takes the next task due at or before `limit`, moving the clock to its deadline.
     std::optional<Task> takeDue(std::chrono::nanoseconds limit) {
         std::lock_guard lock(mutex);
+        if (!urgent.empty()) {
+            Task task = std::move(urgent.front());
+            urgent.pop_front();
+            return task;
+        }
         if (tasks.empty() || tasks.front().deadline > limit)
             return std::nullopt;
         auto next = popHeap(tasks);
@@ -327,9 +354,16 @@ std::chrono::nanoseconds VirtualTimeSerialQueue::now() const {
     return state_->now;
 }
 
+void VirtualTimeSerialQueue::asyncUrgent(Task task) {
+    if (!task)
+        return;
+    std::lock_guard lock(state_->mutex);
+    state_->urgent.push_back(std::move(task));
+}
+
 std::size_t VirtualTimeSerialQueue::pendingCount() const {
     std::lock_guard lock(state_->mutex);
-    return state_->tasks.size();
+    return state_->tasks.size() + state_->urgent.size();
 }
 
 }  // namespace kt

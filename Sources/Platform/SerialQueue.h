@@ -21,6 +21,10 @@ public:
     virtual void async(Task task) = 0;
     /// Submits a task to run no earlier than `delay` from now, after the tasks already due.
     virtual void asyncAfter(std::chrono::nanoseconds delay, Task task) = 0;
+    /// Submits a task to run before every task waiting now that was not itself submitted
+    /// this way (those run in their own order). For work that must not wait behind a long
+    /// backlog, such as handling the answers to requests. By default the same as `async`.
+    virtual void asyncUrgent(Task task) { async(std::move(task)); }
 };
 
 /// A queue backed by one worker thread. Destruction runs the tasks already submitted
@@ -32,6 +36,7 @@ public:
 
     void async(Task task) override;
     void asyncAfter(std::chrono::nanoseconds delay, Task task) override;
+    void asyncUrgent(Task task) override;
 
     /// Blocks until every task submitted before the call (and due by then) has run, or the
     /// time-out passes. Returns false on time-out. Never call it from the queue itself.
@@ -55,6 +60,7 @@ public:
 
     void async(Task task) override;
     void asyncAfter(std::chrono::nanoseconds delay, Task task) override;
+    void asyncUrgent(Task task) override;
 
     /// Runs every task due at the current virtual time, including those they submit.
     /// Returns the number of tasks run.

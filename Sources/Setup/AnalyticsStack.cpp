@@ -194,7 +194,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         s.curlRequestQueue_, [weakQueue = std::weak_ptr<SerialQueue>(s.queue_),
                               weakSignal = std::weak_ptr<ResultSignal>(s.signal_)] {
             if (auto queue = weakQueue.lock())
-                queue->async([weakSignal] {
+                queue->asyncUrgent([weakSignal] {
                     if (auto signal = weakSignal.lock()) signal->notify();
                 });
         });
@@ -239,8 +239,10 @@ AnalyticsStack::~AnalyticsStack() {
     // Events tagged until now get stored; then nothing more runs on the queue, and the
     // request queue lets what is in flight finish (or answers it as failed) before its worker
     // is joined. Whatever did not get through stays on disk for the next start.
+    // The answers to requests in flight are waited for too (bounded), so that what was
+    // delivered is deleted now rather than sent again by the next start.
     if (threadQueue_) {
-        threadQueue_->drain(configuration_.shutdownTimeout);
+        if (uploader_) waitUntilIdle(configuration_.shutdownTimeout);
         threadQueue_->shutdown();
     }
     if (uploader_ && userDefaults_) recordDrops();
@@ -296,7 +298,7 @@ bool AnalyticsStack::waitUntilIdle(std::chrono::milliseconds timeout) {
         const auto generation = signalGeneration();
         const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (remaining <= std::chrono::milliseconds::zero() || !drainQueue(remaining)) return false;
-        if (uploader_->statistics().inFlight == 0) return true;
+        if (uploader_->statistics().requestsInFlight == 0) return true;
         waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
     }
 }
@@ -322,7 +324,7 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
             break;
         }
 
-        if (upload.inFlight == 0) {
+        if (upload.requestsInFlight == 0) {
             // Everything on disk waits for an attempt. After a failed one, give the gateway a
             // growing moment first: each attempt costs every waiting event one of its three.
             if (upload.batchesFailed != failedBatchesSeen) {

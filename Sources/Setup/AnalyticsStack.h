@@ -134,9 +134,9 @@ public:
     AnalyticsStack() = delete;
     AnalyticsStack(const AnalyticsStack&) = delete;
     AnalyticsStack& operator=(const AnalyticsStack&) = delete;
-    /// Lets queued work finish (bounded by `shutdownTimeout`), stops the queue, then the
-    /// request queue: requests still in flight are answered as failed and their events stay
-    /// on disk for the next start.
+    /// Lets queued work finish and the requests in flight be answered (together bounded by
+    /// `shutdownTimeout`), stops the queue, then the request queue: requests still in flight
+    /// then are answered as failed and their events stay on disk for the next start.
     ~AnalyticsStack();
 
     /// Prepares the process-wide controller with this stack's uploader, names and tech
@@ -155,7 +155,8 @@ public:
     /// when the store emptied, false at the time-out. Never call it on the pipeline's queue.
     bool waitUntilDelivered(std::chrono::milliseconds timeout);
     /// Waits until queued work has run and no upload is in flight, without flushing. True
-    /// when that happened within `timeout`.
+    /// when that happened within `timeout`. Before a run ends, this lets the requests in
+    /// flight be answered, so that what was delivered is deleted, not sent again later.
     bool waitUntilIdle(std::chrono::milliseconds timeout);
     /// Runs the work queued so far on the pipeline's own queue (see `drain` of the thread
     /// queue). True at once for an injected queue, which its owner drives.

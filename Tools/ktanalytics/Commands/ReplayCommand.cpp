@@ -154,7 +154,9 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
 
     // The flush is queued behind the events just tagged, so it sees all of them stored.
     stack.flush();
-    stack.waitUntilDelivered(timeout);
+    // At the time-out, the answers to what is in flight are still worth a short wait: a
+    // delivered batch left on disk would be sent again by the next run.
+    if (!stack.waitUntilDelivered(timeout)) stack.waitUntilIdle(stack.configuration().shutdownTimeout);
 
     const auto upload = stack.statistics().upload;
     ReplaySummary summary;

@@ -256,17 +256,21 @@ void APEventGatewayBatchUploader::deleteCorruptedEvents(const Batch& events, con
 
 void APEventGatewayBatchUploader::uploadSerializedEvents(std::shared_ptr<const Batch> events, HTTPRequest request) {
     std::weak_ptr<APEventGatewayBatchUploader> weak = weak_from_this();
+    add(counters_.requestsInFlight, 1);
     requestQueue_->sendRequest(std::move(request), [weak, events](int resultCode) {
         // Any thread: move the result onto the queue, where the state lives.
         auto self = weak.lock();
         if (!self) return;
-        self->eventGatewayQueue_->async([weak, events, resultCode] {
+        // Ahead of pending stores: a delivered batch is deleted at once, not after the
+        // backlog, so a crash leaves few delivered events on disk to be sent again.
+        self->eventGatewayQueue_->asyncUrgent([weak, events, resultCode] {
             if (auto uploader = weak.lock()) uploader->handleResult(*events, resultCode);
         });
     });
 }
 
 void APEventGatewayBatchUploader::handleResult(const Batch& events, int resultCode) {
+    counters_.requestsInFlight.fetch_sub(1, std::memory_order_relaxed);
     switch (resultCode) {
         case static_cast<int>(RequestResult::delivered):
             eventSerializer_->deleteEvents(events);
@@ -345,6 +349,7 @@ APEventGatewayUploadStatistics APEventGatewayBatchUploader::statistics() const {
     s.retries = load(counters_.retries);
     s.waiting = load(counters_.waiting);
     s.inFlight = load(counters_.inFlight);
+    s.requestsInFlight = load(counters_.requestsInFlight);
     return s;
 }
 

@@ -53,6 +53,7 @@ struct APEventGatewayUploadStatistics {
     std::uint64_t retries = 0;         ///< failed events kept for another attempt
     std::uint64_t waiting = 0;         ///< event files on disk now (in flight included)
     std::uint64_t inFlight = 0;        ///< events handed to the request queue, not yet answered
+    std::uint64_t requestsInFlight = 0;  ///< requests sent and not yet answered
 
     std::uint64_t dropped() const { return droppedByReason.total(); }
     std::uint64_t dropped(APEventDropReason reason) const { return droppedByReason[reason]; }
@@ -156,7 +157,7 @@ private:
 
     struct Counters {
         std::atomic<std::uint64_t> stored{0}, delivered{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},
-            bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0};
+            bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0}, requestsInFlight{0};
         std::array<std::atomic<std::uint64_t>, kEventDropReasonCount> dropped{};
     };
     Counters counters_;

@@ -268,6 +268,26 @@ TEST_F(DevelopmentGatewayTests, aListingLimitOutsideZeroToAThousandIs400) {
     }
 }
 
+TEST_F(DevelopmentGatewayTests, aListingStopsAtItsByteBudgetKeepingTheNewest) {
+    // Each event stores some 2,200 bytes of payload and headers: two fit in 5,000, three do not.
+    auto gateway = startGateway({.maxListingBytes = 5000});
+    for (const char* name : {"a", "b", "c", "d"}) {
+        auto result = upload(*gateway, gzip(json::array({element(name, {{"text", std::string(2000, 'x')}})}).dump()));
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 200);
+    }
+    const json events = getJSON(*gateway, "/events?limit=10");
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]["event"], "c");
+    EXPECT_EQ(events[1]["event"], "d");
+    EXPECT_EQ(events[1]["payload"]["text"], std::string(2000, 'x'));
+    EXPECT_EQ(gateway->lastEvents(10).size(), 4u);  // the in-process listing has no budget
+
+    auto tiny = startGateway({.maxListingBytes = 1});
+    ASSERT_TRUE(upload(*tiny, gzip(json::array({element("only")}).dump())));
+    EXPECT_EQ(getJSON(*tiny, "/events").size(), 1u);  // the newest is listed whatever its size
+}
+
 TEST_F(DevelopmentGatewayTests, hostileUploadsAreRefusedAndTheGatewayKeepsAnswering) {
     auto gateway = startGateway();
     auto post = [&](const std::string& body) { return upload(*gateway, body); };

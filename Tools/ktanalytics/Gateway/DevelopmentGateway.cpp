@@ -217,37 +217,38 @@ BodyRead readBody(const httplib::ContentReader& read, const httplib::Response& r
     return complete ? BodyRead::complete : BodyRead::failed;
 }
 
-// The elements of an upload, or an explanation of why its shape is wrong.
-std::optional<json> uploadElements(const json& document, std::string& why) {
+// The elements of an upload (inside `document`), or null with an explanation of why its
+// shape is wrong.
+const json* uploadElements(const json& document, std::string& why) {
     const json* events = &document;
     if (document.is_object()) {
         if (document.size() != 2 || !document.contains("events") || !document.contains("sent_at")) {
             why = "an object body must have exactly \"events\" and \"sent_at\"";
-            return std::nullopt;
+            return nullptr;
         }
         if (!document["sent_at"].is_string()) {
             why = "\"sent_at\" must be a string";
-            return std::nullopt;
+            return nullptr;
         }
         events = &document["events"];
     }
     if (!events->is_array()) {
         why = "the body must be an array of events or an object with \"events\"";
-        return std::nullopt;
+        return nullptr;
     }
     for (std::size_t i = 0; i < events->size(); ++i) {
         const json& e = (*events)[i];
         if (!e.is_object() || e.size() != 3 || !e.contains("event") || !e.contains("version") ||
             !e.contains("payload")) {
             why = "element " + std::to_string(i) + " must have exactly \"event\", \"version\" and \"payload\"";
-            return std::nullopt;
+            return nullptr;
         }
         if (!e["event"].is_string() || !e["version"].is_string() || !e["payload"].is_object()) {
             why = "element " + std::to_string(i) + ": \"event\" and \"version\" must be strings, \"payload\" an object";
-            return std::nullopt;
+            return nullptr;
         }
     }
-    return *events;
+    return events;
 }
 
 bool isCredential(const std::string& header) {
@@ -285,6 +286,7 @@ struct DevelopmentGateway::Impl {
     bool everStarted = false;
     std::atomic<bool> loopReturned{false};
 
+    std::mutex decodeMutex;
     mutable std::mutex dbMutex;
     sqlite3* db = nullptr;  // guarded by dbMutex
 
@@ -451,6 +453,9 @@ struct DevelopmentGateway::Impl {
         if (bodyRead == BodyRead::tooLarge)
             return reject(413, "the body is larger than " + std::to_string(configuration.maxBodyBytes) + " bytes");
         if (bodyRead == BodyRead::failed) return reject(400, "the body could not be read");
+        // Inflated and parsed, an upload takes many times its size (some 30 times for a body of
+        // tiny values), so uploads are decoded one at a time; they are stored one at a time anyway.
+        std::lock_guard decoding(decodeMutex);
         std::string raw;
         switch (gunzip(body, configuration.maxRawBytes, raw)) {
         case Inflated::complete:
@@ -464,9 +469,11 @@ struct DevelopmentGateway::Impl {
         if (nestsDeeperThan(raw, kMaximumNesting))
             return reject(400, "the body nests JSON deeper than " + std::to_string(kMaximumNesting) + " levels");
         const json document = json::parse(raw, nullptr, false);
+        const std::size_t rawSize = raw.size();
+        std::string().swap(raw);
         if (document.is_discarded()) return reject(400, "the body is not JSON");
         std::string why;
-        const std::optional<json> elements = uploadElements(document, why);
+        const json* elements = uploadElements(document, why);
         if (!elements) return reject(400, why);
 
         if (!storeEvents(*elements, dumped(headersOf(request)), utcNow())) {
@@ -477,7 +484,7 @@ struct DevelopmentGateway::Impl {
             std::lock_guard lock(stateMutex);
             statistics.events += elements->size();
             statistics.bytesCompressed += body.size();
-            statistics.bytesRaw += raw.size();
+            statistics.bytesRaw += rawSize;
         }
         tEventsStored = elements->size();
         answerJSON(response, 200, json{{"accepted", elements->size()}});

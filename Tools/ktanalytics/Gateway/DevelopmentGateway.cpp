@@ -10,6 +10,7 @@
 #include <mutex>
 #include <ostream>
 #include <random>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -75,8 +76,14 @@ public:
             jobs_.push_back(std::move(job));
             if (jobs_.size() > idle_ && workers_.size() < maximum_) {
                 const auto self = workers_.emplace(workers_.end());
-                // The new thread takes the lock before touching `self`, so it sees it assigned.
-                *self = std::thread([this, self] { work(self); });
+                try {
+                    // The new thread takes the lock before touching `self`, so it sees it assigned.
+                    *self = std::thread([this, self] { work(self); });
+                } catch (const std::system_error&) {
+                    // Out of threads: the job waits for one of those running.
+                    workers_.erase(self);
+                    wake_.notify_one();
+                }
             } else {
                 wake_.notify_one();
             }
@@ -420,7 +427,8 @@ struct DevelopmentGateway::Impl {
         };
         std::size_t taken = 0;
         while (sqlite3_step(s) == SQLITE_ROW) {
-            const auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2) + sqlite3_column_bytes(s, 3));
+            const std::size_t size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2)) +
+                                     static_cast<std::size_t>(sqlite3_column_bytes(s, 3));
             if (!result.empty() && taken + size > byteBudget) break;
             taken += size;
             result.push_back(StoredEvent{text(0), text(1), text(2), text(3), text(4)});
@@ -542,6 +550,7 @@ struct DevelopmentGateway::Impl {
         std::string body = "[";
         for (const StoredEvent& e : lastEvents(limit, configuration.maxListingBytes)) {
             json headers = json::parse(e.headers, nullptr, false);
+            if (headers.is_discarded()) headers = nullptr;
             // Databases written before credentials were masked may still hold their values.
             if (headers.is_object())
                 for (auto& [name, value] : headers.items())

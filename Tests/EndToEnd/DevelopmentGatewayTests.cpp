@@ -5,6 +5,14 @@
 #include <nlohmann/json.hpp>
 #include <zlib.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
@@ -19,6 +27,28 @@ std::string gzip(const std::string& text) { return GzipCodec::gzippedData(text).
 
 json element(const std::string& name, json payload = json::object()) {
     return json{{"event", name}, {"version", "v1.27.36"}, {"payload", std::move(payload)}};
+}
+
+// One element whose payload holds `levels` nested arrays: the body nests `levels + 3` deep.
+// Built as text, since building it as a json value would recurse as deep.
+std::string nestedUpload(std::size_t levels) {
+    return R"([{"event":"deep","version":"v1","payload":{"a":)" + std::string(levels, '[') +
+           std::string(levels, ']') + "}}]";
+}
+
+// A TCP connection to the gateway that sends `text` and then says nothing more.
+int stalledConnection(int port, const std::string& text) {
+    const int s = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (s < 0 || connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        send(s, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        if (s >= 0) close(s);
+        return -1;
+    }
+    return s;
 }
 
 class DevelopmentGatewayTests : public ::testing::Test {
@@ -222,13 +252,134 @@ TEST_F(DevelopmentGatewayTests, trackingRequestsAreAcceptedAndCounted) {
     EXPECT_EQ(gateway->stats().trackingRequests, 2u);
 }
 
-TEST_F(DevelopmentGatewayTests, aBadLimitIs400) {
+TEST_F(DevelopmentGatewayTests, aListingLimitOutsideZeroToAThousandIs400) {
     auto gateway = startGateway();
     httplib::Client client(gateway->baseURL());
-    for (const char* path : {"/events?limit=abc", "/events?limit=-1", "/events?limit="}) {
-        auto result = client.Get(path);
+    const std::vector<std::pair<std::string, int>> cases = {
+        {"/events?limit=abc", 400},       {"/events?limit=-1", 400},
+        {"/events?limit=", 400},          {"/events?limit=1001", 400},
+        {"/events?limit=100000000", 400}, {"/events?limit=18446744073709551616", 400},
+        {"/events?limit=0", 200},         {"/events?limit=1000", 200},
+    };
+    for (const auto& [path, status] : cases) {
+        auto result = client.Get(path.c_str());
         ASSERT_TRUE(result) << path;
-        EXPECT_EQ(result->status, 400) << path;
+        EXPECT_EQ(result->status, status) << path;
+    }
+}
+
+TEST_F(DevelopmentGatewayTests, aListingStopsAtItsByteBudgetKeepingTheNewest) {
+    // Each event stores some 2,200 bytes of payload and headers: two fit in 5,000, three do not.
+    auto gateway = startGateway({.maxListingBytes = 5000});
+    for (const char* name : {"a", "b", "c", "d"}) {
+        auto result = upload(*gateway, gzip(json::array({element(name, {{"text", std::string(2000, 'x')}})}).dump()));
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->status, 200);
+    }
+    const json events = getJSON(*gateway, "/events?limit=10");
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0]["event"], "c");
+    EXPECT_EQ(events[1]["event"], "d");
+    EXPECT_EQ(events[1]["payload"]["text"], std::string(2000, 'x'));
+    EXPECT_EQ(gateway->lastEvents(10).size(), 4u);  // the in-process listing has no budget
+
+    auto tiny = startGateway({.maxListingBytes = 1});
+    ASSERT_TRUE(upload(*tiny, gzip(json::array({element("only")}).dump())));
+    EXPECT_EQ(getJSON(*tiny, "/events").size(), 1u);  // the newest is listed whatever its size
+}
+
+TEST_F(DevelopmentGatewayTests, hostileUploadsAreRefusedAndTheGatewayKeepsAnswering) {
+    auto gateway = startGateway();
+    auto post = [&](const std::string& body) { return upload(*gateway, body); };
+    auto chunked = [&](std::size_t size) {
+        httplib::Client client(gateway->baseURL());
+        const std::string piece(64 << 10, 'x');
+        return client.Post(
+            "/v1/events", {{"Content-Encoding", "gzip"}},
+            [&, sent = std::size_t{0}](std::size_t, httplib::DataSink& sink) mutable {
+                if (sent >= size) {
+                    sink.done();
+                    return true;
+                }
+                sent += piece.size();
+                return sink.write(piece.data(), piece.size());
+            },
+            "application/json");
+    };
+    std::string quoted(1000, '[');
+    quoted += R"(\"[{)";
+    const struct {
+        std::string name;
+        std::function<httplib::Result()> send;
+        int status;
+        std::string error;  // part of the message, for refusals
+    } cases[] = {
+        {"nested 100,000 deep", [&] { return post(gzip(nestedUpload(100'000))); }, 400, "deeper than 256"},
+        {"nested 257 deep", [&] { return post(gzip(nestedUpload(254))); }, 400, "deeper than 256"},
+        {"nested 256 deep", [&] { return post(gzip(nestedUpload(253))); }, 200, ""},
+        {"brackets inside a string",
+         [&] { return post(gzip(json::array({element("text", {{"s", quoted}})}).dump())); }, 200, ""},
+        {"9 MiB body", [&] { return post(std::string(9 << 20, 'x')); }, 413, "larger than"},
+        {"9 MiB chunked body", [&] { return chunked(9 << 20); }, 413, "larger than"},
+        {"40 MiB of JSON in a small gzip", [&] { return post(gzip(std::string(40 << 20, ' ').append("[]"))); }, 413,
+         "inflates to more than"},
+    };
+    for (const auto& c : cases) {
+        auto result = c.send();
+        ASSERT_TRUE(result) << c.name;
+        EXPECT_EQ(result->status, c.status) << c.name;
+        if (!c.error.empty()) {
+            EXPECT_NE(json::parse(result->body, nullptr, false).value("error", "").find(c.error), std::string::npos)
+                << c.name << ": " << result->body;
+        }
+        EXPECT_EQ(getJSON(*gateway, "/stats")["events"], gateway->stats().events) << "after " << c.name;
+    }
+    EXPECT_EQ(gateway->stats().rejected, 5u);
+    EXPECT_EQ(gateway->stats().events, 2u);
+}
+
+TEST_F(DevelopmentGatewayTests, idleAndSlowConnectionsDoNotKeepOthersWaiting) {
+    auto gateway = startGateway();
+    std::vector<int> stalled;
+    for (int i = 0; i < 64; ++i) {
+        // Half never send a byte; half stop in the middle of their headers.
+        const int s = stalledConnection(gateway->port(), i % 2 == 0 ? "" : "POST /v1/events HTTP/1.1\r\nHost: x\r\nCont");
+        if (s >= 0) stalled.push_back(s);
+    }
+    httplib::Client client(gateway->baseURL());
+    client.set_connection_timeout(5);
+    client.set_read_timeout(5);
+    auto result = client.Get("/stats");
+    for (int s : stalled) close(s);
+    EXPECT_EQ(stalled.size(), 64u);
+    ASSERT_TRUE(result) << "no answer within 5 s while stalled connections are open";
+    EXPECT_EQ(result->status, 200);
+}
+
+TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresent) {
+    const std::string secret = "s3cr3t-t0ken";
+    {
+        auto gateway = startGateway({.dbPath = (directory / "gateway.sqlite").string()});
+        auto uploaded = upload(*gateway, gzip(json::array({element("play")}).dump()),
+                               {{"Content-Encoding", "gzip"}, {"authorization", "Bearer " + secret}});
+        ASSERT_TRUE(uploaded);
+        EXPECT_EQ(uploaded->status, 200);
+        httplib::Client client(gateway->baseURL());
+        auto tracked = client.Get("/track/impression", {{"Authorization", "Bearer " + secret}});
+        ASSERT_TRUE(tracked);
+        EXPECT_EQ(tracked->status, 200);
+
+        auto listing = client.Get("/events");
+        ASSERT_TRUE(listing);
+        EXPECT_EQ(listing->body.find(secret), std::string::npos);
+        const json events = json::parse(listing->body, nullptr, false);
+        ASSERT_EQ(events.size(), 1u);
+        EXPECT_EQ(events[0]["headers"]["authorization"], "present");
+    }
+    for (const auto& file : std::filesystem::directory_iterator(directory.path())) {
+        std::ifstream in(file.path(), std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        EXPECT_EQ(bytes.find(secret), std::string::npos) << file.path();
     }
 }
 

@@ -26,6 +26,8 @@ struct GatewayOptions {
     std::uint64_t seed = 0;
     bool seedGiven = false;
     int delayMs = 0;
+    std::size_t maxBodyMiB = gateway::GatewayConfiguration{}.maxBodyBytes >> 20;
+    std::size_t maxRawMiB = gateway::GatewayConfiguration{}.maxRawBytes >> 20;
 };
 
 int runGateway(const GatewayOptions& options) {
@@ -47,6 +49,8 @@ int runGateway(const GatewayOptions& options) {
     if (options.seedGiven) configuration.seed = options.seed;
     configuration.delay = std::chrono::milliseconds(options.delayMs);
     configuration.log = &std::cout;
+    configuration.maxBodyBytes = options.maxBodyMiB << 20;
+    configuration.maxRawBytes = options.maxRawMiB << 20;
 
     int exitCode = 0;
     {
@@ -86,6 +90,12 @@ void registerGatewayCommand(CLI::App& app, int& exitCode) {
         ->each([options](const std::string&) { options->seedGiven = true; });
     command->add_option("--delay", options->delayMs, "Milliseconds added before answering each upload")
         ->check(CLI::Range(0, 600'000))
+        ->capture_default_str();
+    command->add_option("--max-body-mib", options->maxBodyMiB, "Largest upload body taken, in MiB (413 beyond)")
+        ->check(CLI::Range(1, 4096))
+        ->capture_default_str();
+    command->add_option("--max-raw-mib", options->maxRawMiB, "Largest upload after gunzip, in MiB (413 beyond)")
+        ->check(CLI::Range(1, 4096))
         ->capture_default_str();
     command->callback([options, &exitCode] { exitCode = runGateway(*options); });
 }

@@ -1,15 +1,21 @@
 #include "Gateway/DevelopmentGateway.h"
 
+#include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <condition_variable>
 #include <ctime>
+#include <limits>
+#include <list>
 #include <mutex>
 #include <ostream>
 #include <random>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include <httplib.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -31,9 +37,17 @@ constexpr const char* kSetAsideEncoding = "X-Gateway-Received-Content-Encoding";
 // (unknown paths, unreadable requests).
 thread_local bool tLoggedByHandler = false;
 thread_local std::size_t tEventsStored = 0;
-// A bound on what one upload may inflate to, against gzip bombs.
-constexpr std::size_t kMaximumRawBytes = 64u << 20;
 constexpr std::size_t kDefaultEventsLimit = 100;
+// A body past its limit is still read and dropped up to this much, so an honest client gets
+// its 413 on a connection left in step; past it the connection is given up.
+constexpr std::size_t kDrainBytes = std::size_t{64} << 20;
+// Threads serving connections at most; below it every connection gets a thread of its own,
+// so clients that send slowly or not at all hold up only themselves.
+constexpr std::size_t kMaximumWorkers = 1024;
+constexpr std::chrono::seconds kWorkerIdleRetirement{10};
+constexpr int kListenBacklog = 1024;
+// A client silent for this long in the middle of a request, or between requests, is dropped.
+constexpr time_t kReadTimeoutSeconds = 2;
 
 std::string utcNow() {
     const auto now = std::chrono::system_clock::now();
@@ -48,71 +62,206 @@ std::string utcNow() {
     return text;
 }
 
+// Runs each job (one connection) on an idle thread, or on a new one while fewer than
+// `maximum` exist; beyond that jobs wait their turn. Threads idle for a while retire.
+class ElasticThreadPool final : public httplib::TaskQueue {
+public:
+    explicit ElasticThreadPool(std::size_t maximum) : maximum_(maximum) {}
+    ~ElasticThreadPool() override { shutdown(); }
+
+    void enqueue(std::function<void()> job) override {
+        std::list<std::thread> retired;
+        {
+            std::lock_guard lock(mutex_);
+            jobs_.push_back(std::move(job));
+            if (jobs_.size() > idle_ && workers_.size() < maximum_) {
+                const auto self = workers_.emplace(workers_.end());
+                try {
+                    // The new thread takes the lock before touching `self`, so it sees it assigned.
+                    *self = std::thread([this, self] { work(self); });
+                } catch (const std::system_error&) {
+                    // Out of threads: the job waits for one of those running.
+                    workers_.erase(self);
+                    wake_.notify_one();
+                }
+            } else {
+                wake_.notify_one();
+            }
+            retired.swap(retired_);
+        }
+        for (std::thread& t : retired) t.join();
+    }
+
+    // Lets the queued jobs run, then waits for every thread.
+    void shutdown() override {
+        std::unique_lock lock(mutex_);
+        stopping_ = true;
+        wake_.notify_all();
+        allRetired_.wait(lock, [this] { return workers_.empty(); });
+        std::list<std::thread> retired;
+        retired.swap(retired_);
+        lock.unlock();
+        for (std::thread& t : retired) t.join();
+    }
+
+private:
+    void work(std::list<std::thread>::iterator self) {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            ++idle_;
+            wake_.wait_for(lock, kWorkerIdleRetirement, [this] { return !jobs_.empty() || stopping_; });
+            --idle_;
+            if (jobs_.empty()) break;
+            std::function<void()> job = std::move(jobs_.front());
+            jobs_.pop_front();
+            lock.unlock();
+            job();
+            lock.lock();
+        }
+        // Someone else joins this thread: the next `enqueue` or `shutdown`.
+        retired_.splice(retired_.end(), workers_, self);
+        if (workers_.empty()) allRetired_.notify_all();
+    }
+
+    const std::size_t maximum_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable allRetired_;
+    std::list<std::function<void()>> jobs_;
+    std::list<std::thread> workers_;
+    std::list<std::thread> retired_;
+    std::size_t idle_ = 0;
+    bool stopping_ = false;
+};
+
+class HTTPServer final : public httplib::Server {
+public:
+    // httplib listens with a backlog of 5 and has no setting for it. Linux takes a new
+    // backlog when listen is called again on a listening socket.
+    bool widenBacklog(int backlog) { return ::listen(svr_sock_, backlog) == 0; }
+};
+
+enum class Inflated { complete, notGzip, tooLarge };
+
 // Gzip only: a zlib or raw deflate stream is refused even though inflate (window bits 47,
 // gzip or zlib by header) would take a zlib one. Trailing bytes after the stream are refused.
-std::optional<std::string> gunzip(const std::string& body) {
+// Inflating stops as soon as the output passes `maximum`.
+Inflated gunzip(const std::string& body, std::size_t maximum, std::string& out) {
     if (body.size() < 18 || static_cast<unsigned char>(body[0]) != 0x1f || static_cast<unsigned char>(body[1]) != 0x8b)
-        return std::nullopt;
+        return Inflated::notGzip;
     z_stream stream{};
-    if (inflateInit2(&stream, 47) != Z_OK) return std::nullopt;
-    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data()));
-    stream.avail_in = static_cast<uInt>(body.size());
-    std::string out;
+    if (inflateInit2(&stream, 47) != Z_OK) return Inflated::notGzip;
+    std::size_t fed = 0;
     char chunk[16384];
     int status = Z_OK;
     while (status == Z_OK) {
+        if (stream.avail_in == 0 && fed < body.size()) {
+            // avail_in is 32 bits wide.
+            const std::size_t piece = std::min<std::size_t>(body.size() - fed, std::numeric_limits<uInt>::max());
+            stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(body.data() + fed));
+            stream.avail_in = static_cast<uInt>(piece);
+            fed += piece;
+        }
         stream.next_out = reinterpret_cast<Bytef*>(chunk);
         stream.avail_out = sizeof chunk;
         status = inflate(&stream, Z_NO_FLUSH);
         if (status != Z_OK && status != Z_STREAM_END) break;
         out.append(chunk, sizeof chunk - stream.avail_out);
-        if (out.size() > kMaximumRawBytes) {
-            status = Z_MEM_ERROR;
-            break;
+        if (out.size() > maximum) {
+            inflateEnd(&stream);
+            return Inflated::tooLarge;
         }
         // No progress and no end: the stream is truncated.
-        if (status == Z_OK && stream.avail_in == 0 && stream.avail_out != 0) {
+        if (status == Z_OK && stream.avail_in == 0 && fed == body.size() && stream.avail_out != 0) {
             status = Z_DATA_ERROR;
             break;
         }
     }
-    const bool complete = status == Z_STREAM_END && stream.avail_in == 0;
+    const bool complete = status == Z_STREAM_END && stream.avail_in == 0 && fed == body.size();
     inflateEnd(&stream);
-    if (!complete) return std::nullopt;
-    return out;
+    return complete ? Inflated::complete : Inflated::notGzip;
 }
 
-// The elements of an upload, or an explanation of why its shape is wrong.
-std::optional<json> uploadElements(const json& document, std::string& why) {
+// Whether `text` nests arrays and objects deeper than `limit`, found without recursion so
+// that any depth can be refused before a recursive parser or writer sees it. Brackets in
+// strings do not count; malformed text is left for the parser to refuse.
+bool nestsDeeperThan(const std::string& text, std::size_t limit) {
+    std::size_t depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (c == '\\') ++i;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > limit) return true;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
+}
+
+enum class BodyRead { complete, tooLarge, failed };
+
+// Reads a body through httplib, keeping at most `maximum` bytes of it in `body`.
+BodyRead readBody(const httplib::ContentReader& read, const httplib::Response& response, std::size_t maximum,
+                  std::string& body) {
+    std::size_t received = 0;
+    const bool complete = read([&](const char* data, std::size_t size) {
+        received += size;
+        if (received <= maximum) {
+            body.append(data, size);
+            return true;
+        }
+        std::string().swap(body);
+        return received - maximum <= kDrainBytes;
+    });
+    // httplib answers 413 by itself to a declared Content-Length past its payload limit.
+    if (received > maximum || response.status == 413) return BodyRead::tooLarge;
+    return complete ? BodyRead::complete : BodyRead::failed;
+}
+
+// The elements of an upload (inside `document`), or null with an explanation of why its
+// shape is wrong.
+const json* uploadElements(const json& document, std::string& why) {
     const json* events = &document;
     if (document.is_object()) {
         if (document.size() != 2 || !document.contains("events") || !document.contains("sent_at")) {
             why = "an object body must have exactly \"events\" and \"sent_at\"";
-            return std::nullopt;
+            return nullptr;
         }
         if (!document["sent_at"].is_string()) {
             why = "\"sent_at\" must be a string";
-            return std::nullopt;
+            return nullptr;
         }
         events = &document["events"];
     }
     if (!events->is_array()) {
         why = "the body must be an array of events or an object with \"events\"";
-        return std::nullopt;
+        return nullptr;
     }
     for (std::size_t i = 0; i < events->size(); ++i) {
         const json& e = (*events)[i];
         if (!e.is_object() || e.size() != 3 || !e.contains("event") || !e.contains("version") ||
             !e.contains("payload")) {
             why = "element " + std::to_string(i) + " must have exactly \"event\", \"version\" and \"payload\"";
-            return std::nullopt;
+            return nullptr;
         }
         if (!e["event"].is_string() || !e["version"].is_string() || !e["payload"].is_object()) {
             why = "element " + std::to_string(i) + ": \"event\" and \"version\" must be strings, \"payload\" an object";
-            return std::nullopt;
+            return nullptr;
         }
     }
-    return *events;
+    return events;
+}
+
+bool isCredential(const std::string& header) {
+    for (const char* name : {"Authorization", "Proxy-Authorization", "Cookie"})
+        if (strcasecmp(header.c_str(), name) == 0) return true;
+    return false;
 }
 
 json headersOf(const httplib::Request& request) {
@@ -121,27 +270,30 @@ json headersOf(const httplib::Request& request) {
         // httplib adds the socket's addresses as pseudo-headers; they were never sent.
         if (name == "LOCAL_ADDR" || name == "LOCAL_PORT" || name == "REMOTE_ADDR" || name == "REMOTE_PORT") continue;
         const std::string shown = name == kSetAsideEncoding ? "Content-Encoding" : name;
-        headers[shown] = value;
+        headers[shown] = isCredential(name) ? "present" : value;
     }
     return headers;
 }
 
+std::string dumped(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
+
 void answerJSON(httplib::Response& response, int status, const json& body) {
     response.status = status;
-    response.set_content(body.dump(-1, ' ', false, json::error_handler_t::replace), "application/json");
+    response.set_content(dumped(body), "application/json");
 }
 
 }  // namespace
 
 struct DevelopmentGateway::Impl {
     const Configuration configuration;
-    httplib::Server server;
+    HTTPServer server;
     std::thread thread;
     int boundPort = 0;
     bool started = false;
     bool everStarted = false;
     std::atomic<bool> loopReturned{false};
 
+    std::mutex decodeMutex;
     mutable std::mutex dbMutex;
     sqlite3* db = nullptr;  // guarded by dbMutex
 
@@ -186,6 +338,9 @@ struct DevelopmentGateway::Impl {
             return false;
         }
         sqlite3_busy_timeout(db, 5000);
+        // Each upload commits once; WAL with NORMAL syncing keeps those commits cheap and
+        // loses at most the last ones on a power cut, never the file.
+        if (!configuration.dbPath.empty() && !exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;")) return false;
         return exec("CREATE TABLE IF NOT EXISTS events ("
                     "id INTEGER PRIMARY KEY AUTOINCREMENT, event TEXT NOT NULL, version TEXT NOT NULL, "
                     "payload TEXT NOT NULL, headers TEXT NOT NULL, received_at TEXT NOT NULL);"
@@ -217,7 +372,7 @@ struct DevelopmentGateway::Impl {
             const json& e = elements[i];
             const std::string event = e["event"].get<std::string>();
             const std::string version = e["version"].get<std::string>();
-            const std::string payload = e["payload"].dump(-1, ' ', false, json::error_handler_t::replace);
+            const std::string payload = dumped(e["payload"]);
             sqlite3_bind_text(s, 1, event.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(s, 2, version.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(s, 3, payload.c_str(), -1, SQLITE_TRANSIENT);
@@ -241,7 +396,7 @@ struct DevelopmentGateway::Impl {
         bool ok = sqlite3_prepare_v2(db, "INSERT INTO tracking_requests (method, target, headers, received_at) "
                                          "VALUES (?, ?, ?, ?)", -1, &s, nullptr) == SQLITE_OK;
         if (ok) {
-            const std::string headers = headersOf(request).dump(-1, ' ', false, json::error_handler_t::replace);
+            const std::string headers = dumped(headersOf(request));
             const std::string receivedAt = utcNow();
             sqlite3_bind_text(s, 1, request.method.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(s, 2, request.target.c_str(), -1, SQLITE_TRANSIENT);
@@ -254,13 +409,15 @@ struct DevelopmentGateway::Impl {
         return ok;
     }
 
-    std::vector<StoredEvent> lastEvents(std::size_t limit) const {
+    // The newest `limit` events, oldest first; older ones are left out once the payloads and
+    // headers taken pass `byteBudget` (the newest is always taken).
+    std::vector<StoredEvent> lastEvents(std::size_t limit, std::size_t byteBudget) const {
         std::vector<StoredEvent> result;
         std::lock_guard lock(dbMutex);
         if (db == nullptr) return result;
         sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT event, version, payload, headers, received_at FROM "
-                                   "(SELECT * FROM events ORDER BY id DESC LIMIT ?) ORDER BY id",
+        if (sqlite3_prepare_v2(db, "SELECT event, version, payload, headers, received_at FROM events "
+                                   "ORDER BY id DESC LIMIT ?",
                                -1, &s, nullptr) != SQLITE_OK)
             return result;
         sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
@@ -268,47 +425,74 @@ struct DevelopmentGateway::Impl {
             const auto* t = sqlite3_column_text(s, column);
             return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
         };
-        while (sqlite3_step(s) == SQLITE_ROW)
+        std::size_t taken = 0;
+        while (sqlite3_step(s) == SQLITE_ROW) {
+            const std::size_t size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2)) +
+                                     static_cast<std::size_t>(sqlite3_column_bytes(s, 3));
+            if (!result.empty() && taken + size > byteBudget) break;
+            taken += size;
             result.push_back(StoredEvent{text(0), text(1), text(2), text(3), text(4)});
+        }
         sqlite3_finalize(s);
+        std::reverse(result.begin(), result.end());
         return result;
     }
 
-    void handleUpload(const httplib::Request& request, httplib::Response& response) {
+    void handleUpload(const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& read) {
         {
             std::lock_guard lock(stateMutex);
             ++statistics.requests;
         }
+        std::string body;
+        const BodyRead bodyRead = readBody(read, response, configuration.maxBodyBytes, body);
         if (injectFailure()) {
             answerJSON(response, configuration.failStatus, json{{"error", "injected failure"}});
             return;
         }
         delayIfConfigured();
-        auto reject = [&](const std::string& why) {
+        auto reject = [&](int status, const std::string& why) {
             {
                 std::lock_guard lock(stateMutex);
                 ++statistics.rejected;
             }
-            answerJSON(response, 400, json{{"error", why}});
+            answerJSON(response, status, json{{"error", why}});
         };
-        const std::optional<std::string> raw = gunzip(request.body);
-        if (!raw) return reject("the body is not gzip");
-        const json document = json::parse(*raw, nullptr, false);
-        if (document.is_discarded()) return reject("the body is not JSON");
+        if (bodyRead == BodyRead::tooLarge)
+            return reject(413, "the body is larger than " + std::to_string(configuration.maxBodyBytes) + " bytes");
+        if (bodyRead == BodyRead::failed) return reject(400, "the body could not be read");
+        // Inflated and parsed, an upload takes many times its size (some 30 times for a body of
+        // tiny values), so uploads are decoded one at a time; they are stored one at a time anyway.
+        std::lock_guard decoding(decodeMutex);
+        std::string raw;
+        switch (gunzip(body, configuration.maxRawBytes, raw)) {
+        case Inflated::complete:
+            break;
+        case Inflated::notGzip:
+            return reject(400, "the body is not gzip");
+        case Inflated::tooLarge:
+            return reject(413, "the body inflates to more than " + std::to_string(configuration.maxRawBytes) +
+                                   " bytes");
+        }
+        if (nestsDeeperThan(raw, kMaximumNesting))
+            return reject(400, "the body nests JSON deeper than " + std::to_string(kMaximumNesting) + " levels");
+        const json document = json::parse(raw, nullptr, false);
+        const std::size_t rawSize = raw.size();
+        std::string().swap(raw);
+        if (document.is_discarded()) return reject(400, "the body is not JSON");
         std::string why;
-        const std::optional<json> elements = uploadElements(document, why);
-        if (!elements) return reject(why);
+        const json* elements = uploadElements(document, why);
+        if (!elements) return reject(400, why);
 
-        const std::string headers = headersOf(request).dump(-1, ' ', false, json::error_handler_t::replace);
-        if (!storeEvents(*elements, headers, utcNow())) {
+        if (!storeEvents(*elements, dumped(headersOf(request)), utcNow())) {
             answerJSON(response, 500, json{{"error", "storage failed"}});
             return;
         }
         {
             std::lock_guard lock(stateMutex);
             statistics.events += elements->size();
-            statistics.bytesCompressed += request.body.size();
-            statistics.bytesRaw += raw->size();
+            statistics.bytesCompressed += body.size();
+            statistics.bytesRaw += rawSize;
         }
         tEventsStored = elements->size();
         answerJSON(response, 200, json{{"accepted", elements->size()}});
@@ -356,18 +540,29 @@ struct DevelopmentGateway::Impl {
         if (request.has_param("limit")) {
             const std::string text = request.get_param_value("limit");
             const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), limit);
-            if (ec != std::errc() || end != text.data() + text.size() || text.empty())
-                return answerJSON(response, 400, json{{"error", "limit must be a non-negative integer"}});
+            if (ec != std::errc() || end != text.data() + text.size() || text.empty() || limit > kMaximumEventsLimit)
+                return answerJSON(response, 400,
+                                  json{{"error", "limit must be an integer from 0 to " +
+                                                     std::to_string(kMaximumEventsLimit)}});
         }
-        json body = json::array();
-        for (const StoredEvent& e : lastEvents(limit)) {
-            body.push_back(json{{"event", e.event},
-                                {"version", e.version},
-                                {"payload", json::parse(e.payload, nullptr, false)},
-                                {"headers", json::parse(e.headers, nullptr, false)},
-                                {"received_at", e.receivedAt}});
+        // Payloads go out as stored (JSON written by this gateway) rather than parsed and
+        // written again, which would take many times their size in memory.
+        std::string body = "[";
+        for (const StoredEvent& e : lastEvents(limit, configuration.maxListingBytes)) {
+            json headers = json::parse(e.headers, nullptr, false);
+            if (headers.is_discarded()) headers = nullptr;
+            // Databases written before credentials were masked may still hold their values.
+            if (headers.is_object())
+                for (auto& [name, value] : headers.items())
+                    if (isCredential(name)) value = "present";
+            if (body.size() > 1) body += ',';
+            body += R"({"event":)" + dumped(e.event) + R"(,"headers":)" + dumped(headers) +
+                    R"(,"payload":)" + (e.payload.empty() ? "null" : e.payload) +
+                    R"(,"received_at":)" + dumped(e.receivedAt) + R"(,"version":)" + dumped(e.version) + "}";
         }
-        answerJSON(response, 200, body);
+        body += "]";
+        response.status = 200;
+        response.set_content(body, "application/json");
     }
 
     void installRoutes() {
@@ -390,10 +585,27 @@ struct DevelopmentGateway::Impl {
                 tLoggedByHandler = true;
             };
         };
-        server.Post("/v1/events", logged(&Impl::handleUpload));
+        server.Post("/v1/events", [this](const httplib::Request& q, httplib::Response& r,
+                                         const httplib::ContentReader& read) {
+            tEventsStored = 0;
+            handleUpload(q, r, read);
+            logRequest(q, r.status, tEventsStored);
+            tLoggedByHandler = true;
+        });
         server.Get("/stats", logged(&Impl::handleStats));
         server.Get("/events", logged(&Impl::handleEvents));
         server.Get(R"(/track/.*)", logged(&Impl::handleTracking));
+        // Left to itself httplib reads a chunked body of any size into memory before finding
+        // no route for it; bodies sent elsewhere are read here, within bounds, and dropped.
+        auto notFound = [](const httplib::Request&, httplib::Response& r, const httplib::ContentReader& read) {
+            std::string nothing;
+            readBody(read, r, 0, nothing);
+            r.status = 404;
+        };
+        server.Post(".*", notFound);
+        server.Put(".*", notFound);
+        server.Patch(".*", notFound);
+        server.Delete(".*", notFound);
         server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
             if (std::exchange(tLoggedByHandler, false)) return;
             logRequest(request, response.status, 0);
@@ -406,7 +618,10 @@ struct DevelopmentGateway::Impl {
         });
         // Uploads come seconds apart; idle connections need not hold a worker for long.
         server.set_keep_alive_max_count(1000);
-        server.set_keep_alive_timeout(2);
+        server.set_keep_alive_timeout(kReadTimeoutSeconds);
+        server.set_read_timeout(kReadTimeoutSeconds, 0);
+        server.set_payload_max_length(configuration.maxBodyBytes);
+        server.new_task_queue = [] { return new ElasticThreadPool(kMaximumWorkers); };
     }
 };
 
@@ -439,6 +654,7 @@ bool DevelopmentGateway::start() {
         d.boundPort = c.port;
     }
     // The socket listens from here on; connections wait in the backlog until the loop runs.
+    if (!d.server.widenBacklog(kListenBacklog)) d.logLine("note: the listen backlog stays at httplib's 5");
     d.everStarted = true;
     d.thread = std::thread([&d] {
         d.server.listen_after_bind();
@@ -479,7 +695,9 @@ GatewayStatistics DevelopmentGateway::stats() const {
     return impl_->statistics;
 }
 
-std::vector<StoredEvent> DevelopmentGateway::lastEvents(std::size_t limit) const { return impl_->lastEvents(limit); }
+std::vector<StoredEvent> DevelopmentGateway::lastEvents(std::size_t limit) const {
+    return impl_->lastEvents(limit, std::numeric_limits<std::size_t>::max());
+}
 
 std::string DevelopmentGateway::lastError() const {
     std::lock_guard lock(impl_->stateMutex);

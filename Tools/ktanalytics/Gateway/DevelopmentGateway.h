@@ -29,7 +29,21 @@ struct GatewayConfiguration {
     std::chrono::milliseconds delay{0};
     /// Where the "listening on" line and one line per request go; null prints nothing.
     std::ostream* log = nullptr;
+    /// Largest request body taken, as received; a larger one is answered 413.
+    std::size_t maxBodyBytes = std::size_t{8} << 20;
+    /// Largest upload after gunzip; inflating stops once it is passed and the upload is
+    /// answered 413.
+    std::size_t maxRawBytes = std::size_t{32} << 20;
+    /// `GET /events` lists older events only while the stored payloads and headers listed so
+    /// far stay within this; the newest event is always listed.
+    std::size_t maxListingBytes = std::size_t{64} << 20;
 };
+
+/// Deepest JSON nesting an upload may have, counting its outer array or object; deeper
+/// bodies are answered 400 without being parsed.
+inline constexpr std::size_t kMaximumNesting = 256;
+/// Largest `limit` of `GET /events`; a larger one is answered 400.
+inline constexpr std::size_t kMaximumEventsLimit = 1000;
 
 /// Counts since `start`. An upload is a `POST /v1/events`, whatever its outcome.
 struct GatewayStatistics {
@@ -38,11 +52,13 @@ struct GatewayStatistics {
     std::uint64_t bytesCompressed = 0;  // bodies of accepted uploads, as received
     std::uint64_t bytesRaw = 0;         // the same bodies after gunzip
     std::uint64_t failuresInjected = 0;
-    std::uint64_t rejected = 0;         // uploads answered 400
+    std::uint64_t rejected = 0;         // uploads answered 400 or 413
     std::uint64_t trackingRequests = 0;
 };
 
 /// One stored element of an upload. `payload` and `headers` are JSON texts (objects).
+/// Credentials (`Authorization`, `Proxy-Authorization`, `Cookie`) are kept only as
+/// "present", never with their values.
 struct StoredEvent {
     std::string event;
     std::string version;

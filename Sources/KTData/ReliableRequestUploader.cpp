@@ -8,6 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
+#include "Platform/OwnerOnlyFiles.h"
+
 #include "KTFoundation/LogMacros.h"
 #include "Platform/Fatal.h"
 
@@ -67,6 +69,8 @@ struct ReliableRequestUploader::State {
     bool openAt(const std::string& path) {
         sqlite3_close(db);
         db = nullptr;
+        // Queued requests keep their headers (a bearer token among them): owner-only.
+        if (path != ":memory:") ensureOwnerOnlyFile(path);
         if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                             nullptr) != SQLITE_OK) {
             KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader init]", "cannot open {}: {}", path,

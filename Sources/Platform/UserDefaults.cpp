@@ -9,6 +9,8 @@
 
 #include <pwd.h>
 #include <sqlite3.h>
+
+#include "Platform/OwnerOnlyFiles.h"
 #include <unistd.h>
 
 #include "Platform/Fatal.h"
@@ -86,9 +88,11 @@ struct UserDefaults::Impl {
     }
 
     static std::unique_ptr<Impl> open(const std::filesystem::path& path, std::string* error) {
-        std::error_code ec;
-        if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
         // A failure here shows up, with a better message, when SQLite opens the file.
+        if (path != ":memory:") {
+            if (path.has_parent_path()) createOwnerOnlyDirectories(path.parent_path());
+            ensureOwnerOnlyFile(path);
+        }
 
         auto impl = std::make_unique<Impl>();
         const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
@@ -99,10 +103,12 @@ struct UserDefaults::Impl {
             return nullptr;
         }
         sqlite3_busy_timeout(impl->db, kBusyTimeoutMs);
-        // WAL lets other connections read while one writes; FULL makes every committed
-        // write survive a power loss, which is what callers of `set` rely on.
+        // A rollback journal, not WAL: WAL maps a shared-memory file, and on a full disk a
+        // write to that mapping kills the process with SIGBUS instead of failing. Writes
+        // are rare here, so WAL's concurrency buys little. FULL makes every committed write
+        // survive a power loss, which is what callers of `set` rely on.
         std::string problem;
-        if (!impl->exec("PRAGMA journal_mode=WAL;", &problem) || !impl->exec("PRAGMA synchronous=FULL;", &problem) ||
+        if (!impl->exec("PRAGMA journal_mode=DELETE;", &problem) || !impl->exec("PRAGMA synchronous=FULL;", &problem) ||
             !impl->exec("CREATE TABLE IF NOT EXISTS defaults (key TEXT PRIMARY KEY NOT NULL, value BLOB NOT NULL);",
                         &problem) ||
             !impl->prepare(impl->select, "SELECT value FROM defaults WHERE key = ?1;", &problem) ||

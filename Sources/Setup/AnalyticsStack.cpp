@@ -31,6 +31,7 @@
 #include "KTFoundation/KeyValueStoring.h"
 #include "KTFoundation/LogMacros.h"
 #include "Middleware/AssignedABTestVariantIDProviding.h"
+#include "Platform/OwnerOnlyFiles.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
 #include "Setup/Detail/ResultNotifyingRequestQueue.h"
@@ -65,9 +66,8 @@ std::string checkGatewayURL(const std::string& text) {
 
 // Creates `path` and its missing parents, owner-only, and checks that it is a writable folder.
 std::string prepareFolder(const fs::path& path) {
-    std::error_code ec;
-    fs::create_directories(path, ec);
-    if (ec) return "cannot create the state folder " + path.native() + ": " + ec.message();
+    std::string error;
+    if (!createOwnerOnlyDirectories(path, &error)) return "cannot create the state folder " + error;
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
         return "the state folder " + path.native() + " is not a folder";
@@ -142,7 +142,6 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     fs::path userDefaultsPath, cachesRoot, requestsPath;
     if (!s.stateDirectory_.empty()) {
         if (auto problem = prepareFolder(s.stateDirectory_); !problem.empty()) return fail(std::move(problem));
-        ::chmod(s.stateDirectory_.c_str(), 0700);
         userDefaultsPath = s.stateDirectory_ / kUserDefaultsFile;
         cachesRoot = s.stateDirectory_ / kCacheFolder;
         requestsPath = s.stateDirectory_ / kRequestsFile;
@@ -150,8 +149,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         userDefaultsPath = environment.userDefaultsPath();
         cachesRoot = environment.cachesDirectory();
         requestsPath = cachesRoot / kRequestsFile;
-        std::error_code ec;
-        fs::create_directories(userDefaultsPath.parent_path(), ec);
+        createOwnerOnlyDirectories(userDefaultsPath.parent_path());
     }
     if (auto problem = prepareFolder(cachesRoot); !problem.empty()) return fail(std::move(problem));
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <functional>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -137,6 +138,46 @@ TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
     EXPECT_EQ(filesIn(directory), 1u);
     EXPECT_EQ(logger->messages(3).size(), 4u);
     EXPECT_TRUE(logger->contains("unable to unarchive analytics object at file://" + (directory / "garbage.event").native()));
+}
+
+// Only what the store made is read: entries of other kinds named like events are never
+// opened in a way that blocks, never followed, never marked, and removed (a folder only
+// when empty). The real event beside them is read as usual.
+TEST_F(APEventSerializerTests, EntriesTheStoreDidNotMakeAreNeitherReadNorFollowed) {
+    const fs::path outside = temp / "outside";
+    fs::create_directories(outside);
+    const auto elsewhere = event("share", 9);
+    writeBytes(outside / "valid.event", elsewhere->archivedData());
+    writeBytes(outside / "linked.event", event("repost", 8)->archivedData());
+    const std::string hex(40, 'a');
+    struct Entry {
+        std::string name;
+        std::function<void(const fs::path&)> make;
+        bool removed;
+    };
+    const std::vector<Entry> entries = {
+        {hex + "1.event", [](const fs::path& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); }, true},
+        {"x.event", [](const fs::path& p) { fs::create_directory(p); }, true},
+        {"full.event", [](const fs::path& p) { fs::create_directories(p / "inside"); }, false},
+        {hex + "2.event", [&](const fs::path& p) { fs::create_symlink(outside / "valid.event", p); }, true},
+        {hex + "3.event", [&](const fs::path& p) { fs::create_symlink(outside / "missing.event", p); }, true},
+        {hex + "4.event", [&](const fs::path& p) { fs::create_hard_link(outside / "linked.event", p); }, true},
+    };
+    for (const auto& e : entries) e.make(directory / e.name);
+    auto good = event("like");
+    writeBytes(directory / "good.event", good->archivedData());
+
+    APEventSerializer serializer(directory, logger);
+    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    const auto listed = serializer.serializedEvents();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_TRUE(listed.begin()->event()->isEqual(good.get()));
+    for (const auto& e : entries) EXPECT_EQ(fs::exists(fs::symlink_status(directory / e.name)), !e.removed) << e.name;
+    // What the links pointed at is untouched: still there, never given a retry count.
+    EXPECT_TRUE(fs::exists(outside / "valid.event"));
+    EXPECT_TRUE(fs::exists(outside / "linked.event"));
+    EXPECT_EQ(::getxattr((outside / "valid.event").c_str(), "user.retry_count", nullptr, 0), -1);
+    EXPECT_EQ(serializer.statistics().foreignEntriesRemoved, 5u);
 }
 
 TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferently) {

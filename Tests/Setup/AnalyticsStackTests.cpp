@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include <sys/stat.h>
@@ -23,6 +25,7 @@
 #include "KTFoundation/CredentialStore.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
+#include "Support/RecordingLogger.h"
 #include "Support/RecordingTechLogger.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -101,23 +104,76 @@ TEST_F(AnalyticsStackTests, refusesConfigurationsThePipelineCannotRunWith) {
 }
 
 TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
-    auto stack = makeStack(configuration());
-    ASSERT_NE(stack, nullptr);
     const fs::path state = directory / "state";
-    EXPECT_EQ(stack->stateDirectory(), state);
-    EXPECT_TRUE(fs::is_regular_file(state / "defaults.sqlite3"));
-    EXPECT_TRUE(fs::is_directory(state / "cache" / "events"));
-    EXPECT_EQ(stack->eventSerializer()->cacheDirectory(), AnalyticsStack::eventsDirectory(state));
+    {
+        auto stack = makeStack(configuration());
+        ASSERT_NE(stack, nullptr);
+        EXPECT_EQ(stack->stateDirectory(), state);
+        EXPECT_EQ(stack->eventSerializer()->cacheDirectory(), AnalyticsStack::eventsDirectory(state));
+        stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", 1}}));
+        queue->runUntilIdle();
+        // The session id is persisted in the state folder's user defaults, under its name space.
+        const auto session = stack->sessionIdProvider()->getSessionId();
+        EXPECT_EQ(stack->userDefaults()->string("session_id_provider.identifier"), session.uuidString());
+        EXPECT_NE(console.str().find("SESSION ID: Creating new session id"), std::string::npos);
+    }
+    // Every entry, whatever made it (SQLite's journals included), is its owner's alone.
+    std::map<std::string, mode_t> modes;
+    modes[state.filename()] = 0;
     struct stat info {};
     ASSERT_EQ(::stat(state.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
-    ASSERT_EQ(::stat((state / "cache" / "events").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0077, 0u);
+    modes["."] = info.st_mode & 0777;
+    for (const auto& entry : fs::recursive_directory_iterator(state)) {
+        ASSERT_EQ(::lstat(entry.path().c_str(), &info), 0);
+        auto name = fs::relative(entry.path(), state).native();
+        if (entry.path().extension() == ".event") name = "cache/events/<event>";
+        modes[name] = info.st_mode & 0777;
+    }
+    modes.erase(state.filename());
+    EXPECT_EQ(modes, (std::map<std::string, mode_t>{{".", 0700},
+                                                    {"cache", 0700},
+                                                    {"cache/events", 0700},
+                                                    {"cache/events/<event>", 0600},
+                                                    {"defaults.sqlite3", 0600},
+                                                    {"requests.sqlite3", 0600}}));
+}
 
-    // The session id is persisted in the state folder's user defaults, under its name space.
-    const auto session = stack->sessionIdProvider()->getSessionId();
-    EXPECT_EQ(stack->userDefaults()->string("session_id_provider.identifier"), session.uuidString());
-    EXPECT_NE(console.str().find("SESSION ID: Creating new session id"), std::string::npos);
+// A full file system: writes fail, each failed event is counted and the failure logged
+// once, opening the state again never crashes, and storing resumes when space returns.
+TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
+    const fs::path mount = directory / "small";
+    fs::create_directories(mount);
+    if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=512k tmpfs " + mount.native() + " 2>/dev/null").c_str()) != 0)
+        GTEST_SKIP() << "needs root to mount a small tmpfs";
+    struct Unmount {
+        fs::path path;
+        ~Unmount() { std::system(("umount " + path.native()).c_str()); }
+    } unmount{mount};
+    auto logger = std::make_shared<testing::RecordingLogger>();
+    auto c = configuration();
+    c.stateDirectory = mount / "state";
+    c.logger = logger;
+    c.environment.minimumBatchSize = 1'000'000;
+    { auto first = makeStack(c); }  // the state exists before the disk fills up
+    {
+        std::ofstream filler(mount / "filler", std::ios::binary);
+        const std::string block(4096, 'x');
+        while (filler.write(block.data(), block.size())) {
+        }
+    }
+    auto stack = makeStack(c);
+    ASSERT_NE(stack, nullptr);
+    for (int i = 0; i < 50; ++i) stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", i}}));
+    queue->runUntilIdle();
+    auto upload = stack->statistics().upload;
+    EXPECT_EQ(upload.dropped(APEventDropReason::notStored), 50u - upload.stored);
+    EXPECT_GT(upload.dropped(APEventDropReason::notStored), 0u);
+    EXPECT_EQ(logger->messages(2).size(), 1u);
+
+    fs::remove(mount / "filler");
+    stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", 50}}));
+    queue->runUntilIdle();
+    EXPECT_EQ(stack->statistics().upload.stored, upload.stored + 1);
 }
 
 TEST_F(AnalyticsStackTests, resolvesTheStateFolderFromTheConfigurationThenTheEnvironment) {

@@ -340,6 +340,54 @@ TEST_F(ReplayToolTests, aGatewayThatIsDownAtFirstCostsNoEvent) {
     EXPECT_EQ(late->stats().events, 1u);
 }
 
+// At the time-out the answers to the requests in flight are still waited for (bounded), so
+// what the gateway took is deleted and counted, not sent again by the next run.
+TEST_F(ReplayToolTests, aShortTimeOutStillCollectsTheAnswersInFlight) {
+    gateway::GatewayConfiguration slow;
+    slow.delay = std::chrono::milliseconds(400);
+    gateway::DevelopmentGateway gateway(slow);
+    ASSERT_TRUE(gateway.start()) << gateway.lastError();
+    std::vector<std::string> lines;
+    for (int i = 0; i < 30; ++i) lines.push_back(json{{"name", "like"}, {"attributes", {{"i", i}}}}.dump());
+    const auto file = writeLines("thirty.jsonl", lines);
+    const fs::path state = directory / "state";
+    const auto run = runTool({"replay", file.native(), "--gateway", gateway.baseURL(), "--state-dir", state.native(),
+                              "--min-batch", "10", "--timeout", "0.05"},
+                             directory.path());
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(summaryOf(run)["delivered"], 30);
+    EXPECT_EQ(runTool({"queue", "--state-dir", state.native(), "--count"}, directory.path()).out, "0\n");
+    EXPECT_EQ(gateway.stats().events, 30u);
+}
+
+// The token can come from the environment or a file, where other local users cannot read
+// it; the command line wins over a file.
+TEST_F(ReplayToolTests, theTokenComesFromTheCommandLineAFileOrTheEnvironment) {
+    const auto tokenFile = writeLines("token", {"from-file"});
+    ReplayOptions options;
+    options.tokenFile = tokenFile.native();
+    std::string error;
+    EXPECT_EQ(replayConfiguration(options, KTEnvironment{}, error)->token, "from-file");
+    options.token = "from-line";
+    EXPECT_EQ(replayConfiguration(options, KTEnvironment{}, error)->token, "from-line");
+    options = ReplayOptions{};
+    options.tokenFile = (directory / "missing").native();
+    EXPECT_FALSE(replayConfiguration(options, KTEnvironment{}, error));
+    EXPECT_NE(error.find("cannot read the token file"), std::string::npos) << error;
+
+    auto gateway = startGateway();
+    const auto file = writeLines("one.jsonl", {R"({"name": "like"})"});
+    ::setenv("KTANALYTICS_TOKEN", "from-environment", 1);
+    const auto run = runTool({"replay", file.native(), "--gateway", gateway->baseURL(), "--state-dir",
+                              (directory / "state").native(), "--timeout", "20"},
+                             directory.path());
+    ::unsetenv("KTANALYTICS_TOKEN");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    const auto rows = gateway->lastEvents(10);
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(json::parse(rows[0].headers)["Authorization"], "present");
+}
+
 TEST_F(ReplayToolTests, aRunThatCannotStartSaysWhyAndExitsWithTwo) {
     auto run = runTool({"replay", (directory / "missing.jsonl").native(), "--timeout", "1"}, directory.path());
     EXPECT_EQ(run.exitCode, 2);

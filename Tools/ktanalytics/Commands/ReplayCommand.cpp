@@ -124,6 +124,16 @@ std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptio
     if (options.userAgent) environment.userAgent = *options.userAgent;
     configuration.stateDirectory = options.stateDir;
     configuration.token = options.token;
+    if (!configuration.token && !options.tokenFile.empty()) {
+        std::ifstream file(options.tokenFile);
+        std::string line;
+        if (!file || !std::getline(file, line)) {
+            error = "cannot read the token file " + options.tokenFile;
+            return std::nullopt;
+        }
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        configuration.token = std::move(line);
+    }
     configuration.userUrn = options.userUrn;
     configuration.alpha = options.alpha;
     if (!std::isfinite(options.timeoutSeconds) || options.timeoutSeconds < 0) {
@@ -179,11 +189,16 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     }
     std::string error;
     const auto environment = KTEnvironment::fromEnvironmentVariables(KTEnvironment{}, error);
+    // The command line is visible to every local user (/proc/<pid>/cmdline); the
+    // environment and a file are not.
+    ReplayOptions withToken = options;
+    if (!withToken.token && withToken.tokenFile.empty())
+        if (const char* token = std::getenv("KTANALYTICS_TOKEN"); token && *token) withToken.token = token;
     if (!environment) {
         err << "ktanalytics replay: " << error << '\n';
         return kReplayCannotStart;
     }
-    auto configuration = replayConfiguration(options, *environment, error);
+    auto configuration = replayConfiguration(withToken, *environment, error);
     if (!configuration) {
         err << "ktanalytics replay: " << error << '\n';
         return kReplayCannotStart;
@@ -249,7 +264,10 @@ void registerReplayCommand(CLI::App& app, int& exitCode) {
     command->add_option("--client-id", options->clientId, "Numeric client id (default: KTANALYTICS_CLIENT_ID or 1)");
     command->add_option("--user-agent", options->userAgent, "User-Agent of the uploads");
     command->add_option("--user-urn", options->userUrn, "URN of the signed-in user, e.g. quillarbor:users:7");
-    command->add_option("--token", options->token, "OAuth token of the signed-in user (sent as a bearer token)");
+    command->add_option("--token", options->token,
+                        "OAuth token of the signed-in user (sent as a bearer token); prefer --token-file or "
+                        "KTANALYTICS_TOKEN, which other local users cannot read");
+    command->add_option("--token-file", options->tokenFile, "File whose first line is the OAuth token");
     command->add_option("--timeout", options->timeoutSeconds, "Seconds to wait for delivery")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();

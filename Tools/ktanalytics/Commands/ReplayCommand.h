@@ -35,6 +35,8 @@ struct ReplayOptions {
     std::optional<std::string> userAgent;
     std::optional<std::string> userUrn;
     std::optional<std::string> token;
+    /// A file holding the token (its first line); used when `token` is not given.
+    std::string tokenFile;
     double timeoutSeconds = 120.0;
     /// The first pause after a failed upload (see AnalyticsStackConfiguration).
     double retryPauseSeconds = 20.0;

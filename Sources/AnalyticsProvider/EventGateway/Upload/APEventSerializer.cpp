@@ -14,6 +14,7 @@
 #include "Platform/Digest.h"
 #include "Platform/Fatal.h"
 #include "Platform/KeyedArchive.h"
+#include "Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 
@@ -41,24 +42,6 @@ bool isHidden(const std::string& name) { return !name.empty() && name.front() ==
 
 bool hasEventExtension(const fs::path& name) { return name.extension() == kDotExtension; }
 bool hasEventExtension(const std::string& name) { return name.ends_with(kDotExtension) && name.size() > 6; }
-
-// Creates every missing directory of `path` readable by its owner only.
-bool createOwnerOnlyDirectories(const fs::path& path, std::string* error) {
-    fs::path partial;
-    for (const auto& component : path) {
-        partial /= component;
-        if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
-            if (error) *error = partial.native() + ": " + std::strerror(errno);
-            return false;
-        }
-    }
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        if (error) *error = path.native() + ": not a directory";
-        return false;
-    }
-    return true;
-}
 
 bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
     while (size > 0) {

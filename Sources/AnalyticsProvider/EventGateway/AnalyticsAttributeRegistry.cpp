@@ -1,6 +1,7 @@
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 
 #include <future>
+#include <utility>
 #include <vector>
 
 #include "KTFoundation/Urn.h"
@@ -41,9 +42,14 @@ AnalyticsAttributeRegistry::AnalyticsAttributeRegistry(DependencyRegistry& depen
 template <class Change>
 void AnalyticsAttributeRegistry::publish(Change change) {
     std::lock_guard lock(writeMutex_);
-    auto next = std::make_shared<Attributes>(*snapshot_.load(std::memory_order_relaxed));
+    auto next = std::make_shared<Attributes>(*snapshot());
     change(*next);
-    snapshot_.store(std::move(next), std::memory_order_release);
+    std::shared_ptr<const Attributes> previous;
+    {
+        std::lock_guard swap(snapshotMutex_);
+        previous = std::exchange(snapshot_, std::move(next));
+    }
+    // `previous` may be the last reference; it is released outside the lock.
 }
 
 std::shared_ptr<AnalyticsAttributeRegistry> AnalyticsAttributeRegistry::sharedInstance() {

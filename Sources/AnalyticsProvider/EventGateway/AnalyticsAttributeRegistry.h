@@ -6,7 +6,6 @@
 // on its queue. The values are published together as one immutable snapshot, swapped
 // atomically, so a reader sees a whole registration or none of it, never a torn string.
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -50,7 +49,10 @@ public:
     static std::shared_ptr<AnalyticsAttributeRegistry> sharedInstance();
 
     /// The current values, all from one registration. Any thread.
-    std::shared_ptr<const Attributes> snapshot() const { return snapshot_.load(std::memory_order_acquire); }
+    std::shared_ptr<const Attributes> snapshot() const {
+        std::lock_guard lock(snapshotMutex_);
+        return snapshot_;
+    }
     std::optional<std::string> userAgent() const { return snapshot()->userAgent; }
     std::optional<std::int64_t> clientId() const { return snapshot()->clientId; }
     std::optional<std::string> userUrn() const { return snapshot()->userUrn; }
@@ -72,7 +74,10 @@ private:
     const std::shared_ptr<SerialQueue> backgroundQueue_;
     const std::chrono::milliseconds updateTimeout_;
     std::mutex writeMutex_;  // registrations read, change and publish one at a time
-    std::atomic<std::shared_ptr<const Attributes>> snapshot_;
+    // Held only to copy or swap the pointer. (A plain mutex rather than the library's atomic
+    // shared pointer, whose internal lock ThreadSanitizer cannot see.)
+    mutable std::mutex snapshotMutex_;
+    std::shared_ptr<const Attributes> snapshot_;  // guarded by snapshotMutex_
 };
 
 }  // namespace kt

@@ -228,6 +228,23 @@ TEST_F(APEventGatewayBatchUploaderTests, EventStoredWhileABatchIsInFlightWaitsFo
     EXPECT_EQ(uploader->statistics().delivered, 3u);
 }
 
+// The same event stored again while its file is in flight collapses into that file: it is
+// not sent twice, and the answer for the batch settles it.
+TEST_F(APEventGatewayBatchUploaderTests, AnEventStoredAgainWhileInFlightIsNotSentTwice) {
+    auto uploader = makeUploader(1, false);
+    upload(uploader, event(1));
+    upload(uploader, event(1));
+    uploader->flush();
+    queue->runUntilIdle();
+    EXPECT_EQ(requestQueue->sentCount(), 1u);
+    EXPECT_EQ(uploader->numberOfEventsWaitingToBeUploaded(), 0u);
+    respond(0);
+    EXPECT_EQ(serializer->serializedEventsCount(), 0u);
+    const auto stats = uploader->statistics();
+    EXPECT_EQ(stats.stored, 2u);
+    EXPECT_EQ(stats.delivered, 1u);
+}
+
 TEST_F(APEventGatewayBatchUploaderTests, CorruptedEventsAreDeletedReportedAndStayInFlight) {
     auto uploader = makeUploader(5, false);
     upload(uploader, event(1, std::numeric_limits<double>::infinity()));

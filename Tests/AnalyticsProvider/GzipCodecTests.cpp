@@ -96,6 +96,29 @@ TEST(GzipCodecTests, GunzipLeavesNonGzipInputAlone) {
     EXPECT_EQ(GzipCodec::gunzippedData(zlibStream), zlibStream);
 }
 
+// What plain zlib recovers from a damaged stream: the length the codec's buffer is grown from.
+std::size_t recoverableLength(const std::string& compressed) {
+    z_stream stream{};
+    inflateInit2(&stream, 47);
+    std::string out(1 << 20, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(compressed.data()));
+    stream.avail_in = static_cast<uInt>(compressed.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    while (inflate(&stream, Z_SYNC_FLUSH) == Z_OK) {
+    }
+    const std::size_t length = stream.total_out;
+    inflateEnd(&stream);
+    return length;
+}
+
+// The buffer grows in steps of half the input's length, one step past what decodes, and is
+// not cut back.
+std::size_t untrimmedLength(const std::string& damaged) {
+    const std::size_t step = damaged.size() / 2;
+    return (recoverableLength(damaged) / step + 1) * step;
+}
+
 TEST(GzipCodecTests, TruncatedStreamGivesTheUntrimmedBuffer) {
     const std::string input = incompressible(4000);
     const std::string compressed = *GzipCodec::gzippedData(input);
@@ -103,8 +126,7 @@ TEST(GzipCodecTests, TruncatedStreamGivesTheUntrimmedBuffer) {
 
     auto result = GzipCodec::gunzippedData(truncated);
     ASSERT_TRUE(result);
-    // The buffer grows in steps of half the input length and is not cut back.
-    EXPECT_EQ(result->size() % (truncated.size() / 2), 0u);
+    EXPECT_EQ(result->size(), untrimmedLength(truncated));
     EXPECT_NE(*result, input);
     EXPECT_EQ(result->substr(0, 100), input.substr(0, 100));
 }
@@ -115,7 +137,7 @@ TEST(GzipCodecTests, CorruptStreamIsNotTrimmed) {
     auto result = GzipCodec::gunzippedData(compressed);
     ASSERT_TRUE(result);
     // Everything decodes except the checksum; the buffer still keeps its grown length.
-    EXPECT_EQ(result->size() % (compressed.size() / 2), 0u);
+    EXPECT_EQ(result->size(), untrimmedLength(compressed));
     ASSERT_GE(result->size(), 3000u);
     EXPECT_EQ(result->substr(0, 3000), text(3000));
 }

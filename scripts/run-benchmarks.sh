@@ -45,6 +45,13 @@ for program in "${programs[@]}"; do
   echo
 done
 
+# The whole road end to end, each size in a process of its own.
+if [[ -x "$bench_dir/bench_EndToEndBenchmark" ]]; then
+  echo "== EndToEndBenchmark (N events tagged at once, delivered to the development gateway on loopback)"
+  "$bench_dir/bench_EndToEndBenchmark" 1000 10000 20000 100000 | tee "$results/EndToEnd.txt"
+  echo
+fi
+
 # One table from the CSV files. Columns are found by their header names, so the user
 # counters of each program can be read too.
 awk -F, '

@@ -280,6 +280,29 @@ TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSideca
     EXPECT_EQ(serializer->increaseRetryCount(stored), 1u);
     serializer->deleteEvents(std::vector<APSerializedEvent>{stored});
     EXPECT_FALSE(fs::exists(sidecar));
+    serializer.reset();
+    EXPECT_EQ(filesIn(directory), 0u);
+}
+
+// A delivered event's file is kept hidden and written over by the next event: the new
+// event must not inherit the old one's retry count or bytes, and nothing is left behind.
+TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
+    auto serializer = std::make_unique<APEventSerializer>(directory, logger);
+    auto first = *serializer->serializeEvent(event("like", 1));
+    EXPECT_EQ(serializer->increaseRetryCount(first), 1u);
+    EXPECT_EQ(serializer->increaseRetryCount(first), 2u);
+    serializer->deleteEvents(std::vector<APSerializedEvent>{first});
+    EXPECT_EQ(serializer->serializedEventsCount(), 0u);
+
+    auto second = *serializer->serializeEvent(event("repost", 2));
+    EXPECT_EQ(serializer->retryCountForEventAtURL(second.eventURL()), 0u);
+    const auto listed = serializer->serializedEvents();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_TRUE(listed.begin()->event()->isEqual(event("repost", 2).get()));
+    EXPECT_EQ(filesIn(directory), 1u);
+
+    serializer->deleteEvents(std::vector<APSerializedEvent>{second});
+    serializer.reset();
     EXPECT_EQ(filesIn(directory), 0u);
 }
 

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "KTFoundation/LogMacros.h"
@@ -25,6 +26,8 @@ namespace {
 constexpr const char* kFile = "Sources/AnalyticsProvider/EventGateway/Upload/APEventSerializer";
 constexpr const char* kDotExtension = ".event";
 constexpr const char* kRetryCountFileExtension = ".retry";
+constexpr const char* kSparePrefix = ".spare.";
+constexpr std::size_t kMaximumSpareFiles = 512;
 // An event archive is around a kilobyte; anything far larger in the folder is not ours and
 // is treated as undecodable rather than read into memory.
 constexpr std::uintmax_t kMaximumEventFileSize = 16u * 1024u * 1024u;
@@ -63,9 +66,24 @@ bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
 // event. A power loss can therefore lose the events written in the last few seconds
 // before it (the kernel's write-back interval), or leave such a file empty; an empty or
 // truncated file does not decode and is deleted the next time events are read back.
-bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size_t size) {
-    std::string temporary = (target.parent_path() / ("." + target.filename().native() + ".XXXXXX")).native();
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size_t size,
+                     std::string spare = {}) {
+    std::string temporary;
+    int fd = -1;
+    if (!spare.empty()) {
+        // A retired event file: its inode is reused, its old contents and count go.
+        fd = ::open(spare.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
+        if (fd >= 0) {
+            temporary = std::move(spare);
+            ::fremovexattr(fd, APEventSerializer::kRetryCountAttribute);
+        } else {
+            ::unlink(spare.c_str());
+        }
+    }
+    if (fd < 0) {
+        temporary = (target.parent_path() / ("." + target.filename().native() + ".XXXXXX")).native();
+        fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    }
     if (fd < 0) return false;
     const bool written = writeAll(fd, data, size);
     const bool closed = ::close(fd) == 0;
@@ -101,6 +119,10 @@ APEventSerializer::APEventSerializer(fs::path cacheDirectory, std::shared_ptr<KT
         usesRetryCountFiles_ = true;
     relist(nullptr);
     removeStaleTemporaryFiles();
+}
+
+APEventSerializer::~APEventSerializer() {
+    for (const auto& spare : spareFiles_) ::unlink(spare.c_str());
 }
 
 fs::path APEventSerializer::eventCacheDirectory(const fs::path& cachesRoot) {
@@ -151,7 +173,12 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
     auto url = URLForEvent(*event, archive);
     if (!url) return fail(APEventStoreFailure::notArchivable);
 
-    if (!writeAtomically(*url, archive.data(), archive.size())) {
+    std::string spare;
+    if (!spareFiles_.empty()) {
+        spare = std::move(spareFiles_.back());
+        spareFiles_.pop_back();
+    }
+    if (!writeAtomically(*url, archive.data(), archive.size(), std::move(spare))) {
         noteWriteFailure(errno);
         return fail(APEventStoreFailure::writeFailed);
     }
@@ -239,6 +266,11 @@ void APEventSerializer::removeStaleTemporaryFiles() {
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cacheDirectory_, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().native();
+        // Spare files of an earlier process hold old events: they go at once.
+        if (name.starts_with(kSparePrefix)) {
+            ::unlink(it->path().c_str());
+            continue;
+        }
         // ".<sha1>.event.XXXXXX" and ".<sha1>.retry.XXXXXX"
         if (!isHidden(name) || name.size() < 8 || name[name.size() - 7] != '.' ||
             (name.find(kDotExtension) == std::string::npos && name.find(kRetryCountFileExtension) == std::string::npos))
@@ -286,8 +318,21 @@ std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::
     return event;
 }
 
-bool APEventSerializer::removeEventFile(const fs::path& url, int& error) {
-    const bool removed = ::unlink(url.c_str()) == 0;
+bool APEventSerializer::removeEventFile(const fs::path& url, int& error, bool keepAsSpare) {
+    // Creating a file costs most when the file system must also find a free inode among
+    // many just deleted (ext4 skips recently freed ones), so a deleted event's file is kept,
+    // hidden, for the next event to be written into. At most kMaximumSpareFiles are kept,
+    // and they are removed when the store goes (or, after a crash, at the next start).
+    bool removed = false;
+    if (keepAsSpare && spareFiles_.size() < kMaximumSpareFiles) {
+        std::string spare = (cacheDirectory_ / (kSparePrefix + std::to_string(::getpid()) + "." +
+                                                std::to_string(nextSpare_++)))
+                                .native();
+        removed = ::rename(url.c_str(), spare.c_str()) == 0;
+        if (removed) spareFiles_.push_back(std::move(spare));
+    } else {
+        removed = ::unlink(url.c_str()) == 0;
+    }
     error = removed ? 0 : errno;
     if (removed || error == ENOENT) {
         indexedNames_.erase(url.filename().native());
@@ -299,7 +344,7 @@ bool APEventSerializer::removeEventFile(const fs::path& url, int& error) {
 
 void APEventSerializer::removeEventAtPathAndCrash(const fs::path& url) {
     int error = 0;
-    removeEventFile(url, error);  // errors ignored: the file is simply listed again next time
+    removeEventFile(url, error, false);  // errors ignored: the file is simply listed again next time
 }
 
 template <class Collection>
@@ -309,7 +354,7 @@ void APEventSerializer::deleteEventsIn(const Collection& events) {
            describeSerializedEvents(events));
     for (const auto& event : events) {
         int error = 0;
-        if (!removeEventFile(event.eventURL(), error))
+        if (!removeEventFile(event.eventURL(), error, true))
             KT_LOG(logger_, 0, kFile, "-[APEventSerializer deleteEvents:]", "Could not delete event: {}",
                    fileURL(event.eventURL()));
     }

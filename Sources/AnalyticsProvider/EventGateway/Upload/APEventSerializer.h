@@ -62,6 +62,7 @@ public:
     APEventSerializer(std::filesystem::path cacheDirectory, std::shared_ptr<KTLogger> logger,
                       std::shared_ptr<FileAttributeStoring> fileAttributes = std::make_shared<ExtendedFileAttributes>(),
                       std::shared_ptr<EventFolderAccessing> folder = std::make_shared<PosixEventFolder>());
+    ~APEventSerializer();
     APEventSerializer() = delete;
     APEventSerializer(const APEventSerializer&) = delete;
     APEventSerializer& operator=(const APEventSerializer&) = delete;
@@ -116,7 +117,7 @@ private:
     void removeForeignEntry(const std::filesystem::path& path, bool isDirectory);
     void noteWriteFailure(int error);
     void removeEventAtPathAndCrash(const std::filesystem::path& url);
-    bool removeEventFile(const std::filesystem::path& url, int& error);
+    bool removeEventFile(const std::filesystem::path& url, int& error, bool keepAsSpare);
     std::filesystem::path retryCountFile(const std::filesystem::path& url) const;
     bool writeRetryCount(const std::filesystem::path& url, std::uint64_t count);
     void removeStaleTemporaryFiles();
@@ -133,6 +134,9 @@ private:
     // Counts the file system refused to keep, by file name.
     std::unordered_map<std::string, std::uint64_t> memoryRetryCounts_;
     bool loggedMemoryRetryCount_ = false;
+    // Hidden files of deleted events, reused for the next writes (see removeEventFile).
+    std::vector<std::string> spareFiles_;
+    std::uint64_t nextSpare_ = 0;
     // A failed write is logged once per run of failures, not once per event.
     bool writesFailing_ = false;
 

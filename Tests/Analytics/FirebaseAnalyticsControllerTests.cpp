@@ -86,7 +86,9 @@ TEST_F(FirebaseAnalyticsControllerTest, ForwardsWhatEachOperationWasGiven) {
         SCOPED_TRACE(expected[i].name);
         EXPECT_EQ(calls[i].kind, expected[i].kind);
         EXPECT_EQ(calls[i].name, expected[i].name);
-        if (calls[i].kind == Kind::event) EXPECT_EQ(calls[i].parameters.dump(), expected[i].parameters.dump());
+        if (calls[i].kind == Kind::event) {
+            EXPECT_EQ(calls[i].parameters.dump(), expected[i].parameters.dump());
+        }
         EXPECT_EQ(calls[i].shouldIncludeExtraUserInfo, expected[i].extraUserInfo);
     }
 }

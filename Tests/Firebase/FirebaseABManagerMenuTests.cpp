@@ -126,18 +126,5 @@ TEST_F(FirebaseABManagerMenuTest, AVariantPickedAfterTheExperimentScreenIsGoneIs
     EXPECT_EQ(defaults->object("com.Quillarbor.FirebaseABTestingManager.localAssignments"), std::nullopt);
 }
 
-TEST(MenuNavigationStack, NeverPopsTheRootAndForgetsPoppedScreens) {
-    auto navigation = std::make_shared<MenuNavigationStack>();
-    auto root = std::make_shared<VariantsScreen>(FirebaseABExperimentType::of<GracePeriodExperiment>(), nullptr);
-    auto top = std::make_shared<VariantsScreen>(FirebaseABExperimentType::of<GracePeriodExperiment>(), nullptr);
-    navigation->push(root);
-    navigation->push(top);
-    EXPECT_EQ(top->navigationController(), navigation);
-    EXPECT_EQ(navigation->pop(), top);
-    EXPECT_EQ(top->navigationController(), nullptr);
-    EXPECT_EQ(navigation->pop(), nullptr);
-    EXPECT_EQ(navigation->top(), root);
-}
-
 }  // namespace
 }  // namespace kt

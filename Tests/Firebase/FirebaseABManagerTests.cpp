@@ -81,6 +81,8 @@ TEST_F(FirebaseABManagerTest, OverrideWinsOverEveryUpdateAndAnInvalidOverrideHid
     manager.setOverride(std::nullopt, "dev_ab_price_test");
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
     EXPECT_EQ(defaults->stringDictionary(overrideKey), (Dictionary{{"dev_ab_offline_sync_grace_period_test", "variantA"}}));
+    manager.setOverride(std::nullopt, "dev_ab_offline_sync_grace_period_test");
+    EXPECT_EQ(defaults->stringDictionary(overrideKey), Dictionary{});  // an empty dictionary, not nothing
 }
 
 TEST_F(FirebaseABManagerTest, AKeyRemoteConfigStopsAnsweringKeepsItsValueAndIsWrittenBackWithTheNextAnswer) {
@@ -169,6 +171,7 @@ TEST_F(FirebaseABManagerTest, EntriesOfAnotherShapeAreIgnoredAtStartAndOverwritt
 
     EXPECT_EQ(started.assignment<PriceTestExperiment>(), std::nullopt);
     EXPECT_EQ(started.overriddenValue("dev_ab_price_test"), std::nullopt);
+    EXPECT_EQ(defaults->object(overrideKey), (AttributeValue{{"dev_ab_price_test", 1}}));  // untouched until a change
     started.setOverride("control", "dev_ab_offline_sync_grace_period_test");
     EXPECT_EQ(defaults->stringDictionary(overrideKey), (Dictionary{{"dev_ab_offline_sync_grace_period_test", "control"}}));
     started.updateAssignments(remote({{"dev_ab_price_test", "control"}}), catalogue);

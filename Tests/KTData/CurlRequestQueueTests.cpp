@@ -81,7 +81,9 @@ public:
         EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
         ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
         port_ = ntohs(address.sin_port);
-        if (listening) EXPECT_EQ(::listen(fd_, 64), 0);
+        if (listening) {
+            EXPECT_EQ(::listen(fd_, 64), 0);
+        }
     }
     ~LoopbackSocket() { close(); }
     void close() {

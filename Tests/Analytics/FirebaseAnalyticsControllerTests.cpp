@@ -61,59 +61,36 @@ TEST_F(FirebaseAnalyticsControllerTest, ConsentIsAskedOnEveryCallAndWithdrawnCal
 
 TEST_F(FirebaseAnalyticsControllerTest, ForwardsWhatEachOperationWasGiven) {
     controller.logEvent("a", {{"x", 1}, {"y", "z"}});
+    controller.logEvent("braced", {});
     controller.log(FirebaseAnalyticsEvent(FirebaseAnalyticsEventName("b"), {{"has_caption", false}}, false));
-    controller.log(FirebaseAnalyticsEvent(FirebaseAnalyticsEventName("c"), value::dictionary(), true));
+    controller.log(FirebaseAnalyticsEvent(FirebaseAnalyticsEventName("c")));
     controller.trackScreen("Home");
 
-    auto calls = wrapper->calls();
-    ASSERT_EQ(calls.size(), 4u);
-
-    EXPECT_EQ(calls[0].kind, FirebaseCall::Kind::event);
-    EXPECT_EQ(calls[0].parameters, (AttributeDictionary{{"x", 1}, {"y", "z"}}));
-    // Plain named events always ask for extra user information...
-    EXPECT_EQ(calls[0].shouldIncludeExtraUserInfo, std::optional<bool>(true));
-    // ...events carry their own flag, false included.
-    EXPECT_EQ(calls[1].parameters, (AttributeDictionary{{"has_caption", false}}));
-    EXPECT_EQ(calls[1].shouldIncludeExtraUserInfo, std::optional<bool>(false));
-    EXPECT_EQ(calls[2].shouldIncludeExtraUserInfo, std::optional<bool>(true));
-
-    EXPECT_EQ(calls[3].kind, FirebaseCall::Kind::screen);
-    EXPECT_EQ(calls[3].name, "Home");
-}
-
-TEST_F(FirebaseAnalyticsControllerTest, EmptyParametersArePassedAsAnEmptyDictionary) {
-    controller.logEvent("plain", value::dictionary());
-    controller.logEvent("braced", {});
-    controller.log(FirebaseAnalyticsEvent(FirebaseAnalyticsEventName("event")));
-
-    auto calls = wrapper->calls();
-    ASSERT_EQ(calls.size(), 3u);
-    for (const auto& call : calls) {
-        EXPECT_TRUE(call.parameters.is_object()) << call.name;
-        EXPECT_TRUE(call.parameters.empty()) << call.name;
+    const auto calls = wrapper->calls();
+    ASSERT_EQ(calls.size(), 5u);
+    using Kind = FirebaseCall::Kind;
+    // Plain named events always ask for extra user information; events carry their own flag.
+    const struct {
+        Kind kind;
+        const char* name;
+        AttributeDictionary parameters;
+        std::optional<bool> extraUserInfo;
+    } expected[] = {
+        {Kind::event, "a", {{"x", 1}, {"y", "z"}}, true},
+        {Kind::event, "braced", value::dictionary(), true},
+        {Kind::event, "b", {{"has_caption", false}}, false},
+        {Kind::event, "c", value::dictionary(), true},
+        {Kind::screen, "Home", value::dictionary(), std::nullopt},
+    };
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        SCOPED_TRACE(expected[i].name);
+        EXPECT_EQ(calls[i].kind, expected[i].kind);
+        EXPECT_EQ(calls[i].name, expected[i].name);
+        if (calls[i].kind == Kind::event) {
+            EXPECT_EQ(calls[i].parameters.dump(), expected[i].parameters.dump());
+        }
+        EXPECT_EQ(calls[i].shouldIncludeExtraUserInfo, expected[i].extraUserInfo);
     }
-}
-
-TEST_F(FirebaseAnalyticsControllerTest, IsReachableThroughTheRegistryKeyAndTheFoundationInterface) {
-    auto shared = std::make_shared<FirebaseAnalyticsController>(wrapper, privacy);
-    DependencyRegistry registry;
-    EXPECT_EQ(registry.get(DependencyKeys::firebaseAnalyticsLogger), nullptr);
-    registry.set(DependencyKeys::firebaseAnalyticsLogger, std::shared_ptr<FirebaseAnalyticsLogging>(shared));
-    registry.get(DependencyKeys::firebaseAnalyticsLogger)->log(FirebaseAnalyticsEvent(FirebaseAnalyticsEventName("x")));
-
-    std::shared_ptr<FirebaseAnalyticsControlling> controlling = shared;
-    controlling->logEvent("y", {});
-    ASSERT_EQ(wrapper->calls().size(), 2u);
-    EXPECT_EQ(wrapper->calls()[1].name, "y");
-}
-
-TEST(FirebaseAnalyticsControllerDeathTest, MissingCollaboratorsAreAProgrammingError) {
-    auto wrapper = std::make_shared<RecordingFirebaseAnalytics>();
-    auto privacy = std::make_shared<SwitchablePrivacySettings>();
-    EXPECT_DEATH(FirebaseAnalyticsController(nullptr, privacy),
-                 "Invalid parameter not satisfying: firebaseAnalyticsWrapper");
-    EXPECT_DEATH(FirebaseAnalyticsController(wrapper, nullptr),
-                 "Invalid parameter not satisfying: privacySettingsStorage");
 }
 
 }  // namespace

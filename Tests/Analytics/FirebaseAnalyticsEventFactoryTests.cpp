@@ -7,113 +7,123 @@
 namespace kt {
 namespace {
 
-struct Expected {
-    std::string operation;
-    std::function<FirebaseAnalyticsEvent()> make;
-    std::string name;
-    AttributeDictionary parameters;
-};
+using Name = FirebaseAnalyticsEventName;
 
-// Each screen reaches the factory through its own interface, so the table calls through
-// those interfaces where one exists.
-std::vector<Expected> vocabulary(const std::shared_ptr<FirebaseAnalyticsEventFactory>& factory) {
-    std::shared_ptr<FirebaseAnalyticsEngagementEventsManufacturing> engagement = factory;
-    std::shared_ptr<FirebaseAnalyticsProfileEventManufacturing> profile = factory;
-    std::shared_ptr<FirebaseStartupTimeEventsManufacturing> startup = factory;
-    std::shared_ptr<FirebaseAdsEventsManufacturing> ads = factory;
-    std::shared_ptr<FirebaseSettingsEventsManufacturing> settings = factory;
-    std::shared_ptr<FirebaseAnalyticsCommentsEventsManufacturing> comments = factory;
-    std::shared_ptr<FirebaseAnalyticsPlayerEventsManufacturing> player = factory;
-    std::shared_ptr<FirebaseAnalyticsDiscoveryEventsManufacturing> discovery = factory;
-    std::shared_ptr<FirebaseAnalyticsBrindleEventsManufacturing> brindle = factory;
-    auto none = value::dictionary();
-    return {
-        {"track like", [=] { return engagement->makeTrackLikeEvent(); }, "track_like", none},
-        {"playlist unlike", [=] { return engagement->makePlaylistUnlikeEvent(); }, "playlist_unlike", none},
-        {"repost with caption", [=] { return engagement->makeTrackRepostEvent(true); }, "track_repost",
-         {{"has_caption", true}}},
-        {"repost without caption", [=] { return engagement->makeTrackRepostEvent(false); }, "track_repost",
-         {{"has_caption", false}}},
-        {"add caption", [=] { return engagement->makeRepostAddCaptionEvent(true); }, "repost_add_caption",
-         {{"has_caption", true}}},
-        {"unrepost", [=] { return engagement->makeTrackUnrepostEvent(false); }, "track_unrepost",
-         {{"has_caption", false}}},
-        {"edit repost", [=] { return engagement->makeTrackEditRepostEvent(true); }, "track_edit_repost",
-         {{"has_caption", true}}},
-        {"start repost", [=] { return engagement->makeTrackStartRepostEvent(); }, "track_start_repost", none},
-        {"playlist unrepost", [=] { return engagement->makePlaylistUnrepostEvent(); }, "playlist_unrepost", none},
-        {"unfollow", [=] { return engagement->makeUnfollowEvent(); }, "unfollow", none},
-        {"profile share", [=] { return profile->makeProfileShare(); }, "profile_share", none},
-        {"playlist share", [=] { return factory->makePlaylistShare(); }, "playlist_share", none},
-        {"startup 1.5 s", [=] { return startup->makeAppStartupTimeEvent(KTTime::seconds(1.5)); }, "app_startup_time",
-         {{"time_in_millis", std::int64_t{1500}}}},
-        {"startup truncates", [=] { return startup->makeAppStartupTimeEvent(KTTime(std::chrono::microseconds(2999))); },
-         "app_startup_time", {{"time_in_millis", std::int64_t{2}}}},
-        {"play checkpoint", [=] { return factory->makePlayCheckpoint("stream"); }, "play_checkpoint",
-         {{"origin_screen", "stream"}}},
-        {"play checkpoint, empty screen", [=] { return factory->makePlayCheckpoint(""); }, "play_checkpoint",
-         {{"origin_screen", ""}}},
-        {"ads checkpoint", [=] { return ads->makeAdsCheckpoint(AdType::videoAd); }, "ad_play_checkpoint",
-         {{"ad_type", makeAnalyticsString(AdType::videoAd)}}},
-        {"first sign-up", [=] { return factory->makeFirstTimeSignUpSuccess(); }, "first_time_sign_up_success", none},
-        {"dark mode off", [=] { return settings->makeDarkMode(false); }, "dark_mode", {{"enabled", false}}},
-        {"uncomment", [=] { return comments->makeUncommentEvent(); }, "uncomment", none},
-        {"view comments", [=] { return comments->makeViewComments(); }, "view_comments", none},
-        {"toggle repeat", [=] { return player->makeToggleRepeat(-3); }, "toggle_repeat", {{"mode", std::int64_t{-3}}}},
-        {"minimise player", [=] { return player->makeMinimisePlayer(); }, "minimise_player", none},
-        {"home page view", [=] { return discovery->makeUIEvoPageView(); }, "ui_evo_home_pageview", none},
-        {"liked tracks", [=] { return brindle->makeLikedTracksPageView(); }, "brindle_likes_pageview", none},
-        {"uploads", [=] { return brindle->makeUploadsPageView(); }, "uploads_pageview", none},
+// The dashboards count events by these exact strings: every constant, spelled out.
+TEST(FirebaseAnalyticsEventName, EveryConstantCarriesItsWireName) {
+    const std::pair<const Name& (*)(), const char*> table[] = {
+        {Name::trackLike, "track_like"},
+        {Name::trackUnlike, "track_unlike"},
+        {Name::playlistLike, "playlist_like"},
+        {Name::playlistUnlike, "playlist_unlike"},
+        {Name::follow, "follow"},
+        {Name::unfollow, "unfollow"},
+        {Name::trackRepost, "track_repost"},
+        {Name::repostAddCaption, "repost_add_caption"},
+        {Name::trackUnrepost, "track_unrepost"},
+        {Name::trackEditRepost, "track_edit_repost"},
+        {Name::trackStartRepost, "track_start_repost"},
+        {Name::playlistRepost, "playlist_repost"},
+        {Name::playlistUnrepost, "playlist_unrepost"},
+        {Name::trackShare, "track_share"},
+        {Name::playlistShare, "playlist_share"},
+        {Name::profileShare, "profile_share"},
+        {Name::comment, "comment"},
+        {Name::uncomment, "uncomment"},
+        {Name::appStartupTime, "app_startup_time"},
+        {Name::playCheckpoint, "play_checkpoint"},
+        {Name::playSessionTrigger, "play_session_trigger"},
+        {Name::adPlayCheckpoint, "ad_play_checkpoint"},
+        {Name::darkMode, "dark_mode"},
+        {Name::share, "share"},
+        {Name::viewComments, "view_comments"},
+        {Name::toggleRepeat, "toggle_repeat"},
+        {Name::minimisePlayer, "minimise_player"},
+        {Name::systemShareSheetShown, "system_share_sheet_shown"},
+        {Name::uiEvoHomePageview, "ui_evo_home_pageview"},
+        {Name::likedTracksPageView, "brindle_likes_pageview"},
+        {Name::uploadsPageView, "uploads_pageview"},
+        {Name::upgradeButtonTapped, "upgrade_button_tapped"},
+        {Name::homeUpsellClicked, "home_upsell_clicked"},
+        {Name::purchasePlanViewed, "purchase_plan_viewed"},
+        {Name::purchasePlanSelected, "purchase_plan_selected"},
+        {Name::purchaseSuccessful, "purchase_successful"},
+        {Name::upsellDismiss, "upsell_dismiss"},
+        {Name::upsellDisappearAfterFirstSignUp, "upsell_disappear_after_first_sign_up"},
+        {Name::firstTimeSignUpSuccess, "first_time_sign_up_success"},
+        {Name::upsellExperimentVariantBaseline, "upsell_experiment_variant_baseline"},
+        {Name::upsellExperimentVariantA, "upsell_experiment_variant_a"},
+        {Name::upsellExperimentVariantB, "upsell_experiment_variant_b"},
+        {Name::upsellExperimentVariantC, "upsell_experiment_variant_c"},
+        {Name::upsellExperimentVariantD, "upsell_experiment_variant_d"},
     };
+    for (const auto& [constant, text] : table) EXPECT_EQ(constant().name(), text);
 }
 
-TEST(FirebaseAnalyticsEventFactory, OperationsProduceTheFixedNamesAndParameters) {
-    auto factory = std::make_shared<FirebaseAnalyticsEventFactory>();
-    for (const auto& expected : vocabulary(factory)) {
-        SCOPED_TRACE(expected.operation);
-        FirebaseAnalyticsEvent event = expected.make();
-        EXPECT_EQ(event.name(), expected.name);
-        // Compared as values: a string "1500" or a float would not match an integer.
-        EXPECT_EQ(event.parameters(), expected.parameters);
-        EXPECT_TRUE(event.parameters().is_object());
+// Every factory operation, with the name and parameters the event must carry. Parameters
+// are also compared as text, because 1500 and 1500.0 compare equal as values.
+TEST(FirebaseAnalyticsEventFactory, EveryOperationBuildsItsEvent) {
+    const FirebaseAnalyticsEventFactory f;
+    const auto none = value::dictionary();
+    const struct {
+        std::function<FirebaseAnalyticsEvent()> make;
+        const char* name;
+        AttributeDictionary parameters;
+    } table[] = {
+        {[&] { return f.makeTrackLikeEvent(); }, "track_like", none},
+        {[&] { return f.makeTrackUnlikeEvent(); }, "track_unlike", none},
+        {[&] { return f.makePlaylistLikeEvent(); }, "playlist_like", none},
+        {[&] { return f.makePlaylistUnlikeEvent(); }, "playlist_unlike", none},
+        {[&] { return f.makeTrackRepostEvent(true); }, "track_repost", {{"has_caption", true}}},
+        {[&] { return f.makeTrackRepostEvent(false); }, "track_repost", {{"has_caption", false}}},
+        {[&] { return f.makeRepostAddCaptionEvent(true); }, "repost_add_caption", {{"has_caption", true}}},
+        {[&] { return f.makeTrackUnrepostEvent(false); }, "track_unrepost", {{"has_caption", false}}},
+        {[&] { return f.makeTrackEditRepostEvent(true); }, "track_edit_repost", {{"has_caption", true}}},
+        {[&] { return f.makeTrackStartRepostEvent(); }, "track_start_repost", none},
+        {[&] { return f.makePlaylistRepostEvent(); }, "playlist_repost", none},
+        {[&] { return f.makePlaylistUnrepostEvent(); }, "playlist_unrepost", none},
+        {[&] { return f.makeFollowEvent(); }, "follow", none},
+        {[&] { return f.makeUnfollowEvent(); }, "unfollow", none},
+        {[&] { return f.makeTrackShare(); }, "track_share", none},
+        {[&] { return f.makePlaylistShare(); }, "playlist_share", none},
+        {[&] { return f.makeProfileShare(); }, "profile_share", none},
+        {[&] { return f.makeCommentEvent(); }, "comment", none},
+        {[&] { return f.makeUncommentEvent(); }, "uncomment", none},
+        {[&] { return f.makeViewComments(); }, "view_comments", none},
+        {[&] { return f.makeAppStartupTimeEvent(KTTime::seconds(1.5)); }, "app_startup_time",
+         {{"time_in_millis", std::int64_t{1500}}}},
+        // Whole milliseconds, truncated; beyond 32 bits (30 days) every digit stays.
+        {[&] { return f.makeAppStartupTimeEvent(KTTime(std::chrono::microseconds(2999))); }, "app_startup_time",
+         {{"time_in_millis", std::int64_t{2}}}},
+        {[&] { return f.makeAppStartupTimeEvent(KTTime(std::chrono::hours(24 * 30))); }, "app_startup_time",
+         {{"time_in_millis", std::int64_t{2'592'000'000}}}},
+        {[&] { return f.makePlayCheckpoint("stream"); }, "play_checkpoint", {{"origin_screen", "stream"}}},
+        {[&] { return f.makePlayCheckpoint(""); }, "play_checkpoint", {{"origin_screen", ""}}},
+        {[&] { return f.makeAdsCheckpoint(AdType::audioAd); }, "ad_play_checkpoint", {{"ad_type", "audio_ad"}}},
+        {[&] { return f.makeAdsCheckpoint(AdType::videoAd); }, "ad_play_checkpoint", {{"ad_type", "video_ad"}}},
+        {[&] { return f.makeAdsCheckpoint(AdType::interstitial); }, "ad_play_checkpoint",
+         {{"ad_type", "interstitial"}}},
+        {[&] { return f.makeAdsCheckpoint(AdType::companionDisplay); }, "ad_play_checkpoint",
+         {{"ad_type", "companion_display"}}},
+        {[&] { return f.makeFirstTimeSignUpSuccess(); }, "first_time_sign_up_success", none},
+        {[&] { return f.makeDarkMode(true); }, "dark_mode", {{"enabled", true}}},
+        {[&] { return f.makeDarkMode(false); }, "dark_mode", {{"enabled", false}}},
+        {[&] { return f.makeToggleRepeat(-3); }, "toggle_repeat", {{"mode", std::int64_t{-3}}}},
+        {[&] { return f.makeToggleRepeat(std::int64_t{1} << 40); }, "toggle_repeat",
+         {{"mode", std::int64_t{1} << 40}}},
+        {[&] { return f.makeMinimisePlayer(); }, "minimise_player", none},
+        {[&] { return f.makeUIEvoPageView(); }, "ui_evo_home_pageview", none},
+        {[&] { return f.makeLikedTracksPageView(); }, "brindle_likes_pageview", none},
+        {[&] { return f.makeUploadsPageView(); }, "uploads_pageview", none},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.name) + " " + row.parameters.dump());
+        const FirebaseAnalyticsEvent event = row.make();
+        EXPECT_EQ(event.name(), row.name);
+        EXPECT_EQ(event.parameters(), row.parameters);
+        EXPECT_EQ(event.parameters().dump(), row.parameters.dump());
         EXPECT_TRUE(event.shouldIncludeExtraUserInfo());
     }
-}
-
-TEST(FirebaseAnalyticsEventFactory, NumericParametersAreSixtyFourBitIntegers) {
-    FirebaseAnalyticsEventFactory factory;
-    auto startup = factory.makeAppStartupTimeEvent(KTTime::seconds(1.5)).parameters().at("time_in_millis");
-    EXPECT_TRUE(startup.is_number_integer());
-    EXPECT_EQ(startup.get<std::int64_t>(), 1500);
-
-    // Startup times beyond 32 bits of milliseconds (about 25 days) keep every digit.
-    auto longTime = factory.makeAppStartupTimeEvent(KTTime(std::chrono::hours(24 * 30)));
-    EXPECT_EQ(longTime.parameters().at("time_in_millis").get<std::int64_t>(), std::int64_t{2'592'000'000});
-
-    auto repeat = factory.makeToggleRepeat(std::int64_t{1} << 40).parameters().at("mode");
-    EXPECT_TRUE(repeat.is_number_integer());
-    EXPECT_EQ(repeat.get<std::int64_t>(), std::int64_t{1} << 40);
-}
-
-TEST(FirebaseAnalyticsEventFactory, NamesOfferedForEventsBuiltElsewhere) {
-    EXPECT_EQ(FirebaseAnalyticsEventName::playSessionTrigger().name(), "play_session_trigger");
-    EXPECT_EQ(FirebaseAnalyticsEventName::systemShareSheetShown().name(), "system_share_sheet_shown");
-    EXPECT_EQ(FirebaseAnalyticsEventName::upsellDisappearAfterFirstSignUp().name(),
-              "upsell_disappear_after_first_sign_up");
-    EXPECT_EQ(FirebaseAnalyticsEventName::upsellExperimentVariantBaseline().name(),
-              "upsell_experiment_variant_baseline");
-    EXPECT_EQ(FirebaseAnalyticsEventName::upsellExperimentVariantD().name(), "upsell_experiment_variant_d");
-    // A constant is one shared instance.
-    EXPECT_EQ(&FirebaseAnalyticsEventName::share(), &FirebaseAnalyticsEventName::share());
-}
-
-TEST(FirebaseAnalyticsEventFactory, RegistryKeyHoldsTheRedesignInterface) {
-    DependencyRegistry registry;
-    EXPECT_EQ(registry.get(DependencyKeys::firebaseAnalyticsFactory), nullptr);
-    registry.set(DependencyKeys::firebaseAnalyticsFactory,
-                 std::shared_ptr<FirebaseAnalyticsBrindleEventsManufacturing>(
-                     std::make_shared<FirebaseAnalyticsEventFactory>()));
-    EXPECT_EQ(registry.get(DependencyKeys::firebaseAnalyticsFactory)->makeUploadsPageView().name(), "uploads_pageview");
 }
 
 }  // namespace

@@ -44,83 +44,58 @@ TEST_F(FirebaseUserPropertyLoggerTest, SendsTheSevenPropertiesInOrderOnEveryCall
     plans->plan = PlanType::standardBand;
     plans->creator = CreatorPlan::lyraMaxYearly;
     status->devMenu = true;
-    status->beta = false;
     status->authenticated = true;
     logger.log();
     // Dependencies are asked afresh: the second call sees the changes.
     plans->plan = PlanType::none;
+    status->devMenu = false;
     status->authenticated = false;
     status->beta = true;
     logger.log();
 
     const std::string version = OperatingSystemVersion::current().string();
-    using Property = std::pair<std::string, std::string>;
-    std::vector<Property> expected = {
-        {"ios_version", version},
-        {"subscription_status", "std_band"},
-        {"creator_sub_status", "lyra_max_yearly"},
-        {"grove_people", "true"},
-        {"is_authenticated", "yes"},
-        {"brindle_likes_screen", "true"},
-        {"ios_beta_program", "false"},
-        {"ios_version", version},
-        {"subscription_status", "none"},
-        {"creator_sub_status", "lyra_max_yearly"},
-        {"grove_people", "true"},
-        {"is_authenticated", "no"},
-        {"brindle_likes_screen", "true"},
-        {"ios_beta_program", "true"},
-    };
-    EXPECT_EQ(provider->userProperties(), expected);
+    EXPECT_EQ(provider->userProperties(), (std::vector<std::pair<std::string, std::string>>{
+                                              {"ios_version", version},
+                                              {"subscription_status", "std_band"},
+                                              {"creator_sub_status", "lyra_max_yearly"},
+                                              {"grove_people", "true"},
+                                              {"is_authenticated", "yes"},
+                                              {"brindle_likes_screen", "true"},
+                                              {"ios_beta_program", "false"},
+                                              {"ios_version", version},
+                                              {"subscription_status", "none"},
+                                              {"creator_sub_status", "lyra_max_yearly"},
+                                              {"grove_people", "false"},
+                                              {"is_authenticated", "no"},
+                                              {"brindle_likes_screen", "true"},
+                                              {"ios_beta_program", "true"},
+                                          }));
     EXPECT_EQ(provider->calls().size(), 14u);  // properties only: no events, no screens
 }
 
-TEST_F(FirebaseUserPropertyLoggerTest, ListenerPlanTable) {
-    const std::pair<int, std::string> table[] = {
-        {0, "none"}, {1, "std_band"}, {2, "peak_band"}, {3, "peak_band"}, {4, "unknown"}, {5, "unknown"},
+TEST_F(FirebaseUserPropertyLoggerTest, EveryPlanHasItsDashboardValue) {
+    const std::pair<PlanType, std::string> listener[] = {
+        {PlanType::none, "none"},        {PlanType::standardBand, "std_band"},   {PlanType::peakBand, "peak_band"},
+        {PlanType::peakBandStudent, "peak_band"}, {PlanType::legacy, "unknown"}, {PlanType::unknown, "unknown"},
     };
-    for (const auto& [rawValue, text] : table) {
-        plans->plan = static_cast<PlanType>(rawValue);
-        EXPECT_EQ(logOnce()["subscription_status"], text) << rawValue;
+    for (const auto& [plan, text] : listener) {
+        plans->plan = plan;
+        EXPECT_EQ(logOnce()["subscription_status"], text) << static_cast<int>(plan);
     }
-}
-
-TEST_F(FirebaseUserPropertyLoggerTest, CreatorPlanTable) {
-    const std::pair<int, std::string> table[] = {
-        {0, "lyra"}, {1, "studio_two_level"}, {2, "lyra_gold_monthly"}, {3, "lyra_max_yearly"}, {4, "unknown"},
+    const std::pair<CreatorPlan, std::string> creator[] = {
+        {CreatorPlan::lyra, "lyra"}, {CreatorPlan::studioTwoLevel, "studio_two_level"},
+        {CreatorPlan::lyraGoldMonthly, "lyra_gold_monthly"}, {CreatorPlan::lyraMaxYearly, "lyra_max_yearly"},
+        {CreatorPlan::unknown, "unknown"},
     };
-    for (const auto& [position, text] : table) {
-        plans->creator = static_cast<CreatorPlan>(position);
-        EXPECT_EQ(logOnce()["creator_sub_status"], text) << position;
-    }
-}
-
-TEST_F(FirebaseUserPropertyLoggerTest, FlagsUseTrueFalseAndAuthenticationYesNo) {
-    for (bool on : {false, true}) {
-        status->devMenu = on;
-        status->beta = !on;
-        status->authenticated = on;
-        auto properties = logOnce();
-        EXPECT_EQ(properties["grove_people"], on ? "true" : "false");
-        EXPECT_EQ(properties["ios_beta_program"], on ? "false" : "true");
-        EXPECT_EQ(properties["is_authenticated"], on ? "yes" : "no");
-        EXPECT_EQ(properties["brindle_likes_screen"], "true");
+    for (const auto& [plan, text] : creator) {
+        plans->creator = plan;
+        EXPECT_EQ(logOnce()["creator_sub_status"], text) << static_cast<int>(plan);
     }
 }
 
 TEST_F(FirebaseUserPropertyLoggerTest, UnknownListenerPlanStopsTheProcess) {
     plans->plan = static_cast<PlanType>(6);
     EXPECT_DEATH(logger.log(), "unexpected enum case 'PlanType\\(rawValue: 6\\)'");
-    plans->plan = static_cast<PlanType>(42);
-    EXPECT_DEATH(logger.log(), "unexpected enum case 'PlanType\\(rawValue: 42\\)'");
-}
-
-TEST(FirebaseUserPropertyLoggerDeathTest, MissingCollaboratorIsAProgrammingError) {
-    auto provider = std::make_shared<RecordingFirebaseAnalytics>();
-    auto plans = std::make_shared<FakePlans>();
-    auto status = std::make_shared<FakeStatus>();
-    EXPECT_DEATH(FirebaseUserPropertyLogger(provider, plans, nullptr, status, status),
-                 "Invalid parameter not satisfying: creatorPlanRepository");
 }
 
 }  // namespace

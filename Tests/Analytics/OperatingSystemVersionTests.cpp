@@ -9,23 +9,9 @@ namespace kt {
 namespace {
 
 TEST(OperatingSystemVersion, ReadsTheLeadingDottedNumbersOfAKernelRelease) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"6.1.0-18-amd64", "6.1.0"},
-        {"5.15.133.1-microsoft-standard-WSL2", "5.15.133"},
-        {"6.8.12", "6.8.12"},
-        {"6.8", "6.8.0"},
-        {"6.8-rc3", "6.8.0"},
-        {"6", "6.0.0"},
-        {"4.19.0+", "4.19.0"},
-        {"6.10rc1", "6.10.0"},
-        {"", "0.0.0"},
-        {"generic", "0.0.0"},
-        {"6..1", "6.0.0"},
-        {"6.-1.2", "6.0.0"},
-        {"99999999999999999999999.2.3", "0.2.3"},
-    };
-    for (const auto& [release, version] : cases)
-        EXPECT_EQ(OperatingSystemVersion::fromKernelRelease(release).string(), version) << release;
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("6.1.0-18-amd64").string(), "6.1.0");
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("6.8-rc3").string(), "6.8.0");
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("generic").string(), "0.0.0");
 }
 
 TEST(OperatingSystemVersion, CurrentIsTheRunningKernelsRelease) {

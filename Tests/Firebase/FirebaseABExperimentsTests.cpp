@@ -7,89 +7,66 @@
 namespace kt {
 namespace {
 
-std::vector<std::string> ids(const std::vector<FirebaseABExperimentType>& experiments) {
-    std::vector<std::string> result;
-    for (auto& experiment : experiments) result.push_back(experiment.id());
-    return result;
-}
+using Variants = std::vector<std::string>;
 
-TEST(FirebaseABExperimentProvider, ListsTheFourExperimentsInCatalogueOrder) {
+// The remote-config keys and variant names are what the experiment dashboards are set up
+// with: the whole catalogue, in order.
+TEST(FirebaseABExperimentProvider, CatalogueListsEachExperimentWithItsKeysAndVariants) {
+    const struct {
+        FirebaseABExperimentType type;
+        const char* id;
+        std::optional<std::string> remoteValueId;
+        Variants variants;
+    } expected[] = {
+        {FirebaseABExperimentType::of<PriceTestExperiment>(), "dev_ab_price_test", std::nullopt,
+         {"control", "discountedPrice"}},
+        {FirebaseABExperimentType::of<GracePeriodExperiment>(), "dev_ab_offline_sync_grace_period_test",
+         "dev_offline_sync_grace_period_seconds_value", {"control", "variantA"}},
+        {FirebaseABExperimentType::of<ListenAdFreeUpsellCopyExperiment>(), "dev_listen_ad_free_upsell_copy",
+         std::nullopt, {"control", "listenAdFreeUpsellCopy"}},
+        {FirebaseABExperimentType::of<UpsellVariantExperiment>(), "ios_upsell_experiment_variant", std::nullopt,
+         {"variantA", "variantB", "variantC", "variantD"}},
+    };
     const auto all = FirebaseABExperimentProvider::all();
-    EXPECT_EQ(ids(all), (std::vector<std::string>{"dev_ab_price_test", "dev_ab_offline_sync_grace_period_test",
-                                                  "dev_listen_ad_free_upsell_copy", "ios_upsell_experiment_variant"}));
-    EXPECT_EQ(all[0], FirebaseABExperimentType::of<PriceTestExperiment>());
-    EXPECT_EQ(all[1], FirebaseABExperimentType::of<GracePeriodExperiment>());
-    EXPECT_EQ(all[2], FirebaseABExperimentType::of<ListenAdFreeUpsellCopyExperiment>());
-    EXPECT_EQ(all[3], FirebaseABExperimentType::of<UpsellVariantExperiment>());
-    EXPECT_FALSE(all[0] == all[1]);
+    ASSERT_EQ(all.size(), std::size(expected));
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        SCOPED_TRACE(expected[i].id);
+        EXPECT_EQ(all[i], expected[i].type);
+        EXPECT_EQ(all[i].id(), expected[i].id);
+        EXPECT_EQ(all[i].remoteValueId(), expected[i].remoteValueId);
+        EXPECT_EQ(all[i].allVariants(), expected[i].variants);
+        for (const auto& variant : expected[i].variants) EXPECT_TRUE(all[i].isRawValue(variant)) << variant;
+    }
 }
 
-TEST(FirebaseABExperimentProvider, OnlyTheGracePeriodHasACompanionValue) {
-    std::vector<std::optional<std::string>> remoteValueIds;
-    for (auto& experiment : FirebaseABExperimentProvider::all()) remoteValueIds.push_back(experiment.remoteValueId());
-    EXPECT_EQ(remoteValueIds, (std::vector<std::optional<std::string>>{
-                                  std::nullopt, "dev_offline_sync_grace_period_seconds_value", std::nullopt, std::nullopt}));
-}
-
-TEST(FirebaseABExperiments, VariantsAreTheRawValuesInCaseOrder) {
-    EXPECT_EQ(PriceTestExperiment::allVariants(), (std::vector<std::string>{"control", "discountedPrice"}));
-    EXPECT_EQ(GracePeriodExperiment::allVariants(), (std::vector<std::string>{"control", "variantA"}));
-    EXPECT_EQ(ListenAdFreeUpsellCopyExperiment::allVariants(),
-              (std::vector<std::string>{"control", "listenAdFreeUpsellCopy"}));
-    EXPECT_EQ(UpsellVariantExperiment::allVariants(),
-              (std::vector<std::string>{"variantA", "variantB", "variantC", "variantD"}));
-
-    const auto cases = UpsellVariantExperiment::allCases();
-    ASSERT_EQ(cases.size(), 4u);
-    EXPECT_EQ(cases[3], UpsellVariantExperiment::variantD);
-    EXPECT_EQ(cases[3].rawValue(), "variantD");
-}
-
-TEST(FirebaseABExperiments, RawValueConstructionMatchesWholeTextAndCase) {
-    EXPECT_EQ(UpsellVariantExperiment::fromRawValue("control"), std::nullopt);  // no control case here
+TEST(FirebaseABExperiments, RawValuesMatchWholeTextAndCase) {
     EXPECT_EQ(UpsellVariantExperiment::fromRawValue("variantD"), UpsellVariantExperiment::variantD);
-    EXPECT_EQ(PriceTestExperiment::fromRawValue("discountedprice"), std::nullopt);
-    EXPECT_EQ(PriceTestExperiment::fromRawValue("discountedPrice"), PriceTestExperiment::discountedPrice);
-    EXPECT_EQ(PriceTestExperiment::fromRawValue("control "), std::nullopt);
-    EXPECT_EQ(PriceTestExperiment::fromRawValue(""), std::nullopt);
-    EXPECT_EQ(GracePeriodExperiment::fromRawValue("variantA"), GracePeriodExperiment::variantA);
-}
+    EXPECT_EQ(UpsellVariantExperiment::fromRawValue("control"), std::nullopt);  // no control case here
+    for (const char* text : {"discountedprice", "control ", ""})
+        EXPECT_EQ(PriceTestExperiment::fromRawValue(text), std::nullopt) << '"' << text << '"';
 
-TEST(FirebaseABExperiments, ValuesCompareAndHashByRawValue) {
     std::unordered_set<PriceTestExperiment> seen{PriceTestExperiment::control, PriceTestExperiment::discountedPrice,
                                                  *PriceTestExperiment::fromRawValue("control")};
     EXPECT_EQ(seen.size(), 2u);
-    EXPECT_TRUE(seen.contains(PriceTestExperiment::discountedPrice));
-    EXPECT_NE(PriceTestExperiment(PriceTestExperiment::control), PriceTestExperiment::discountedPrice);
 }
 
-TEST(FirebaseABExperiments, ReassignedVariantListLeavesTheCasesAlone) {
-    PriceTestExperiment::setAllVariants({"control", "halfPrice", "free"});
-    const auto seenByType = PriceTestExperiment::allVariants();
-    const auto seenThroughCatalogue = FirebaseABExperimentProvider::all()[0].allVariants();
-    PriceTestExperiment::setAllVariants(PriceTestExperiment::caseRawValues());
-
-    EXPECT_EQ(seenByType, (std::vector<std::string>{"control", "halfPrice", "free"}));
-    EXPECT_EQ(seenThroughCatalogue, seenByType);
-    EXPECT_EQ(PriceTestExperiment::allCases().size(), 2u);
-    EXPECT_EQ(PriceTestExperiment::fromRawValue("halfPrice"), std::nullopt);
-}
-
-TEST(FirebaseABExperiments, ReassignedKeysAreSeenByEveryReaderUntilReassignedAgain) {
+TEST(FirebaseABExperiments, ReassignedKeysAndVariantsAreSeenByEveryReaderButLeaveTheCasesAlone) {
     const auto catalogueEntry = FirebaseABExperimentType::of<GracePeriodExperiment>();
     GracePeriodExperiment::setId("grace_v2");
     GracePeriodExperiment::setRemoteValueId(std::nullopt);
-    UpsellVariantExperiment::setRemoteValueId("upsell_price");
+    PriceTestExperiment::setAllVariants({"control", "halfPrice"});
     const auto id = catalogueEntry.id();
     const auto remoteValueId = catalogueEntry.remoteValueId();
-    const auto upsellRemoteValueId = FirebaseABExperimentProvider::all()[3].remoteValueId();
+    const auto variants = FirebaseABExperimentProvider::all()[0].allVariants();
+    const auto halfPrice = PriceTestExperiment::fromRawValue("halfPrice");
     GracePeriodExperiment::setId("dev_ab_offline_sync_grace_period_test");
     GracePeriodExperiment::setRemoteValueId("dev_offline_sync_grace_period_seconds_value");
-    UpsellVariantExperiment::setRemoteValueId(std::nullopt);
+    PriceTestExperiment::setAllVariants(PriceTestExperiment::caseRawValues());
 
     EXPECT_EQ(id, "grace_v2");
     EXPECT_EQ(remoteValueId, std::nullopt);
-    EXPECT_EQ(upsellRemoteValueId, "upsell_price");
+    EXPECT_EQ(variants, (Variants{"control", "halfPrice"}));
+    EXPECT_EQ(halfPrice, std::nullopt);
 }
 
 }  // namespace

@@ -5,20 +5,15 @@
 namespace kt {
 namespace {
 
+// Delivered ends a request, rejected drops it, failed keeps it for another attempt.
 TEST(RequestQueueTests, requestResultForMapsEveryKindOfOutcome) {
-    const struct {
-        long status;
-        RequestResult expected;
-    } table[] = {
-        {200, RequestResult::delivered}, {204, RequestResult::delivered}, {299, RequestResult::delivered},
-        {400, RequestResult::rejected},  {404, RequestResult::rejected},  {413, RequestResult::rejected},
-        {499, RequestResult::rejected},  {408, RequestResult::failed},    {429, RequestResult::failed},
-        {500, RequestResult::failed},    {503, RequestResult::failed},    {0, RequestResult::failed},
-        {199, RequestResult::failed},    {301, RequestResult::failed},    {304, RequestResult::failed},
-        {600, RequestResult::failed},
+    using enum RequestResult;
+    const std::pair<long, RequestResult> table[] = {
+        {200, delivered}, {204, delivered}, {299, delivered}, {400, rejected}, {404, rejected}, {413, rejected},
+        {499, rejected},  {408, failed},    {429, failed},    {500, failed},   {503, failed},   {0, failed},
+        {199, failed},    {301, failed},    {304, failed},    {600, failed},
     };
-    for (const auto& row : table)
-        EXPECT_EQ(requestResultFor(row.status), row.expected) << "status " << row.status;
+    for (const auto& [status, expected] : table) EXPECT_EQ(requestResultFor(status), expected) << "status " << status;
 }
 
 }  // namespace

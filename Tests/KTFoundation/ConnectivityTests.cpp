@@ -9,72 +9,40 @@ NetworkInterfaceState up(std::string name, bool wirelessDirectory = false) {
     return NetworkInterfaceState{std::move(name), true, false, true, wirelessDirectory};
 }
 
-TEST(ConnectivityTests, ClassifiesInterfacesByNameAndFlags) {
-    struct Case {
-        const char* name;
-        bool loopback;
-        bool wirelessDirectory;
-        InterfaceKind expected;
-    };
-    for (auto [name, loopback, wirelessDirectory, expected] : {
-             Case{"lo", false, false, InterfaceKind::loopback},
-             Case{"anything", true, false, InterfaceKind::loopback},
-             Case{"wlan0", false, false, InterfaceKind::wireless},
-             Case{"wlp2s0", false, false, InterfaceKind::wireless},
-             Case{"radio0", false, true, InterfaceKind::wireless},  // sysfs knows better than the name
-             Case{"eth0", false, false, InterfaceKind::wired},
-             Case{"enp3s0", false, false, InterfaceKind::wired},
-             Case{"enx00e04c680001", false, false, InterfaceKind::wired},
-             Case{"wwan0", false, false, InterfaceKind::cellular},
-             Case{"tun0", false, false, InterfaceKind::tunnel},
-             Case{"tap1", false, false, InterfaceKind::tunnel},
-             Case{"wg0", false, false, InterfaceKind::tunnel},
-             Case{"ppp0", false, false, InterfaceKind::tunnel},
-             Case{"ipsec0", false, false, InterfaceKind::tunnel},
-             Case{"docker0", false, false, InterfaceKind::virtualBridge},
-             Case{"veth1a2b3c", false, false, InterfaceKind::virtualBridge},
-             Case{"br-5f1e2d", false, false, InterfaceKind::virtualBridge},
-             Case{"virbr0", false, false, InterfaceKind::virtualBridge},
-         }) {
-        EXPECT_EQ(classifyInterface(name, loopback, wirelessDirectory), expected) << name;
-    }
-}
-
-TEST(ConnectivityTests, WirelessWinsOverWiredAndTunnelsOnlyMarkTheVPN) {
-    auto both = summarizeInterfaces({up("lo"), up("eth0"), up("wlan0")});
-    EXPECT_EQ(both.description, "wifi");
-    EXPECT_TRUE(both.isNetworkReachable);
-    EXPECT_FALSE(both.isConnectedToVPN);
-
-    auto wiredWithVPN = summarizeInterfaces({up("enp3s0"), up("wg0")});
-    EXPECT_EQ(wiredWithVPN.description, "ethernet");
-    EXPECT_TRUE(wiredWithVPN.isNetworkReachable);
-    EXPECT_TRUE(wiredWithVPN.isConnectedToVPN);
-
-    auto cellular = summarizeInterfaces({up("wwan0")});
-    EXPECT_EQ(cellular.description, "cellular");
-    EXPECT_TRUE(cellular.isNetworkReachable);
-}
-
-TEST(ConnectivityTests, DownUnaddressedLoopbackAndBridgeInterfacesGiveNoConnection) {
-    auto loopback = up("lo");
-    loopback.isLoopback = true;
+TEST(ConnectivityTests, ReportsTheBestConnectionAndAnyTunnelAsTheVPN) {
+    auto loopbackFlag = up("anything");
+    loopbackFlag.isLoopback = true;
     auto down = up("wlan0");
     down.isUp = false;
     auto noAddress = up("eth0");
     noAddress.hasAddress = false;
     auto vpnDown = up("tun0");
     vpnDown.isUp = false;
-
-    auto summary = summarizeInterfaces({loopback, down, noAddress, up("docker0"), up("veth9"), vpnDown});
-    EXPECT_EQ(summary.description, "none");
-    EXPECT_FALSE(summary.isNetworkReachable);
-    EXPECT_FALSE(summary.isConnectedToVPN);
-
-    auto tunnelOnly = summarizeInterfaces({up("tun0")});
-    EXPECT_EQ(tunnelOnly.description, "none");
-    EXPECT_FALSE(tunnelOnly.isNetworkReachable);
-    EXPECT_TRUE(tunnelOnly.isConnectedToVPN);
+    const struct {
+        std::vector<NetworkInterfaceState> interfaces;
+        const char* description;
+        bool reachable;
+        bool vpn;
+    } cases[] = {
+        {{up("lo"), up("eth0"), up("wlan0")}, "wifi", true, false},  // wireless wins over wired
+        {{up("wlp2s0")}, "wifi", true, false},
+        {{up("radio0", true)}, "wifi", true, false},  // sysfs knows better than the name
+        {{up("enp3s0"), up("wg0")}, "ethernet", true, true},
+        {{up("enx00e04c680001"), up("wwan0")}, "ethernet", true, false},
+        {{up("wwan0"), up("tap1")}, "cellular", true, true},
+        {{up("ppp0")}, "none", false, true},
+        {{up("ipsec0")}, "none", false, true},
+        {{up("docker0"), up("veth1a2b3c"), up("br-5f1e2d"), up("virbr0"), loopbackFlag}, "none", false, false},
+        {{down, noAddress, vpnDown}, "none", false, false},
+    };
+    for (const auto& c : cases) {
+        std::string names;
+        for (const auto& interface : c.interfaces) names += interface.name + " ";
+        const auto summary = summarizeInterfaces(c.interfaces);
+        EXPECT_EQ(summary.description, c.description) << names;
+        EXPECT_EQ(summary.isNetworkReachable, c.reachable) << names;
+        EXPECT_EQ(summary.isConnectedToVPN, c.vpn) << names;
+    }
 }
 
 TEST(ConnectivityTests, SystemDetectorAgreesWithTheInterfacesItReads) {

@@ -35,21 +35,17 @@ TEST(CredentialStoreTests, FileStoreKeepsTheTokenAcrossInstancesInAnOwnerOnlyFil
 
     FileCredentialStore store(path, logger);
     EXPECT_EQ(store.credential(), std::nullopt) << "no file yet: signed out";
-    store.setCredential("token-1");
-
-    EXPECT_EQ(contentsOf(path), "token-1");
-    EXPECT_EQ(permissionsOf(path), 0600u);
-    EXPECT_EQ(FileCredentialStore(path, logger).credential(), "token-1");
-
-    store.setCredential("token-2");
-    EXPECT_EQ(FileCredentialStore(path, logger).credential(), "token-2");
-    EXPECT_EQ(permissionsOf(path), 0600u);
+    for (const char* token : {"token-1", "token-2"}) {
+        store.setCredential(token);
+        EXPECT_EQ(contentsOf(path), token);
+        EXPECT_EQ(permissionsOf(path), 0600u);
+        EXPECT_EQ(FileCredentialStore(path, logger).credential(), token);
+    }
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path.parent_path()), {}), 1)
         << "no temporary files left behind";
 
     store.setCredential(std::nullopt);
     EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(store.credential(), std::nullopt);
     store.setCredential(std::nullopt);  // signing out twice is no error
     EXPECT_EQ(logger->count(), 0u);
 }
@@ -62,7 +58,8 @@ TEST(CredentialStoreTests, FileStoreReadsAHandWrittenTokenAndRefusesHeaderBreaki
 
     std::ofstream(path) << "abc.def\n";
     EXPECT_EQ(store.credential(), "abc.def") << "a trailing line feed is not part of the token";
-
+    std::ofstream(path) << "\n";
+    EXPECT_EQ(store.credential(), std::nullopt);
     std::ofstream(path) << "abc\r\nX-Injected: 1";
     EXPECT_EQ(store.credential(), std::nullopt);
     EXPECT_EQ(logger->messages(3).size(), 1u);
@@ -71,15 +68,11 @@ TEST(CredentialStoreTests, FileStoreReadsAHandWrittenTokenAndRefusesHeaderBreaki
     store.setCredential("evil\r\nX-Injected: 1");
     EXPECT_EQ(store.credential(), "good") << "a refused token leaves the stored one alone";
     EXPECT_EQ(logger->messages(3).size(), 2u);
-
-    std::ofstream(path) << "\n";
-    EXPECT_EQ(store.credential(), std::nullopt);
 }
 
 TEST(CredentialStoreTests, FileStoreReportsAFolderItCannotWriteAndThrowsNothing) {
     testing::TemporaryDirectory directory;
-    // A file where the folder should be: creating the credential below it must fail.
-    std::ofstream(directory / "blocker") << "x";
+    std::ofstream(directory / "blocker") << "x";  // a file where the folder should be
     auto logger = std::make_shared<testing::RecordingLogger>();
     FileCredentialStore store(directory / "blocker" / "credential", logger);
     store.setCredential("token");
@@ -100,8 +93,7 @@ TEST(CredentialStoreTests, InMemoryStoreIsSafeFromSeveralThreads) {
                 ASSERT_EQ(value->rfind("token-", 0), 0u);
             }
         });
-    for (auto& thread : threads)
-        thread.join();
+    for (auto& thread : threads) thread.join();
     store.setCredential(std::nullopt);
     EXPECT_EQ(store.credential(), std::nullopt);
 }

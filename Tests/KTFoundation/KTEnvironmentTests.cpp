@@ -69,25 +69,17 @@ TEST(KTEnvironmentTests, VariablesOverrideTheBaseAndLeaveTheRest) {
 }
 
 TEST(KTEnvironmentTests, MalformedValuesAreRefusedWithTheVariableNamed) {
-    struct Case {
-        const char* variable;
-        const char* value;
+    const std::pair<const char*, const char*> cases[] = {
+        {"KTANALYTICS_CLIENT_ID", "12abc"},         {"KTANALYTICS_CLIENT_ID", "99999999999999999999"},
+        {"KTANALYTICS_MIN_BATCH", "0"},             {"KTANALYTICS_MIN_BATCH", "-3"},
+        {"KTANALYTICS_MIN_BATCH", " 7"},            {"KTANALYTICS_LOG_LEVEL", "4"},
+        {"KTANALYTICS_LOG_LEVEL", "warn"},          {"KTANALYTICS_BUILD", "staging"},
+        {"KTANALYTICS_GATEWAY_URL", "ftp://gateway.example"}, {"KTANALYTICS_GATEWAY_URL", "gateway.example:8080"},
     };
-    for (auto [variable, value] : {
-             Case{"KTANALYTICS_CLIENT_ID", "12abc"},
-             Case{"KTANALYTICS_CLIENT_ID", "99999999999999999999"},
-             Case{"KTANALYTICS_MIN_BATCH", "0"},
-             Case{"KTANALYTICS_MIN_BATCH", "-3"},
-             Case{"KTANALYTICS_MIN_BATCH", " 7"},
-             Case{"KTANALYTICS_LOG_LEVEL", "4"},
-             Case{"KTANALYTICS_LOG_LEVEL", "warn"},
-             Case{"KTANALYTICS_BUILD", "staging"},
-             Case{"KTANALYTICS_GATEWAY_URL", "ftp://gateway.example"},
-             Case{"KTANALYTICS_GATEWAY_URL", "gateway.example:8080"},
-         }) {
+    for (auto [variable, value] : cases) {
         std::string error;
-        auto environment = KTEnvironment::fromVariables(KTEnvironment{}, variables({{variable, value}}), error);
-        EXPECT_FALSE(environment.has_value()) << variable << "=" << value;
+        EXPECT_FALSE(KTEnvironment::fromVariables(KTEnvironment{}, variables({{variable, value}}), error))
+            << variable << "=" << value;
         EXPECT_THAT(error, HasSubstr(variable));
         EXPECT_THAT(error, HasSubstr(value));
     }
@@ -102,36 +94,28 @@ TEST(KTEnvironmentTests, ReadsTheProcessEnvironment) {
     EXPECT_EQ(environment->minimumBatchSize, 3u);
 }
 
-TEST(KTEnvironmentTests, PersistedFilesLiveBelowTheStateDirectoryWhenOneIsSet) {
-    KTEnvironment environment{.applicationId = "player", .stateDirectory = "/srv/state"};
-    auto noVariables = variables({{"XDG_CACHE_HOME", "/elsewhere"}, {"HOME", "/home/listener"}});
-    EXPECT_EQ(environment.cachesDirectory(noVariables), std::filesystem::path("/srv/state/cache"));
-    EXPECT_EQ(environment.userDefaultsPath(), std::filesystem::path("/srv/state/defaults.sqlite3"));
-}
-
-TEST(KTEnvironmentTests, CachesDirectoryFollowsTheXDGConventionOtherwise) {
+TEST(KTEnvironmentTests, PersistedFilesGoBelowTheStateDirectoryOrFollowTheXDGConvention) {
     KTEnvironment environment{.applicationId = "player"};
-    EXPECT_EQ(environment.cachesDirectory(variables({{"XDG_CACHE_HOME", "/tmp/xdg"}, {"HOME", "/home/listener"}})),
-              std::filesystem::path("/tmp/xdg/player"));
-    EXPECT_EQ(environment.cachesDirectory(variables({{"HOME", "/home/listener"}})),
-              std::filesystem::path("/home/listener/.cache/player"));
+    const auto home = variables({{"HOME", "/home/listener"}});
+    const auto xdg = variables({{"XDG_CACHE_HOME", "/tmp/xdg"}, {"HOME", "/home/listener"}});
+    EXPECT_EQ(environment.cachesDirectory(xdg), std::filesystem::path("/tmp/xdg/player"));
+    EXPECT_EQ(environment.cachesDirectory(home), std::filesystem::path("/home/listener/.cache/player"));
     // A relative XDG_CACHE_HOME is invalid and ignored.
     EXPECT_EQ(environment.cachesDirectory(variables({{"XDG_CACHE_HOME", "cache"}, {"HOME", "/home/listener"}})),
               std::filesystem::path("/home/listener/.cache/player"));
+
+    environment.stateDirectory = "/srv/state";
+    EXPECT_EQ(environment.cachesDirectory(xdg), std::filesystem::path("/srv/state/cache"));
+    EXPECT_EQ(environment.userDefaultsPath(), std::filesystem::path("/srv/state/defaults.sqlite3"));
 }
 
 TEST(KTEnvironmentTests, OnlyAlphaAndDevBuildsCountAsAlpha) {
-    EXPECT_TRUE(BuildEnvironmentDetector(BuildEnvironment::alpha).isAlpha());
-    EXPECT_TRUE(BuildEnvironmentDetector(BuildEnvironment::dev).isAlpha());
-    EXPECT_FALSE(BuildEnvironmentDetector(BuildEnvironment::beta).isAlpha());
-    EXPECT_FALSE(BuildEnvironmentDetector(BuildEnvironment::production).isAlpha());
-}
-
-TEST(KTEnvironmentTests, BuildEnvironmentNamesRoundTrip) {
-    for (auto environment : {BuildEnvironment::production, BuildEnvironment::beta, BuildEnvironment::alpha,
-                             BuildEnvironment::dev})
-        EXPECT_EQ(buildEnvironmentFromString(toString(environment)), environment);
-    EXPECT_EQ(buildEnvironmentFromString("DEV"), BuildEnvironment::dev);
+    const std::pair<const char*, bool> names[] = {{"production", false}, {"beta", false}, {"ALPHA", true}, {"dev", true}};
+    for (auto [name, alpha] : names) {
+        const auto environment = buildEnvironmentFromString(name);
+        ASSERT_TRUE(environment) << name;
+        EXPECT_EQ(BuildEnvironmentDetector(*environment).isAlpha(), alpha) << name;
+    }
     EXPECT_EQ(buildEnvironmentFromString(""), std::nullopt);
 }
 

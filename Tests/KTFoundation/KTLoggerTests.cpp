@@ -31,15 +31,6 @@ struct fmt::formatter<kt::Expensive> : fmt::formatter<std::string_view> {
 namespace kt {
 namespace {
 
-TEST(KTLoggerTests, NullLoggerIsSharedAndEnablesNothing) {
-    auto logger = KTLogger::null();
-    ASSERT_NE(logger, nullptr);
-    EXPECT_EQ(logger, KTLogger::null());
-    for (int level = 0; level <= 3; ++level)
-        EXPECT_FALSE(logger->isEnabled(level));
-    logger->logWithLevel(3, "Sources/X", 1, "-[X y]", "dropped");
-}
-
 TEST(KTLoggerTests, LinesBelowTheThresholdAreNeitherFormattedNorRecorded) {
     auto logger = std::make_shared<testing::RecordingLogger>(2);
     int formatted = 0;

@@ -37,22 +37,18 @@ TEST_F(PersistedPrivacySettingsTest, RecordedChoicesSurviveARestart) {
     EXPECT_EQ(reopened.iabConsentString(), "CPXxRfAPXxRfAAfKABENB-CgAAAAAAAAAAYgAAAAAAAA");
 }
 
-TEST_F(PersistedPrivacySettingsTest, AnUpdateReplacesEveryChoice) {
+TEST_F(PersistedPrivacySettingsTest, AnUpdateReplacesEveryChoiceForEveryReaderOfTheSameStore) {
+    PersistedPrivacySettings other(defaults);
     settings.updateWithPrivacySettings({.analyticsTrackingEnabled = true, .targetedAdvertisingEnabled = true,
                                         .iabConsentString = "first", .iOSAdvertisingTrackingEnabled = true});
-    settings.updateWithPrivacySettings({.analyticsTrackingEnabled = false});
-    EXPECT_FALSE(settings.isAnalyticsTrackingEnabled());
-    EXPECT_FALSE(settings.isTargetedAdvertisingEnabled());
-    EXPECT_FALSE(settings.isiOSAdvertisingTrackingEnabled());
-    EXPECT_EQ(settings.iabConsentString(), std::nullopt);
-}
-
-TEST_F(PersistedPrivacySettingsTest, WithdrawalIsSeenByEveryReaderOfTheSameStore) {
-    PersistedPrivacySettings other(defaults);
-    settings.updateWithPrivacySettings({.analyticsTrackingEnabled = true});
     EXPECT_TRUE(other.isAnalyticsTrackingEnabled());
     settings.updateWithPrivacySettings({.analyticsTrackingEnabled = false});
-    EXPECT_FALSE(other.isAnalyticsTrackingEnabled());
+    for (const auto* reader : {&settings, &other}) {
+        EXPECT_FALSE(reader->isAnalyticsTrackingEnabled());
+        EXPECT_FALSE(reader->isTargetedAdvertisingEnabled());
+        EXPECT_FALSE(reader->isiOSAdvertisingTrackingEnabled());
+        EXPECT_EQ(reader->iabConsentString(), std::nullopt);
+    }
 }
 
 TEST_F(PersistedPrivacySettingsTest, ResetForgetsTheChoicesAndTheAnalyticsIdButNothingElse) {

@@ -69,9 +69,5 @@ TEST_F(UserDefaultsStoreTests, NameSpacesAreIsolatedAndClearTouchesOnlyItsOwn) {
     EXPECT_EQ(defaults->string("a_key"), "near");
 }
 
-TEST(UserDefaultsStoreDeathTest, RequiresUserDefaults) {
-    EXPECT_DEATH(UserDefaultsStore(nullptr, "ns"), "Invalid parameter not satisfying: defaults_");
-}
-
 }  // namespace
 }  // namespace kt

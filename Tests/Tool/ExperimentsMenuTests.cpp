@@ -2,12 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utmp.h>
+
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <regex>
+#include <sstream>
 #include <thread>
 
 #include "Firebase/FirebaseABExperiments.h"
@@ -19,46 +25,35 @@
 namespace kt::tool {
 namespace {
 
-DecodedKey decoded(MenuKey key, std::size_t length, int digit = 0) { return DecodedKey{key, digit, length}; }
-
-TEST(DecodeKey, PlainKeys) {
-    EXPECT_EQ(decodeKey("\r"), decoded(MenuKey::enter, 1));
-    EXPECT_EQ(decodeKey("\n"), decoded(MenuKey::enter, 1));
-    EXPECT_EQ(decodeKey("b"), decoded(MenuKey::back, 1));
-    EXPECT_EQ(decodeKey("\x7f"), decoded(MenuKey::back, 1));
-    EXPECT_EQ(decodeKey("\b"), decoded(MenuKey::back, 1));
-    EXPECT_EQ(decodeKey("q"), decoded(MenuKey::quit, 1));
-    EXPECT_EQ(decodeKey("\x03"), decoded(MenuKey::quit, 1));
-    EXPECT_EQ(decodeKey("\x04"), decoded(MenuKey::quit, 1));
-    EXPECT_EQ(decodeKey("7"), decoded(MenuKey::digit, 1, 7));
-    EXPECT_EQ(decodeKey("0"), decoded(MenuKey::digit, 1, 0));
-    EXPECT_EQ(decodeKey("x"), decoded(MenuKey::ignored, 1));
-    // Only the first key is decoded; the rest stays for the next call.
-    EXPECT_EQ(decodeKey("2q"), decoded(MenuKey::digit, 1, 2));
-}
-
-TEST(DecodeKey, ArrowSequencesInBothCursorModes) {
-    EXPECT_EQ(decodeKey("\x1b[A"), decoded(MenuKey::up, 3));
-    EXPECT_EQ(decodeKey("\x1b[B"), decoded(MenuKey::down, 3));
-    EXPECT_EQ(decodeKey("\x1b[C"), decoded(MenuKey::enter, 3));
-    EXPECT_EQ(decodeKey("\x1b[D"), decoded(MenuKey::back, 3));
-    EXPECT_EQ(decodeKey("\x1bOA"), decoded(MenuKey::up, 3));
-    EXPECT_EQ(decodeKey("\x1bOB\x1bOA"), decoded(MenuKey::down, 3));
-    EXPECT_EQ(decodeKey("\x1b[1;5B"), decoded(MenuKey::down, 6));  // with a modifier
-    EXPECT_EQ(decodeKey("\x1b[3~"), decoded(MenuKey::ignored, 4));  // Delete: swallowed whole
-}
-
-TEST(DecodeKey, UnfinishedSequencesWaitUnlessTheTerminalWentQuiet) {
-    EXPECT_EQ(decodeKey("").key, MenuKey::incomplete);
-    EXPECT_EQ(decodeKey("\x1b").key, MenuKey::incomplete);
-    EXPECT_EQ(decodeKey("\x1b[").key, MenuKey::incomplete);
-    EXPECT_EQ(decodeKey("\x1b[1;5").key, MenuKey::incomplete);
-    EXPECT_EQ(decodeKey("\x1bO").key, MenuKey::incomplete);
-
-    EXPECT_EQ(decodeKey("\x1b", false), decoded(MenuKey::back, 1));  // the Escape key
-    EXPECT_EQ(decodeKey("\x1b[1;5", false), decoded(MenuKey::ignored, 5));
-    EXPECT_EQ(decodeKey("\x1bq"), decoded(MenuKey::back, 1));  // Escape, then q
-    EXPECT_EQ(decodeKey("\x1b[\x01"), decoded(MenuKey::ignored, 2));
+// Terminals send arrows as escape sequences that may arrive split over several reads.
+TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
+    const struct {
+        const char* input;
+        bool moreMayFollow;
+        MenuKey key;
+        std::size_t length;
+    } cases[] = {
+        {"\x1b[A", true, MenuKey::up, 3},
+        {"\x1b[B", true, MenuKey::down, 3},
+        {"\x1b[C", true, MenuKey::enter, 3},
+        {"\x1b[D", true, MenuKey::back, 3},
+        {"\x1bOA", true, MenuKey::up, 3},             // application cursor mode
+        {"\x1bOB\x1bOA", true, MenuKey::down, 3},     // only the first key is decoded
+        {"\x1b[1;5B", true, MenuKey::down, 6},        // with a modifier
+        {"\x1b[3~", true, MenuKey::ignored, 4},       // Delete: swallowed whole
+        {"\x1b[\x01", true, MenuKey::ignored, 2},     // malformed: dropped up to the stray byte
+        {"\x1bq", true, MenuKey::back, 1},            // Escape, then q
+        {"\x1b", false, MenuKey::back, 1},            // the Escape key, once the terminal went quiet
+        {"\x1b[1;5", false, MenuKey::ignored, 5},
+        {"2q", true, MenuKey::digit, 1},
+    };
+    for (const auto& c : cases) {
+        const DecodedKey decoded = decodeKey(c.input, c.moreMayFollow);
+        EXPECT_EQ(decoded.key, c.key) << ::testing::PrintToString(std::string(c.input));
+        EXPECT_EQ(decoded.length, c.length) << ::testing::PrintToString(std::string(c.input));
+    }
+    for (const char* unfinished : {"", "\x1b", "\x1b[", "\x1b[1;5", "\x1bO"})
+        EXPECT_EQ(decodeKey(unfinished).key, MenuKey::incomplete) << ::testing::PrintToString(std::string(unfinished));
 }
 
 class ExperimentsMenuSessionTest : public ::testing::Test {
@@ -121,76 +116,89 @@ TEST_F(ExperimentsMenuSessionTest, NumbersChooseDirectlyAndOutOfRangeNumbersAreR
 
 
 // ---------------------------------------------------------------------------------------
-// The real tool, driven as a person would: in a terminal (tmux), by keys.
+// The real tool, driven by keys on a pseudo-terminal of its own, as at a person's terminal.
 
-std::string quoted(const std::string& text) {
-    std::string result = "'";
-    for (char c : text) {
-        if (c == '\'')
-            result += "'\\''";
-        else
-            result += c;
-    }
-    return result += "'";
-}
+using namespace std::chrono_literals;
+constexpr auto kDeadline = 20s;  // guards against a hang only
 
-/// Runs a shell command; its standard output, and whether it exited with 0.
-std::pair<std::string, bool> run(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-    if (!pipe) return {"", false};
-    char buffer[4096];
-    std::size_t count;
-    while ((count = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, count);
-    const int status = ::pclose(pipe);
-    return {output, status == 0};
-}
-
-bool tmuxIsInstalled() { return run("tmux -V").second; }
-
-/// A shell in a detached tmux session of a fixed size, on a server of its own.
-class TmuxTerminal {
+/// The tool as a child process: on a pseudo-terminal of its own, or, given an input file,
+/// without a terminal, reading that file and writing to "<input>.out".
+class ToolProcess {
 public:
-    explicit TmuxTerminal(const std::filesystem::path& socket) : socket_(socket) {
-        started_ = run(tmux() + " -f /dev/null new-session -d -s menu -x 100 -y 30 /bin/sh").second;
+    explicit ToolProcess(std::vector<std::string> arguments, const std::filesystem::path& input = {}) {
+        winsize size{30, 100, 0, 0};
+        if (input.empty() && ::openpty(&master_, &slave_, nullptr, nullptr, &size) != 0) return;
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            if (input.empty()) {
+                ::close(master_);
+                ::login_tty(slave_);
+            } else {
+                ::dup2(::open(input.c_str(), O_RDONLY), STDIN_FILENO);
+                const int output = ::open((input.string() + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+                ::dup2(output, STDOUT_FILENO);
+                ::dup2(output, STDERR_FILENO);
+            }
+            std::vector<char*> argv{const_cast<char*>(KTANALYTICS_TOOL_PATH)};
+            for (auto& argument : arguments) argv.push_back(argument.data());
+            argv.push_back(nullptr);
+            ::execv(argv[0], argv.data());
+            ::_exit(127);
+        }
     }
-    ~TmuxTerminal() { run(tmux() + " kill-server"); }
-
-    bool started() const { return started_; }
-
-    /// Keys by tmux name ("Down", "Enter", "C-c") or literal text.
-    void sendKeys(const std::vector<std::string>& keys) {
-        std::string command = tmux() + " send-keys -t menu";
-        for (const auto& key : keys) command.append(" ").append(quoted(key));
-        run(command);
-    }
-    void typeLine(const std::string& text) {
-        run(tmux() + " send-keys -t menu -l " + quoted(text));
-        sendKeys({"Enter"});
+    ~ToolProcess() {
+        if (pid_ > 0 && !status_) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        for (int fd : {master_, slave_})
+            if (fd >= 0) ::close(fd);
     }
 
-    std::string capture() { return run(tmux() + " capture-pane -p -t menu").first; }
+    pid_t pid() const { return pid_; }
+    void send(std::string_view keys) { EXPECT_EQ(::write(master_, keys.data(), keys.size()), ssize_t(keys.size())); }
 
-    /// Polls the screen until `pattern` appears on it; a real process is drawing it, so this
-    /// waits with a generous deadline rather than a fixed time.
-    bool waitFor(const std::string& pattern) {
-        const std::regex expression(pattern);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    /// Reads what the tool draws until `text` appears in what came after the last match.
+    bool waitFor(const std::string& text) {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
         while (std::chrono::steady_clock::now() < deadline) {
-            lastScreen_ = capture();
-            if (std::regex_search(lastScreen_, expression)) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (auto at = screen_.find(text); at != std::string::npos) {
+                screen_.erase(0, at + text.size());
+                return true;
+            }
+            pollfd descriptor{master_, POLLIN, 0};
+            char buffer[4096];
+            if (::poll(&descriptor, 1, 100) > 0) {
+                const ssize_t count = ::read(master_, buffer, sizeof buffer);
+                if (count > 0) screen_.append(buffer, std::size_t(count));
+            }
         }
         return false;
     }
-    const std::string& lastScreen() const { return lastScreen_; }
+    const std::string& screen() const { return screen_; }
+
+    /// Whether the terminal reads lines and echoes them, as a shell needs it.
+    bool isInLineMode() const {
+        termios settings{};
+        return ::tcgetattr(slave_, &settings) == 0 && (settings.c_lflag & ICANON) && (settings.c_lflag & ECHO);
+    }
+
+    std::optional<int> waitForExit() {
+        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+        while (!status_ && std::chrono::steady_clock::now() < deadline) {
+            int status = 0;
+            if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+            else std::this_thread::sleep_for(10ms);
+        }
+        return status_;
+    }
 
 private:
-    std::string tmux() const { return "tmux -S " + quoted(socket_.string()); }
-
-    std::filesystem::path socket_;
-    bool started_ = false;
-    std::string lastScreen_;
+    int master_ = -1;
+    int slave_ = -1;
+    pid_t pid_ = -1;
+    std::string screen_;
+    std::optional<int> status_;
 };
 
 class ExperimentsCommandTest : public ::testing::Test {
@@ -210,106 +218,74 @@ protected:
         return std::make_shared<UserDefaults>(stateDir / "defaults.sqlite3");
     }
 
-    std::string menuCommand() const {
-        return std::string(quoted(KTANALYTICS_TOOL_PATH)) + " experiments --state-dir " + quoted(stateDir.string()) +
-               " --remote " + quoted(remoteFile.string());
+    std::vector<std::string> arguments() const {
+        return {"experiments", "--state-dir", stateDir.string(), "--remote", remoteFile.string()};
     }
-
-    /// True when the shell shows the terminal back in its usual line mode.
-    bool terminalIsRestored(TmuxTerminal& terminal) {
-        terminal.typeLine(
-            "stty -a | tr ' ;' '\\n\\n' | grep -x -e icanon -e -icanon -e echo -e -echo | LC_ALL=C sort | tr '\\n' ' '; "
-            "echo \"=$((40 + 2))\"");
-        if (!terminal.waitFor("\\n[-a-z ]*=42")) return false;
-        return std::regex_search(terminal.lastScreen(), std::regex("\\necho icanon =42"));
-    }
-
-    /// Every terminal gets a server of its own: a server being killed may still hold its socket.
-    std::filesystem::path nextSocket() { return directory / ("tmux-" + std::to_string(++terminals) + ".sock"); }
 
     ::kt::testing::TemporaryDirectory directory{"kt-menuterminal"};
-    int terminals = 0;
     std::filesystem::path stateDir = directory / "state";
     std::filesystem::path remoteFile = directory / "remote.json";
 };
 
-TEST_F(ExperimentsCommandTest, AnOverrideChosenWithArrowsIsWhatTheNextStartReturnsUntilCleared) {
-    if (!tmuxIsInstalled()) GTEST_SKIP() << "tmux is not installed";
-    {
-        TmuxTerminal terminal(nextSocket());
-        ASSERT_TRUE(terminal.started());
-        terminal.typeLine(menuCommand() + "; echo menu-exit=$?");
-        ASSERT_TRUE(terminal.waitFor("> 1\\. dev_ab_price_test")) << terminal.lastScreen();
+TEST_F(ExperimentsCommandTest, ArrowsChooseAnOverrideForTheNextStartAndQuittingRestoresTheTerminal) {
+    ToolProcess terminal(arguments());
+    ASSERT_GT(terminal.pid(), 0);
+    ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.screen();
+    EXPECT_FALSE(terminal.isInLineMode());  // keys arrive one by one, unechoed
 
-        terminal.sendKeys({"Down", "Enter"});
-        ASSERT_TRUE(terminal.waitFor("remote: control\\n\\s*override: \\(none\\)")) << terminal.lastScreen();
-        terminal.sendKeys({"Enter"});  // "change"
-        ASSERT_TRUE(terminal.waitFor("> 1\\. control\\n\\s*2\\. variantA")) << terminal.lastScreen();
-        terminal.sendKeys({"Down", "Enter"});
-        ASSERT_TRUE(terminal.waitFor("override: variantA")) << terminal.lastScreen();
-        terminal.sendKeys({"q"});
-        ASSERT_TRUE(terminal.waitFor("menu-exit=0")) << terminal.lastScreen();
-        EXPECT_TRUE(terminalIsRestored(terminal)) << terminal.lastScreen();
-    }
-    {
-        FirebaseABManager nextStart(openDefaults());
-        EXPECT_EQ(nextStart.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
-        EXPECT_EQ(nextStart.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
-    }
-    {
-        TmuxTerminal terminal(nextSocket());
-        ASSERT_TRUE(terminal.started());
-        terminal.typeLine(menuCommand() + "; echo menu-exit=$?");
-        ASSERT_TRUE(terminal.waitFor("> 1\\. dev_ab_price_test")) << terminal.lastScreen();
-        terminal.sendKeys({"2"});
-        ASSERT_TRUE(terminal.waitFor("override: variantA")) << terminal.lastScreen();
-        terminal.sendKeys({"2"});  // "clear"
-        ASSERT_TRUE(terminal.waitFor("override: \\(none\\)")) << terminal.lastScreen();
-        terminal.sendKeys({"Left"});
-        ASSERT_TRUE(terminal.waitFor("> 2\\. dev_ab_offline_sync_grace_period_test")) << terminal.lastScreen();
-        terminal.sendKeys({"C-c"});
-        ASSERT_TRUE(terminal.waitFor("menu-exit=0")) << terminal.lastScreen();
-        EXPECT_TRUE(terminalIsRestored(terminal)) << terminal.lastScreen();
-    }
+    terminal.send("\x1b[B\r");  // Down, Enter
+    ASSERT_TRUE(terminal.waitFor("remote: control") && terminal.waitFor("override: (none)")) << terminal.screen();
+    terminal.send("\r");  // "change"
+    ASSERT_TRUE(terminal.waitFor("2. variantA")) << terminal.screen();
+    terminal.send("\x1b[B\r");
+    ASSERT_TRUE(terminal.waitFor("override: variantA")) << terminal.screen();
+    terminal.send("q");
+    const auto status = terminal.waitForExit();
+    ASSERT_TRUE(status && WIFEXITED(*status)) << terminal.screen();
+    EXPECT_EQ(WEXITSTATUS(*status), 0);
+    EXPECT_TRUE(terminal.isInLineMode());
+
     FirebaseABManager nextStart(openDefaults());
-    EXPECT_EQ(nextStart.overriddenValue("dev_ab_offline_sync_grace_period_test"), std::nullopt);
-    EXPECT_EQ(nextStart.assignment<GracePeriodExperiment>(), GracePeriodExperiment::control);  // remote again
+    EXPECT_EQ(nextStart.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
+    EXPECT_EQ(nextStart.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
 }
 
 TEST_F(ExperimentsCommandTest, ATerminatedMenuLeavesTheTerminalUsable) {
-    if (!tmuxIsInstalled()) GTEST_SKIP() << "tmux is not installed";
-    TmuxTerminal terminal(nextSocket());
-    ASSERT_TRUE(terminal.started());
-    const auto pidFile = directory / "menu.pid";
-    terminal.typeLine("sh -c 'echo $$ > " + pidFile.string() + "; exec \"$0\" \"$@\"' " + menuCommand() +
-                      "; echo menu-exit=$?");
-    ASSERT_TRUE(terminal.waitFor("> 1\\. dev_ab_price_test")) << terminal.lastScreen();
-    terminal.sendKeys({"Down"});
-    ASSERT_TRUE(terminal.waitFor("> 2\\. dev_ab_offline")) << terminal.lastScreen();
+    ToolProcess terminal(arguments());
+    ASSERT_GT(terminal.pid(), 0);
+    ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.screen();
+    terminal.send("\x1b[B");
+    ASSERT_TRUE(terminal.waitFor("> 2. dev_ab_offline")) << terminal.screen();
+    EXPECT_FALSE(terminal.isInLineMode());
 
-    pid_t pid = 0;
-    std::ifstream(pidFile) >> pid;
-    ASSERT_GT(pid, 0);
-    ASSERT_EQ(::kill(pid, SIGTERM), 0);
-    ASSERT_TRUE(terminal.waitFor("menu-exit=143")) << terminal.lastScreen();  // died of the signal
-    EXPECT_TRUE(terminalIsRestored(terminal)) << terminal.lastScreen();
+    ASSERT_EQ(::kill(terminal.pid(), SIGTERM), 0);
+    const auto status = terminal.waitForExit();
+    ASSERT_TRUE(status && WIFSIGNALED(*status));  // it still dies of the signal
+    EXPECT_EQ(WTERMSIG(*status), SIGTERM);
+    EXPECT_TRUE(terminal.isInLineMode());
 }
 
-TEST_F(ExperimentsCommandTest, WithoutATerminalItReadsLines) {
+TEST_F(ExperimentsCommandTest, WithoutATerminalItReadsLinesAndRefusesABadRemoteFile) {
     const auto script = directory / "script.txt";
     std::ofstream(script) << "4\n1\n4\nb\nq\n";
-    const auto [output, succeeded] = run(menuCommand() + " < " + quoted(script.string()));
-    EXPECT_TRUE(succeeded) << output;
+    auto run = [&] {
+        ToolProcess tool(arguments(), script);
+        const auto status = tool.waitForExit();
+        std::stringstream output;
+        output << std::ifstream(script.string() + ".out").rdbuf();
+        return std::pair(status && WIFEXITED(*status) ? std::optional(WEXITSTATUS(*status)) : std::nullopt, output.str());
+    };
+    const auto [status, output] = run();
+    EXPECT_EQ(status, 0);
     EXPECT_NE(output.find("override: variantD"), std::string::npos) << output;
     EXPECT_EQ(output.find("\x1b["), std::string::npos);  // no terminal drawing in a pipe
     EXPECT_EQ(FirebaseABManager(openDefaults()).assignment<UpsellVariantExperiment>(), UpsellVariantExperiment::variantD);
-}
 
-TEST_F(ExperimentsCommandTest, ABadRemoteFileIsReportedAndNothingRuns) {
     std::ofstream(remoteFile) << R"({"dev_ab_price_test": 3})";
-    const auto [output, succeeded] = run(menuCommand() + " < /dev/null");
-    EXPECT_FALSE(succeeded);
-    EXPECT_NE(output.find("the value of \"dev_ab_price_test\" must be text"), std::string::npos) << output;
+    const auto [badStatus, badOutput] = run();
+    EXPECT_TRUE(badStatus && *badStatus != 0);
+    EXPECT_NE(badOutput.find("the value of \"dev_ab_price_test\" must be text"), std::string::npos) << badOutput;
+    EXPECT_EQ(badOutput.find("override:"), std::string::npos) << "nothing runs";
 }
 
 }  // namespace

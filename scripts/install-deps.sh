@@ -9,7 +9,7 @@ packages=(
   nlohmann-json3-dev libspdlog-dev libfmt-dev libcpp-httplib-dev
   libboost-url1.81-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  tmux
+  tmux locales
 )
 
 missing=()
@@ -19,14 +19,25 @@ for p in "${packages[@]}"; do
   fi
 done
 
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+
+# A decimal-comma locale, so that the number parsing tests can show they do not follow it.
+ensure_locale() {
+  if ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+    echo "install-deps: generating the de_DE.UTF-8 locale"
+    $SUDO localedef -i de_DE -f UTF-8 de_DE.UTF-8 || echo "install-deps: could not generate de_DE.UTF-8; its test will skip"
+  fi
+}
+
 if [ ${#missing[@]} -eq 0 ]; then
   echo "install-deps: all ${#packages[@]} packages present"
+  ensure_locale
   exit 0
 fi
 
 echo "install-deps: installing ${missing[*]}"
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+ensure_locale

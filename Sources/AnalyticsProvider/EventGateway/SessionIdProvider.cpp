@@ -124,7 +124,10 @@ void SessionIdProvider::becameActive() {
 void SessionIdProvider::clear() { store_->clear(); }
 
 void SessionIdProvider::writeConsoleLine(const std::string& line) const {
-    // One write per line, so that lines from several threads never interleave mid-line.
+    // Several providers (several stacks, or the pipeline's queue and the app's thread) may
+    // share one stream, and only the standard streams are safe to write from two threads.
+    static std::mutex consoleMutex;
+    std::lock_guard lock(consoleMutex);
     *console_ << (line + '\n') << std::flush;
 }
 

@@ -175,22 +175,16 @@ void APEventGatewayBatchUploader::flushOnQueue() {
     publishQueueState();
 }
 
-APEventGatewayBatchUploader::Batch APEventGatewayBatchUploader::takeNotQueued(bool single) {
-    Batch batch;
-    // Files that turn out unreadable are deleted by the store and tried no more; on an
-    // alpha build the next name is tried until one event reads back.
-    while (!notQueuedNames_.empty() && batch.empty()) {
-        std::vector<std::string> names;
-        if (single) {
-            names.push_back(std::move(notQueuedNames_.extract(notQueuedNames_.begin()).value()));
-        } else {
-            names.reserve(notQueuedNames_.size());
-            for (auto it = notQueuedNames_.begin(); it != notQueuedNames_.end();)
-                names.push_back(std::move(notQueuedNames_.extract(it++).value()));
-        }
-        batch = eventSerializer_->serializedEventsNamed(names);
+std::vector<std::string> APEventGatewayBatchUploader::takeNotQueued(bool single) {
+    std::vector<std::string> names;
+    if (single) {
+        if (!notQueuedNames_.empty()) names.push_back(std::move(notQueuedNames_.extract(notQueuedNames_.begin()).value()));
+        return names;
     }
-    return batch;
+    names.reserve(notQueuedNames_.size());
+    for (auto it = notQueuedNames_.begin(); it != notQueuedNames_.end();)
+        names.push_back(std::move(notQueuedNames_.extract(it++).value()));
+    return names;
 }
 
 void APEventGatewayBatchUploader::markInFlight(const Batch& batch) {
@@ -200,48 +194,63 @@ void APEventGatewayBatchUploader::markInFlight(const Batch& batch) {
     }
 }
 
-void APEventGatewayBatchUploader::flushBatchOfEvents() {
-    Batch batch = takeNotQueued(false);
-    if (!batch.empty()) createRequestAndUploadSerializedEvents(std::move(batch));
-}
+void APEventGatewayBatchUploader::flushBatchOfEvents() { createRequestAndUploadSerializedEvents(takeNotQueued(false)); }
 
 void APEventGatewayBatchUploader::flushSingleEvent() {
-    Batch batch = takeNotQueued(true);
-    if (!batch.empty()) createRequestAndUploadSerializedEvents(std::move(batch));
-}
-
-void APEventGatewayBatchUploader::letGoOfAttributes(Batch& batch) {
-    // Once the body is built, an event in flight needs only its file: delete, count or retry
-    // all go by the file. Holding thousands of decoded events while a slow gateway answers
-    // would make memory grow with the backlog. Alpha builds keep them to report rejections.
-    if (shouldTrackInvalidEvents()) return;
-    for (auto& e : batch) {
-        auto& light = nameOnlyEvents_[e.event()->name()];
-        if (!light) light = APEvent::make(e.event()->name(), std::nullopt);
-        e = APSerializedEvent(light, e.eventURL());
+    // A file that turns out unreadable is deleted by the store; the next one is tried.
+    while (!notQueuedNames_.empty() && !createRequestAndUploadSerializedEvents(takeNotQueued(true))) {
     }
 }
 
-void APEventGatewayBatchUploader::createRequestAndUploadSerializedEvents(Batch events) {
-    KT_LOG(logger_, 0, kFile, "-[APEventGatewayBatchUploader createRequestAndUploadSerializedEvents:]",
-           "Uploading events: {}", describeSerializedEvents(events));
-    APEventGatewayRequestFactory::Events list;
-    list.reserve(events.size());
-    for (const auto& e : events) list.push_back(e.event());
+APSerializedEvent APEventGatewayBatchUploader::inFlightHandle(APSerializedEvent stored) {
+    // An event in flight needs only its file: delete, count or retry all go by the file.
+    // Holding thousands of decoded events while a slow gateway answers would make memory
+    // grow with the backlog. Alpha builds keep them to report rejections.
+    if (shouldTrackInvalidEvents()) return stored;
+    auto& light = nameOnlyEvents_[stored.event()->name()];
+    if (!light) light = APEvent::make(stored.event()->name(), std::nullopt);
+    return APSerializedEvent(light, stored.eventURL());
+}
+
+bool APEventGatewayBatchUploader::createRequestAndUploadSerializedEvents(std::vector<std::string> names) {
+    // The files are read back one at a time as the body is written: each decoded event is
+    // let go once its element is in the compressor, so a batch of thousands never exists
+    // decoded all at once.
+    Batch batch;
+    batch.reserve(names.size());
+    std::size_t index = 0;
+    const auto readNext = [&]() -> std::shared_ptr<const APEvent> {
+        while (index < names.size()) {
+            auto stored = eventSerializer_->serializedEventNamed(names[index++]);
+            if (!stored) continue;  // unreadable (deleted and counted) or gone
+            auto event = stored->event();
+            batch.push_back(inFlightHandle(std::move(*stored)));
+            return event;
+        }
+        return nullptr;
+    };
+    auto first = readNext();
+    if (!first) return false;
+    const auto source = [&]() -> std::shared_ptr<const APEvent> { return first ? std::move(first) : readNext(); };
     std::string error;
     std::size_t rawSize = 0;
-    auto request = requestFactory_->requestForEvents(list, &error, &rawSize);
-    list.clear();
-    letGoOfAttributes(events);
-    markInFlight(events);
+    auto request = requestFactory_->requestForEventSource(source, &error, &rawSize);
+    if (!request)
+        while (readNext()) {
+        }
+    names = {};  // the handles in `batch` carry the paths from here on
+    KT_LOG(logger_, 0, kFile, "-[APEventGatewayBatchUploader createRequestAndUploadSerializedEvents:]",
+           "Uploading events: {}", describeSerializedEvents(batch));
+    markInFlight(batch);
     if (!request) {
-        deleteCorruptedEvents(events, error);
-        return;
+        deleteCorruptedEvents(batch, error);
+        return true;
     }
     add(counters_.batchesSent, 1);
     add(counters_.bytesRaw, rawSize);
     add(counters_.bytesGzipped, request->body.size());
-    uploadSerializedEvents(std::make_shared<const Batch>(std::move(events)), std::move(*request));
+    uploadSerializedEvents(std::make_shared<const Batch>(std::move(batch)), std::move(*request));
+    return true;
 }
 
 void APEventGatewayBatchUploader::deleteCorruptedEvents(const Batch& events, const std::string& error) {

@@ -124,13 +124,15 @@ private:
 
     void flushOnQueue();
     void relistNotQueued();
-    Batch takeNotQueued(bool single);
+    std::vector<std::string> takeNotQueued(bool single);
     void markInFlight(const Batch& batch);
-    void letGoOfAttributes(Batch& batch);
+    APSerializedEvent inFlightHandle(APSerializedEvent stored);
     void drop(APEventDropReason reason, std::uint64_t count);
     void flushBatchOfEvents();
     void flushSingleEvent();
-    void createRequestAndUploadSerializedEvents(Batch events);
+    /// Reads the named files back and uploads them as one request; false when none could
+    /// be read (nothing was sent).
+    bool createRequestAndUploadSerializedEvents(std::vector<std::string> names);
     void deleteCorruptedEvents(const Batch& events, const std::string& error);
     void uploadSerializedEvents(std::shared_ptr<const Batch> events, HTTPRequest request);
     void handleResult(const Batch& events, int resultCode);

@@ -68,9 +68,25 @@ APEventGatewayRequestFactory::DateFormatter APEventGatewayRequestFactory::iso860
     };
 }
 
+namespace {
+
+APEventGatewayRequestFactory::EventSource sourceOf(const APEventGatewayRequestFactory::Events& events) {
+    return [&events, i = std::size_t{0}]() mutable {
+        return i < events.size() ? events[i++] : std::shared_ptr<const APEvent>();
+    };
+}
+
+}  // namespace
+
 std::optional<HTTPRequest> APEventGatewayRequestFactory::requestForEvents(const Events& events, std::string* error,
                                                                           std::size_t* uncompressedBodySize) const {
     KT_PARAMETER_ASSERT_TEXT(!events.empty(), "[events count] > 0");
+    return requestForEventSource(sourceOf(events), error, uncompressedBodySize);
+}
+
+std::optional<HTTPRequest> APEventGatewayRequestFactory::requestForEventSource(const EventSource& events,
+                                                                               std::string* error,
+                                                                               std::size_t* uncompressedBodySize) const {
     // The body goes into the compressor element by element: a batch of thousands of events
     // never exists as one JSON text, only as its (much smaller) gzip form.
     GzipWriter gzip;
@@ -85,23 +101,23 @@ std::optional<HTTPRequest> APEventGatewayRequestFactory::requestForEvents(const 
 
 std::optional<std::string> APEventGatewayRequestFactory::eventsBody(const Events& events, std::string* error) const {
     std::string body;
-    if (!writeBody(events, [&body](std::string_view piece) { body += piece; }, error)) return std::nullopt;
+    if (!writeBody(sourceOf(events), [&body](std::string_view piece) { body += piece; }, error)) return std::nullopt;
     return body;
 }
 
 std::optional<std::string> APEventGatewayRequestFactory::eventsBodyWithTimeStamp(const Events& events,
                                                                                  std::string* error) const {
     std::string body;
-    if (!writeBodyWithTimeStamp(events, [&body](std::string_view piece) { body += piece; }, error))
+    if (!writeBodyWithTimeStamp(sourceOf(events), [&body](std::string_view piece) { body += piece; }, error))
         return std::nullopt;
     return body;
 }
 
-bool APEventGatewayRequestFactory::writeBody(const Events& events, const Sink& sink, std::string* error) const {
+bool APEventGatewayRequestFactory::writeBody(const EventSource& events, const Sink& sink, std::string* error) const {
     return shouldSendSentAt_ ? writeBodyWithTimeStamp(events, sink, error) : writeEventsArray(events, sink, error);
 }
 
-bool APEventGatewayRequestFactory::writeBodyWithTimeStamp(const Events& events, const Sink& sink,
+bool APEventGatewayRequestFactory::writeBodyWithTimeStamp(const EventSource& events, const Sink& sink,
                                                           std::string* error) const {
     auto sentAt = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(dateFormatter_(clock_())), error);
     if (!sentAt) return false;
@@ -116,10 +132,11 @@ bool APEventGatewayRequestFactory::writeBodyWithTimeStamp(const Events& events, 
 // Writes the array element by element instead of building one big JSON value: each
 // payload is serialised straight from the event, which is shared and never copied. The
 // elements are exactly the events' gateway dictionaries.
-bool APEventGatewayRequestFactory::writeEventsArray(const Events& events, const Sink& sink, std::string* error) const {
+bool APEventGatewayRequestFactory::writeEventsArray(const EventSource& events, const Sink& sink,
+                                                    std::string* error) const {
     std::string out = "[";
     bool first = true;
-    for (const auto& event : events) {
+    while (const auto event = events()) {
         const AttributeDictionary* payload = event->attributes();
         // An event without attributes has no gateway dictionary; asking for it stops the
         // process with the event core's own message.

@@ -24,6 +24,8 @@ public:
     using DateFormatter = std::function<std::string(Date)>;
     using Clock = std::function<Date()>;
     using Events = std::vector<std::shared_ptr<const APEvent>>;
+    /// Hands out the events of a batch one at a time, null after the last.
+    using EventSource = std::function<std::shared_ptr<const APEvent>()>;
 
     static constexpr const char* kEventsPath = "/v1/events";
 
@@ -44,6 +46,10 @@ public:
     /// when given, receives the size of the JSON before compression.
     std::optional<HTTPRequest> requestForEvents(const Events& events, std::string* error = nullptr,
                                                 std::size_t* uncompressedBodySize = nullptr) const;
+    /// The same for events pulled from `next` one at a time, each written into the
+    /// compressor and let go before the next is asked for. `next` must give at least one.
+    std::optional<HTTPRequest> requestForEventSource(const EventSource& next, std::string* error = nullptr,
+                                                     std::size_t* uncompressedBodySize = nullptr) const;
 
     /// The JSON body in the layout that `shouldSendSentAt` selects.
     std::optional<std::string> eventsBody(const Events& events, std::string* error = nullptr) const;
@@ -60,10 +66,10 @@ public:
 private:
     using Sink = std::function<void(std::string_view)>;
     /// The body in the layout that `shouldSendSentAt` selects, in pieces.
-    bool writeBody(const Events& events, const Sink& sink, std::string* error) const;
-    bool writeBodyWithTimeStamp(const Events& events, const Sink& sink, std::string* error) const;
+    bool writeBody(const EventSource& events, const Sink& sink, std::string* error) const;
+    bool writeBodyWithTimeStamp(const EventSource& events, const Sink& sink, std::string* error) const;
     /// The bare JSON array of the events' gateway dictionaries, one element at a time.
-    bool writeEventsArray(const Events& events, const Sink& sink, std::string* error) const;
+    bool writeEventsArray(const EventSource& events, const Sink& sink, std::string* error) const;
     HTTPRequest requestWithGzippedBody(const std::string& path, std::string body) const;
     std::string urlWithPath(const std::string& path) const;
 

@@ -236,29 +236,32 @@ std::vector<std::string> APEventSerializer::relistReadableNames() {
 std::vector<APSerializedEvent> APEventSerializer::serializedEventsNamed(const std::vector<std::string>& names) {
     std::vector<APSerializedEvent> result;
     result.reserve(names.size());
-    for (const auto& name : names) {
-        fs::path url = cacheDirectory_ / name;
-        const auto kind = folder_->kind(url);
-        if (kind == EventFolderEntryKind::missing) {
-            KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",
-                   "Trying to serialize event from non existing file {}", fileURL(url));
-            indexedNames_.erase(name);
-            continue;
-        }
-        if (kind != EventFolderEntryKind::plainFile) {
-            indexedNames_.erase(name);
-            if (hasEventExtension(url.filename())) removeForeignEntry(url, kind == EventFolderEntryKind::directory);
-            continue;
-        }
-        auto event = unarchiveEventAtURL(url);
-        if (!event) {
-            removeEventAtPathAndCrash(url);
-            counters_.unreadableDeleted.fetch_add(1, std::memory_order_relaxed);
-            continue;
-        }
-        result.emplace_back(std::move(event), std::move(url));
-    }
+    for (const auto& name : names)
+        if (auto stored = serializedEventNamed(name)) result.push_back(std::move(*stored));
     return result;
+}
+
+std::optional<APSerializedEvent> APEventSerializer::serializedEventNamed(const std::string& name) {
+    fs::path url = cacheDirectory_ / name;
+    const auto kind = folder_->kind(url);
+    if (kind == EventFolderEntryKind::missing) {
+        KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",
+               "Trying to serialize event from non existing file {}", fileURL(url));
+        indexedNames_.erase(name);
+        return std::nullopt;
+    }
+    if (kind != EventFolderEntryKind::plainFile) {
+        indexedNames_.erase(name);
+        if (hasEventExtension(url.filename())) removeForeignEntry(url, kind == EventFolderEntryKind::directory);
+        return std::nullopt;
+    }
+    auto event = unarchiveEventAtURL(url);
+    if (!event) {
+        removeEventAtPathAndCrash(url);
+        counters_.unreadableDeleted.fetch_add(1, std::memory_order_relaxed);
+        return std::nullopt;
+    }
+    return APSerializedEvent(std::move(event), std::move(url));
 }
 
 void APEventSerializer::removeStaleTemporaryFiles() {

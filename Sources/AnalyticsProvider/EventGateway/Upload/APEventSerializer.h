@@ -78,6 +78,8 @@ public:
     /// Reads back the stored files of the given names, each once. Files that cannot be
     /// decoded are deleted on the spot and counted; names whose file is gone are skipped.
     std::vector<APSerializedEvent> serializedEventsNamed(const std::vector<std::string>& names);
+    /// The same for one name: nullopt when the file is gone, not ours or undecodable.
+    std::optional<APSerializedEvent> serializedEventNamed(const std::string& name);
     /// Lists the folder again (the index follows it) and returns the names that reading
     /// back takes: every plain file whose name ends in "event", with or without the dot.
     std::vector<std::string> relistReadableNames();

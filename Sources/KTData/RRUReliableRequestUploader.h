@@ -1,5 +1,7 @@
 #pragma once
-// Re-sends requests that failed earlier.
+// Takes over single requests and delivers them, retrying as it sees fit.
+
+#include "Platform/HTTPRequest.h"
 
 namespace kt {
 
@@ -10,6 +12,11 @@ public:
     RRUReliableRequestUploader(const RRUReliableRequestUploader&) = delete;
     RRUReliableRequestUploader& operator=(const RRUReliableRequestUploader&) = delete;
 
+    /// Takes over one request; returns at once.
+    virtual void uploadRequest(HTTPRequest request) = 0;
+    /// Sends what waits now.
+    virtual void flush() = 0;
+    /// Tries the requests that failed before again, at once.
     virtual void uploadFailedRequests() = 0;
 };
 

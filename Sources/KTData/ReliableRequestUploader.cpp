@@ -1,8 +1,14 @@
 #include "KTData/ReliableRequestUploader.h"
 
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <optional>
+#include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -43,16 +49,30 @@ std::string columnText(sqlite3_stmt* s, int column) {
 
 }  // namespace
 
+namespace {
+
+using SystemClock = std::chrono::system_clock;
+
+double secondsNow() { return std::chrono::duration<double>(SystemClock::now().time_since_epoch()).count(); }
+
+}  // namespace
+
 struct ReliableRequestUploader::State {
-    const int maximumAttempts;
+    const Configuration configuration;
+    const std::shared_ptr<RequestQueueing> requestQueue;
     const std::shared_ptr<KTLogger> logger;
 
     mutable std::mutex mutex;
+    std::condition_variable wake;
     sqlite3* db = nullptr;            // guarded by mutex
-    std::set<std::int64_t> inFlight;  // guarded by mutex: stored rows handed to the queue
-    Statistics statistics;            // guarded by mutex
+    std::set<std::int64_t> inFlight;  // guarded by mutex: rows handed to the request queue
+    Statistics counts;                // guarded by mutex
+    bool stopping = false;            // guarded by mutex
+    std::minstd_rand jitter{std::random_device{}()};  // guarded by mutex
+    std::thread worker;
 
-    State(int attempts, std::shared_ptr<KTLogger> l) : maximumAttempts(attempts), logger(std::move(l)) {}
+    State(Configuration c, std::shared_ptr<RequestQueueing> queue, std::shared_ptr<KTLogger> l)
+        : configuration(std::move(c)), requestQueue(std::move(queue)), logger(std::move(l)) {}
     State(const State&) = delete;
     State& operator=(const State&) = delete;
     ~State() { sqlite3_close(db); }
@@ -78,166 +98,225 @@ struct ReliableRequestUploader::State {
             return false;
         }
         sqlite3_busy_timeout(db, kBusyTimeoutMs);
-        return exec("CREATE TABLE IF NOT EXISTS failed_requests ("
+        return exec("CREATE TABLE IF NOT EXISTS requests ("
                     "id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT NOT NULL, method TEXT NOT NULL, "
-                    "headers TEXT NOT NULL, body BLOB NOT NULL, attempts INTEGER NOT NULL)");
+                    "headers TEXT NOT NULL, body BLOB NOT NULL, attempts INTEGER NOT NULL, "
+                    "created_at REAL NOT NULL, next_attempt_at REAL NOT NULL)");
     }
 
-    void store(const HTTPRequest& request, int attempts) {
-        std::lock_guard lock(mutex);
+    // The caller holds the mutex.
+    bool step(const char* sql, const std::function<void(sqlite3_stmt*)>& bind) {
         sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "INSERT INTO failed_requests (url, method, headers, body, attempts) "
-                                   "VALUES (?, ?, ?, ?, ?)", -1, &s, nullptr) != SQLITE_OK) {
-            KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader uploadRequest:]", "cannot store {}: {}", request.url,
-                   sqlite3_errmsg(db));
-            return;
+        bool ok = sqlite3_prepare_v2(db, sql, -1, &s, nullptr) == SQLITE_OK;
+        if (ok) {
+            bind(s);
+            ok = sqlite3_step(s) == SQLITE_DONE;
         }
+        if (!ok) KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader uploadRequest:]", "SQLite: {}", sqlite3_errmsg(db));
+        sqlite3_finalize(s);
+        return ok;
+    }
+
+    bool insert(const HTTPRequest& request) {
         const std::string headers = encodeHeaders(request);
-        sqlite3_bind_text(s, 1, request.url.data(), static_cast<int>(request.url.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_text(s, 2, request.method.data(), static_cast<int>(request.method.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_text(s, 3, headers.data(), static_cast<int>(headers.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_blob(s, 4, request.body.data(), static_cast<int>(request.body.size()), SQLITE_TRANSIENT);
-        sqlite3_bind_int(s, 5, attempts);
-        if (sqlite3_step(s) != SQLITE_DONE)
-            KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader uploadRequest:]", "cannot store {}: {}", request.url,
-                   sqlite3_errmsg(db));
-        sqlite3_finalize(s);
+        const double now = secondsNow();
+        return step("INSERT INTO requests (url, method, headers, body, attempts, created_at, next_attempt_at) "
+                    "VALUES (?, ?, ?, ?, 0, ?, ?)",
+                    [&](sqlite3_stmt* s) {
+                        sqlite3_bind_text(s, 1, request.url.data(), static_cast<int>(request.url.size()),
+                                          SQLITE_TRANSIENT);
+                        sqlite3_bind_text(s, 2, request.method.data(), static_cast<int>(request.method.size()),
+                                          SQLITE_TRANSIENT);
+                        sqlite3_bind_text(s, 3, headers.data(), static_cast<int>(headers.size()), SQLITE_TRANSIENT);
+                        sqlite3_bind_blob(s, 4, request.body.data(), static_cast<int>(request.body.size()),
+                                          SQLITE_TRANSIENT);
+                        sqlite3_bind_double(s, 5, now);
+                        sqlite3_bind_double(s, 6, now);
+                    });
     }
 
-    // Runs `sql` with one integer parameter bound to `id`; the caller holds the mutex.
-    void execForId(const char* sql, std::int64_t id) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) == SQLITE_OK) {
-            sqlite3_bind_int64(s, 1, id);
-            if (sqlite3_step(s) == SQLITE_DONE) {
-                sqlite3_finalize(s);
-                return;
-            }
-        }
-        KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader uploadFailedRequests]", "SQLite: {}", sqlite3_errmsg(db));
-        sqlite3_finalize(s);
+    void remove(std::int64_t id) {
+        step("DELETE FROM requests WHERE id = ?", [id](sqlite3_stmt* s) { sqlite3_bind_int64(s, 1, id); });
     }
 
-    // The answer to the first attempt of a request that is not stored yet.
-    void firstAnswer(const HTTPRequest& request, int code) {
-        if (code == static_cast<int>(RequestResult::delivered)) {
-            std::lock_guard lock(mutex);
-            ++statistics.delivered;
-        } else if (code == static_cast<int>(RequestResult::rejected)) {
-            KT_LOG(logger, 2, kFile, "-[ReliableRequestUploader uploadRequest:]", "{} rejected", request.url);
-            std::lock_guard lock(mutex);
-            ++statistics.rejected;
-        } else if (maximumAttempts <= 1) {
-            dropOne(request.url);
-        } else {
-            store(request, 1);
-        }
+    std::chrono::milliseconds retryDelay(int attempts) {
+        auto delay = configuration.firstRetryDelay;
+        for (int i = 1; i < attempts && delay < configuration.longestRetryDelay; ++i) delay *= 2;
+        delay = std::min(delay, configuration.longestRetryDelay);
+        std::uniform_real_distribution<double> spread(0.8, 1.2);
+        return std::chrono::milliseconds(static_cast<std::int64_t>(static_cast<double>(delay.count()) * spread(jitter)));
     }
 
-    void dropOne(const std::string& url) {
-        KT_LOG(logger, 2, kFile, "-[ReliableRequestUploader uploadFailedRequests]",
-               "{} dropped after {} failed attempts", url, maximumAttempts);
+    // The answer to one attempt, on the request queue's thread.
+    void answer(std::int64_t id, int attempts, double createdAt, const std::string& url, int code) {
         std::lock_guard lock(mutex);
-        ++statistics.dropped;
-    }
-
-    // The answer to a stored request sent again.
-    void storedAnswer(std::int64_t id, int attempts, const std::string& url, int code) {
-        bool dropped = false;
-        {
-            std::lock_guard lock(mutex);
-            inFlight.erase(id);
-            if (code == static_cast<int>(RequestResult::delivered)) {
-                ++statistics.delivered;
-                execForId("DELETE FROM failed_requests WHERE id = ?", id);
-            } else if (code == static_cast<int>(RequestResult::rejected)) {
-                ++statistics.rejected;
-                execForId("DELETE FROM failed_requests WHERE id = ?", id);
-            } else if (attempts + 1 >= maximumAttempts) {
-                execForId("DELETE FROM failed_requests WHERE id = ?", id);
-                dropped = true;
+        inFlight.erase(id);
+        if (code == static_cast<int>(RequestResult::delivered)) {
+            ++counts.delivered;
+            remove(id);
+        } else if (code == static_cast<int>(RequestResult::rejected)) {
+            ++counts.rejected;
+            KT_LOG(logger, 2, kFile, "-[ReliableRequestUploader uploadRequest:]", "{} rejected; not retried", url);
+            remove(id);
+        } else {
+            const double age = secondsNow() - createdAt;
+            if (attempts >= configuration.maximumAttempts ||
+                age * 1000.0 >= static_cast<double>(configuration.maximumAge.count())) {
+                ++counts.givenUp;
+                KT_LOG(logger, 2, kFile, "-[ReliableRequestUploader uploadRequest:]",
+                       "{} given up after {} attempts over {:.0f} s", url, attempts, age);
+                remove(id);
             } else {
-                execForId("UPDATE failed_requests SET attempts = attempts + 1 WHERE id = ?", id);
+                const double next = secondsNow() + std::chrono::duration<double>(retryDelay(attempts)).count();
+                step("UPDATE requests SET attempts = ?, next_attempt_at = ? WHERE id = ?", [&](sqlite3_stmt* s) {
+                    sqlite3_bind_int(s, 1, attempts);
+                    sqlite3_bind_double(s, 2, next);
+                    sqlite3_bind_int64(s, 3, id);
+                });
             }
         }
-        if (dropped) dropOne(url);
+        wake.notify_all();
     }
 
-    struct Stored {
+    struct Due {
         std::int64_t id;
         int attempts;
+        double createdAt;
         HTTPRequest request;
     };
 
-    // Stored requests not in flight, oldest first, marked as in flight.
-    std::vector<Stored> takeStored() {
-        std::vector<Stored> result;
-        std::lock_guard lock(mutex);
+    // Rows due now and not in flight, oldest first, marked as in flight; and when the next
+    // one falls due. The caller holds the mutex.
+    std::vector<Due> takeDue(std::optional<double>& nextDue) {
+        std::vector<Due> due;
+        const double now = secondsNow();
         sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT id, url, method, headers, body, attempts FROM failed_requests ORDER BY id",
-                               -1, &s, nullptr) != SQLITE_OK) {
-            KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader uploadFailedRequests]", "SQLite: {}",
-                   sqlite3_errmsg(db));
-            return result;
-        }
+        if (sqlite3_prepare_v2(db,
+                               "SELECT id, url, method, headers, body, attempts, created_at, next_attempt_at "
+                               "FROM requests ORDER BY id",
+                               -1, &s, nullptr) != SQLITE_OK)
+            return due;
         while (sqlite3_step(s) == SQLITE_ROW) {
             const std::int64_t id = sqlite3_column_int64(s, 0);
             if (inFlight.contains(id)) continue;
-            Stored stored{id, sqlite3_column_int(s, 5), HTTPRequest{}};
-            stored.request.url = columnText(s, 1);
-            stored.request.method = columnText(s, 2);
-            decodeHeaders(columnText(s, 3), stored.request);
-            const void* body = sqlite3_column_blob(s, 4);
-            if (body != nullptr)
-                stored.request.body.assign(static_cast<const char*>(body), sqlite3_column_bytes(s, 4));
+            const double at = sqlite3_column_double(s, 7);
+            if (at > now) {
+                nextDue = nextDue ? std::min(*nextDue, at) : at;
+                continue;
+            }
+            Due d{id, sqlite3_column_int(s, 5), sqlite3_column_double(s, 6), HTTPRequest{}};
+            d.request.url = columnText(s, 1);
+            d.request.method = columnText(s, 2);
+            decodeHeaders(columnText(s, 3), d.request);
+            if (const void* body = sqlite3_column_blob(s, 4))
+                d.request.body.assign(static_cast<const char*>(body), sqlite3_column_bytes(s, 4));
             inFlight.insert(id);
-            result.push_back(std::move(stored));
+            due.push_back(std::move(d));
         }
         sqlite3_finalize(s);
-        statistics.retried += result.size();
-        return result;
+        return due;
+    }
+
+    void send(const std::shared_ptr<State>& self, Due due) {
+        const int attempts = due.attempts + 1;
+        if (attempts > 1) {
+            std::lock_guard lock(mutex);
+            ++counts.retried;
+        }
+        requestQueue->sendRequest(std::move(due.request),
+                                  [weak = std::weak_ptr<State>(self), id = due.id, attempts,
+                                   createdAt = due.createdAt, url = due.request.url](int code) {
+                                      if (auto state = weak.lock()) state->answer(id, attempts, createdAt, url, code);
+                                  });
+    }
+
+    // The worker: sends what is due, then sleeps until the next request falls due, a new
+    // one arrives, an answer comes, or the uploader stops. Delivery never runs on a caller's
+    // thread.
+    static void run(const std::shared_ptr<State>& self) {
+        std::unique_lock lock(self->mutex);
+        while (!self->stopping) {
+            if (!self->requestQueue->isNetworkReachable()) {
+                self->wake.wait_for(lock, self->configuration.reachabilityPoll);
+                continue;
+            }
+            std::optional<double> nextDue;
+            auto due = self->takeDue(nextDue);
+            if (!due.empty()) {
+                lock.unlock();
+                for (auto& d : due) self->send(self, std::move(d));
+                lock.lock();
+                continue;
+            }
+            if (nextDue) {
+                const auto wait = std::chrono::duration<double>(*nextDue - secondsNow());
+                self->wake.wait_for(lock, std::max(wait, std::chrono::duration<double>(0.001)));
+            } else {
+                self->wake.wait(lock);
+            }
+        }
+    }
+
+    // Makes the rows matching `where` due now and wakes the worker.
+    void makeDue(const char* sql) {
+        {
+            std::lock_guard lock(mutex);
+            const double now = secondsNow();
+            step(sql, [now](sqlite3_stmt* s) { sqlite3_bind_double(s, 1, now); });
+        }
+        wake.notify_all();
     }
 };
 
 ReliableRequestUploader::ReliableRequestUploader(Configuration configuration,
                                                  std::shared_ptr<RequestQueueing> requestQueue,
-                                                 std::shared_ptr<KTLogger> logger)
-    : requestQueue_(std::move(requestQueue)),
-      state_(std::make_shared<State>(configuration.maximumAttempts, logger ? std::move(logger) : KTLogger::null())) {
-    KT_EXPECT_NOT_NIL(requestQueue_, "requestQueue");
+                                                 std::shared_ptr<KTLogger> logger) {
+    KT_EXPECT_NOT_NIL(requestQueue, "requestQueue");
     KT_PARAMETER_ASSERT(configuration.maximumAttempts > 0);
     const std::string path = configuration.databasePath.empty() ? ":memory:" : configuration.databasePath.string();
-    // Without its file the uploader still retries within this run.
+    state_ = std::make_shared<State>(std::move(configuration), std::move(requestQueue),
+                                     logger ? std::move(logger) : KTLogger::null());
+    // Without its file the uploader still delivers and retries within this run.
     if (!state_->openAt(path) && path != ":memory:") state_->openAt(":memory:");
+    state_->worker = std::thread([state = state_] { State::run(state); });
 }
 
-ReliableRequestUploader::~ReliableRequestUploader() = default;
+ReliableRequestUploader::~ReliableRequestUploader() {
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->stopping = true;
+    }
+    state_->wake.notify_all();
+    state_->worker.join();
+}
 
 void ReliableRequestUploader::uploadRequest(HTTPRequest request) {
-    if (!requestQueue_->isNetworkReachable()) {
-        state_->store(request, 0);
+    bool stored = false;
+    {
+        std::lock_guard lock(state_->mutex);
+        ++state_->counts.fired;
+        stored = state_->insert(request);
+        if (!stored) ++state_->counts.notStored;
+    }
+    if (!stored) {
+        // The disk refused it: one attempt from memory is better than none.
+        state_->requestQueue->sendRequest(std::move(request), [](int) {});
         return;
     }
-    auto copy = std::make_shared<HTTPRequest>(request);
-    requestQueue_->sendRequest(std::move(request), [state = state_, copy](int code) { state->firstAnswer(*copy, code); });
+    state_->wake.notify_all();
 }
+
+void ReliableRequestUploader::flush() { state_->makeDue("UPDATE requests SET next_attempt_at = ?"); }
 
 void ReliableRequestUploader::uploadFailedRequests() {
-    if (!requestQueue_->isNetworkReachable()) return;
-    for (auto& stored : state_->takeStored()) {
-        auto callback = [state = state_, id = stored.id, attempts = stored.attempts,
-                         url = stored.request.url](int code) { state->storedAnswer(id, attempts, url, code); };
-        requestQueue_->sendRequest(std::move(stored.request), std::move(callback));
-    }
+    state_->makeDue("UPDATE requests SET next_attempt_at = ? WHERE attempts > 0");
 }
-
-void ReliableRequestUploader::flush() { uploadFailedRequests(); }
 
 std::size_t ReliableRequestUploader::numberOfStoredRequests() const {
     std::lock_guard lock(state_->mutex);
     sqlite3_stmt* s = nullptr;
     std::size_t count = 0;
-    if (sqlite3_prepare_v2(state_->db, "SELECT COUNT(*) FROM failed_requests", -1, &s, nullptr) == SQLITE_OK &&
+    if (sqlite3_prepare_v2(state_->db, "SELECT COUNT(*) FROM requests", -1, &s, nullptr) == SQLITE_OK &&
         sqlite3_step(s) == SQLITE_ROW)
         count = static_cast<std::size_t>(sqlite3_column_int64(s, 0));
     sqlite3_finalize(s);
@@ -245,8 +324,12 @@ std::size_t ReliableRequestUploader::numberOfStoredRequests() const {
 }
 
 ReliableRequestUploader::Statistics ReliableRequestUploader::statistics() const {
+    const std::size_t stored = numberOfStoredRequests();
     std::lock_guard lock(state_->mutex);
-    return state_->statistics;
+    Statistics s = state_->counts;
+    s.waiting = stored;
+    s.inFlight = state_->inFlight.size();
+    return s;
 }
 
 }  // namespace kt

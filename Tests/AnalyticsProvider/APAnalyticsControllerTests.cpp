@@ -13,6 +13,8 @@ namespace {
 
 class CountingUploader final : public RRUReliableRequestUploader {
 public:
+    void uploadRequest(HTTPRequest) override {}
+    void flush() override {}
     void uploadFailedRequests() override { ++calls; }
     int calls = 0;
 };

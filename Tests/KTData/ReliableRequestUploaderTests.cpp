@@ -1,5 +1,9 @@
 #include "KTData/ReliableRequestUploader.h"
 
+#include <chrono>
+#include <functional>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "Support/FakeRequestQueue.h"
@@ -8,6 +12,7 @@
 namespace kt {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::FakeRequestQueue;
 using testing::TemporaryDirectory;
 
@@ -19,133 +24,145 @@ HTTPRequest trackingRequest(const std::string& name) {
     HTTPRequest request;
     request.url = "http://127.0.0.1:9/track/" + name + "?a=1&b=%20";
     request.setValue("KTAnalytics/1.0", "User-Agent");
-    request.setValue("Bearer token", "Authorization");
     // Binary bytes, a NUL among them, must come back unchanged.
     request.body = std::string("\x1f\x8b\x00\xff", 4) + name;
     return request;
 }
 
+// The worker runs on its own thread: wait, bounded, for what it is expected to do.
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+// Records the thread each request was sent from.
+class ThreadRecordingQueue final : public RequestQueueing {
+public:
+    bool isNetworkReachable() const override { return true; }
+    void sendRequest(HTTPRequest, ResultCallback callback) override {
+        std::lock_guard lock(mutex);
+        senders.push_back(std::this_thread::get_id());
+        callback(kDelivered);
+    }
+    std::mutex mutex;
+    std::vector<std::thread::id> senders;
+};
+
 class ReliableRequestUploaderTests : public ::testing::Test {
 protected:
-    std::shared_ptr<ReliableRequestUploader> makeUploader(int maximumAttempts = 5) {
-        return std::make_shared<ReliableRequestUploader>(
-            ReliableRequestUploader::Configuration{directory.path() / "requests.sqlite", maximumAttempts}, queue,
-            nullptr);
+    ReliableRequestUploader::Configuration configuration() {
+        ReliableRequestUploader::Configuration c;
+        c.databasePath = directory.path() / "requests.sqlite";
+        c.maximumAttempts = 3;
+        c.firstRetryDelay = 5ms;
+        c.longestRetryDelay = 20ms;
+        c.reachabilityPoll = 5ms;
+        return c;
+    }
+    bool sent(std::size_t count) {
+        return eventually([&] { return queue->sentCount() == count && queue->pendingCount() > 0; });
     }
 
     TemporaryDirectory directory{"kt-reliable-uploader"};
     std::shared_ptr<FakeRequestQueue> queue = std::make_shared<FakeRequestQueue>();
 };
 
-TEST_F(ReliableRequestUploaderTests, onlyARetriableFailureIsKeptForLater) {
-    auto uploader = makeUploader();
-    uploader->uploadRequest(trackingRequest("delivered"));
-    uploader->uploadRequest(trackingRequest("rejected"));
-    uploader->uploadRequest(trackingRequest("failed"));
-    ASSERT_EQ(queue->sentCount(), 3u);
-    queue->respond(kDelivered);
-    queue->respond(kRejected);
-    queue->respond(kFailed);
-
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 1u);
-    EXPECT_EQ(uploader->statistics().delivered, 1u);
-    EXPECT_EQ(uploader->statistics().rejected, 1u);
-    // Rejected on a later attempt, it is forgotten as well.
-    uploader->uploadFailedRequests();
-    queue->respond(kRejected);
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 0u);
-    EXPECT_EQ(uploader->statistics().rejected, 2u);
-    EXPECT_EQ(uploader->statistics().dropped, 0u);
-}
-
-TEST_F(ReliableRequestUploaderTests, aStoredRequestIsSentAgainUnchangedAndForgottenOnceDelivered) {
-    auto uploader = makeUploader();
-    const HTTPRequest original = trackingRequest("again");
-    uploader->uploadRequest(original);
-    queue->respond(kFailed);
-
-    uploader->uploadFailedRequests();
-    ASSERT_EQ(queue->sentCount(), 2u);
-    const HTTPRequest resent = queue->sentRequests()[1];
-    EXPECT_EQ(resent.url, original.url);
-    EXPECT_EQ(resent.method, original.method);
-    EXPECT_EQ(resent.headers, original.headers);
-    EXPECT_EQ(resent.body, original.body);
-
-    // In flight: a second pass must not send it twice.
-    uploader->flush();
-    EXPECT_EQ(queue->sentCount(), 2u);
-
-    queue->respond(kDelivered);
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 0u);
-    uploader->uploadFailedRequests();
-    EXPECT_EQ(queue->sentCount(), 2u);
-    EXPECT_EQ(uploader->statistics().retried, 1u);
-}
-
-TEST_F(ReliableRequestUploaderTests, aRequestIsDroppedAfterItsLastAllowedAttempt) {
-    auto uploader = makeUploader(3);
-    uploader->uploadRequest(trackingRequest("doomed"));
-    queue->respond(kFailed);  // attempt 1
-    uploader->uploadFailedRequests();
-    queue->respond(kFailed);  // attempt 2
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 1u);
-    uploader->uploadFailedRequests();
-    queue->respond(kFailed);  // attempt 3
-
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 0u);
-    EXPECT_EQ(uploader->statistics().dropped, 1u);
-    uploader->uploadFailedRequests();
-    EXPECT_EQ(queue->sentCount(), 3u);
-}
-
-TEST_F(ReliableRequestUploaderTests, storedRequestsSurviveARestart) {
-    {
-        auto first = makeUploader();
-        first->uploadRequest(trackingRequest("one"));
-        first->uploadRequest(trackingRequest("two"));
-        queue->respondToAll(kFailed);
-    }
-    queue = std::make_shared<FakeRequestQueue>();
-    auto second = makeUploader();
-    EXPECT_EQ(second->numberOfStoredRequests(), 2u);
-    second->uploadFailedRequests();
-    ASSERT_EQ(queue->sentCount(), 2u);
-    EXPECT_EQ(queue->sentRequests()[0].url, trackingRequest("one").url);
-    EXPECT_EQ(queue->sentRequests()[1].url, trackingRequest("two").url);
-}
-
-TEST_F(ReliableRequestUploaderTests, nothingIsSentWhileTheNetworkIsUnreachable) {
-    auto uploader = makeUploader();
+// Stored before `uploadRequest` returns: a process that ends right after (here, while the
+// network is down) loses nothing, and the next start sends it, bytes unchanged.
+TEST_F(ReliableRequestUploaderTests, aRequestIsStoredBeforeUploadReturnsAndSentByTheNextStart) {
     queue->setReachable(false);
-    uploader->uploadRequest(trackingRequest("offline"));
-    uploader->uploadFailedRequests();
+    {
+        ReliableRequestUploader uploader(configuration(), queue, nullptr);
+        uploader.uploadRequest(trackingRequest("first"));
+        EXPECT_EQ(uploader.numberOfStoredRequests(), 1u);
+    }
     EXPECT_EQ(queue->sentCount(), 0u);
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 1u);
-
     queue->setReachable(true);
-    uploader->uploadFailedRequests();
-    ASSERT_EQ(queue->sentCount(), 1u);
+    ReliableRequestUploader restarted(configuration(), queue, nullptr);
+    ASSERT_TRUE(sent(1));
+    const auto request = queue->sentRequests()[0];
+    const auto expected = trackingRequest("first");
+    EXPECT_EQ(request.url, expected.url);
+    EXPECT_EQ(request.headers, expected.headers);
+    EXPECT_EQ(request.body, expected.body);
     queue->respond(kDelivered);
-    EXPECT_EQ(uploader->numberOfStoredRequests(), 0u);
+    EXPECT_TRUE(eventually([&] { return restarted.numberOfStoredRequests() == 0; }));
+    EXPECT_EQ(restarted.statistics().delivered, 1u);
 }
 
-TEST_F(ReliableRequestUploaderTests, answersArrivingAfterTheUploaderIsGoneAreHarmless) {
-    auto uploader = makeUploader();
-    uploader->uploadRequest(trackingRequest("late"));
-    uploader.reset();
-    EXPECT_TRUE(queue->respond(kFailed));
-    auto again = makeUploader();
-    EXPECT_EQ(again->numberOfStoredRequests(), 1u);
+// Each outcome settles a request its own way, and every request given up is counted.
+TEST_F(ReliableRequestUploaderTests, failuresAreRetriedUntilGivenUpAndRejectionsAreNot) {
+    struct Case {
+        const char* name;
+        std::vector<int> answers;
+        std::uint64_t delivered, rejected, givenUp, retried;
+    };
+    for (const auto& c : std::vector<Case>{{"delivered at once", {kDelivered}, 1, 0, 0, 0},
+                                           {"rejected: never retried", {kRejected}, 0, 1, 0, 0},
+                                           {"delivered on the third attempt", {kFailed, 503, kDelivered}, 1, 0, 0, 2},
+                                           {"three failures", {kFailed, kFailed, kFailed}, 0, 0, 1, 2}}) {
+        SCOPED_TRACE(c.name);
+        queue = std::make_shared<FakeRequestQueue>();
+        std::filesystem::remove(directory.path() / "requests.sqlite");
+        ReliableRequestUploader uploader(configuration(), queue, nullptr);
+        uploader.uploadRequest(trackingRequest(c.name));
+        for (std::size_t i = 0; i < c.answers.size(); ++i) {
+            ASSERT_TRUE(sent(i + 1));
+            queue->respond(c.answers[i]);
+        }
+        ASSERT_TRUE(eventually([&] { return uploader.numberOfStoredRequests() == 0; }));
+        uploader.flush();
+        std::this_thread::sleep_for(20ms);  // a settled request must not be sent again
+        EXPECT_EQ(queue->sentCount(), c.answers.size());
+        const auto s = uploader.statistics();
+        EXPECT_EQ(s.fired, 1u);
+        EXPECT_EQ(s.delivered, c.delivered);
+        EXPECT_EQ(s.rejected, c.rejected);
+        EXPECT_EQ(s.givenUp, c.givenUp);
+        EXPECT_EQ(s.retried, c.retried);
+    }
 }
 
-TEST_F(ReliableRequestUploaderTests, anUnusableDatabasePathStillRetriesWithinTheRun) {
-    ReliableRequestUploader uploader({directory.path() / "missing" / "dir" / "requests.sqlite", 5}, queue, nullptr);
-    uploader.uploadRequest(trackingRequest("memory"));
+TEST_F(ReliableRequestUploaderTests, aRequestOlderThanTheAgeBoundIsGivenUpAtItsNextFailure) {
+    auto c = configuration();
+    c.maximumAttempts = 100;
+    c.maximumAge = 0ms;
+    ReliableRequestUploader uploader(c, queue, nullptr);
+    uploader.uploadRequest(trackingRequest("old"));
+    ASSERT_TRUE(sent(1));
     queue->respond(kFailed);
-    EXPECT_EQ(uploader.numberOfStoredRequests(), 1u);
+    EXPECT_TRUE(eventually([&] { return uploader.statistics().givenUp == 1; }));
+    EXPECT_EQ(uploader.numberOfStoredRequests(), 0u);
+}
+
+// With a long back-off, a failed request waits; asking for the failed ones sends it at once.
+TEST_F(ReliableRequestUploaderTests, uploadFailedRequestsSendsTheFailedOnesAtOnce) {
+    auto c = configuration();
+    c.firstRetryDelay = c.longestRetryDelay = 1h;
+    ReliableRequestUploader uploader(c, queue, nullptr);
+    uploader.uploadRequest(trackingRequest("waits"));
+    ASSERT_TRUE(sent(1));
+    queue->respond(kFailed);
+    ASSERT_TRUE(eventually([&] { return uploader.statistics().inFlight == 0; }));
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(queue->sentCount(), 1u);
     uploader.uploadFailedRequests();
-    EXPECT_EQ(queue->sentCount(), 2u);
+    ASSERT_TRUE(sent(2));
+    queue->respond(kDelivered);
+    EXPECT_TRUE(eventually([&] { return uploader.numberOfStoredRequests() == 0; }));
+}
+
+TEST_F(ReliableRequestUploaderTests, deliveryNeverRunsOnTheCallersThread) {
+    auto recording = std::make_shared<ThreadRecordingQueue>();
+    ReliableRequestUploader uploader(configuration(), recording, nullptr);
+    for (int i = 0; i < 3; ++i) uploader.uploadRequest(trackingRequest(std::to_string(i)));
+    ASSERT_TRUE(eventually([&] { return uploader.statistics().delivered == 3; }));
+    std::lock_guard lock(recording->mutex);
+    for (const auto& sender : recording->senders) EXPECT_NE(sender, std::this_thread::get_id());
 }
 
 }  // namespace

@@ -1,0 +1,30 @@
+#include "Promoted/APPromotedAnalyticsProvider.h"
+
+#include "KTData/RRUReliableRequestUploader.h"
+#include "Platform/Fatal.h"
+#include "Promoted/APPromotedRequestFactory.h"
+
+namespace kt {
+
+APPromotedAnalyticsProvider::APPromotedAnalyticsProvider(std::shared_ptr<RRUReliableRequestUploader> uploader)
+    : APPromotedAnalyticsProvider(std::make_shared<APPromotedRequestFactory>(), std::move(uploader)) {}
+
+APPromotedAnalyticsProvider::APPromotedAnalyticsProvider(std::shared_ptr<APPromotedRequestFactory> requestFactory,
+                                                         std::shared_ptr<RRUReliableRequestUploader> uploader)
+    : requestFactory_(std::move(requestFactory)), uploader_(std::move(uploader)) {
+    KT_PARAMETER_ASSERT_TEXT(requestFactory_ != nullptr, "requestFactory");
+    KT_PARAMETER_ASSERT_TEXT(uploader_ != nullptr, "uploader");
+}
+
+std::shared_ptr<const EventNameSet> APPromotedAnalyticsProvider::trackedEvents() const {
+    static const auto names = std::make_shared<const EventNameSet>(EventNameSet{kPromotedEventName});
+    return names;
+}
+
+void APPromotedAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
+    if (auto request = requestFactory_->requestForEvent(*event)) uploader_->uploadRequest(std::move(*request));
+}
+
+void APPromotedAnalyticsProvider::flush() { uploader_->flush(); }
+
+}  // namespace kt

@@ -23,6 +23,8 @@
 #include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "Attribution/AttributableEventCenter.h"
+#include "Promoted/APPromotedAnalyticsProvider.h"
 #include "KTFoundation/AnalyticsIdProviding.h"
 #include "KTFoundation/ConnectivityStateDetecting.h"
 #include "KTFoundation/CredentialStore.h"
@@ -198,6 +200,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         });
     ReliableRequestUploaderConfiguration reliableConfiguration;
     reliableConfiguration.databasePath = requestsPath;
+    reliableConfiguration.firstRetryDelay = config.requestFirstRetryDelay;
     s.reliableUploader_ =
         std::make_shared<ReliableRequestUploader>(reliableConfiguration, s.notifyingRequestQueue_, s.logger_);
 
@@ -227,6 +230,12 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.controller_ =
         std::make_shared<APAnalyticsController>(s.reliableUploader_, s.eventNames_, config.techLogger, s.logger_);
     s.controller_->registerAnalyticsProvider(s.gatewayProvider_);
+    s.promotedProvider_ = std::make_shared<APPromotedAnalyticsProvider>(s.reliableUploader_);
+    s.controller_->registerAnalyticsProvider(s.promotedProvider_);
+    if (config.playbackService) {
+        s.attributableEventCenter_ = AttributableEventCenter::make(config.playbackService, s.controller_, s.userDefaults_);
+        s.attributableEventCenter_->setDelegate(config.attributionDelegate);
+    }
 
     KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
            environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
@@ -258,6 +267,7 @@ bool AnalyticsStack::prepareSharedController() {
         return false;
     }
     shared.registerAnalyticsProvider(gatewayProvider_);
+    if (!shared.providerForClass<APPromotedAnalyticsProvider>()) shared.registerAnalyticsProvider(promotedProvider_);
     return true;
 }
 
@@ -353,9 +363,16 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
     }
     reportProgress(reported);
     recordDrops();
-    if (settled) return true;
+    // Single requests retry on their own; they are done when delivered or given up.
+    bool requestsSettled = false;
+    if (reliableUploader_) {
+        reliableUploader_->flush();
+        while (!(requestsSettled = reliableUploader_->statistics().waiting == 0) && Clock::now() < deadline)
+            waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
+    }
+    if (settled) return requestsSettled;
     const auto upload = uploader_->statistics();
-    return upload.waiting == 0 && upload.inFlight == 0;
+    return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled;
 }
 
 APEventDropCounts AnalyticsStack::recordedDrops(UserDefaults& defaults) {

@@ -36,6 +36,10 @@
 namespace kt {
 
 class APAnalyticsController;
+class APPromotedAnalyticsProvider;
+class AttributableEventCenter;
+class AttributableEventCenterDelegate;
+class PlaybackServicing;
 class APEventDescripting;
 class APEventGatewayAnalyticsProvider;
 class APEventGatewayAnalyticsRecording;
@@ -109,6 +113,13 @@ struct AnalyticsStackConfiguration {
     /// for a minute costs no event.
     std::chrono::milliseconds firstRetryPause = std::chrono::seconds(20);
     std::chrono::milliseconds longestRetryPause = std::chrono::minutes(5);
+    /// Single requests (promoted tracking URLs): see ReliableRequestUploaderConfiguration.
+    std::chrono::milliseconds requestFirstRetryDelay = std::chrono::seconds(2);
+    /// The player. When set, an attributable event center watches it and the controller's
+    /// events, and hands its tokens to `attributionDelegate` (held weakly by the center, so
+    /// the stack keeps it).
+    std::shared_ptr<PlaybackServicing> playbackService{};
+    std::shared_ptr<AttributableEventCenterDelegate> attributionDelegate{};
 };
 
 class AnalyticsStack {
@@ -150,7 +161,8 @@ public:
     /// Flushes every provider: everything stored and not in flight is uploaded.
     void flush();
     /// Waits until every event tagged so far has been stored and the store is empty with
-    /// nothing in flight: delivered, or dropped after its last attempt. Flushes (again after
+    /// nothing in flight: delivered, or dropped after its last attempt; and until every
+    /// single request (promoted tracking URLs) is delivered or given up. Flushes (again after
     /// failed attempts, with a growing pause) while events wait and none is in flight. True
     /// when the store emptied, false at the time-out. Never call it on the pipeline's queue.
     bool waitUntilDelivered(std::chrono::milliseconds timeout);
@@ -192,6 +204,9 @@ public:
     const std::shared_ptr<APEventGatewayBatchUploader>& uploader() const { return uploader_; }
     const std::shared_ptr<APEventGatewayAnalyticsRecording>& recorder() const { return recorder_; }
     const std::shared_ptr<APEventGatewayAnalyticsProvider>& gatewayProvider() const { return gatewayProvider_; }
+    const std::shared_ptr<APPromotedAnalyticsProvider>& promotedProvider() const { return promotedProvider_; }
+    /// Null unless the configuration has a playback service.
+    const std::shared_ptr<AttributableEventCenter>& attributableEventCenter() const { return attributableEventCenter_; }
     const std::shared_ptr<APEventNames>& eventNames() const { return eventNames_; }
     APAnalyticsController& controller() const { return *controller_; }
 
@@ -236,6 +251,8 @@ private:
     std::shared_ptr<APEventGatewayBatchUploader> uploader_;
     std::shared_ptr<APEventGatewayAnalyticsRecording> recorder_;
     std::shared_ptr<APEventGatewayAnalyticsProvider> gatewayProvider_;
+    std::shared_ptr<APPromotedAnalyticsProvider> promotedProvider_;
+    std::shared_ptr<AttributableEventCenter> attributableEventCenter_;
     std::shared_ptr<APEventNames> eventNames_;
     std::shared_ptr<APAnalyticsController> controller_;
 };

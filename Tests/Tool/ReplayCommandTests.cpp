@@ -101,7 +101,8 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
     EXPECT_EQ(replaySummaryJSON(summary),
               R"({"tagged":5,"delivered":3,"dropped":1,"dropped_by_reason":{"failed_three_times":0,"rejected":0,)"
               R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0},)"
-              R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0})");
+              R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0,)"
+              R"("promoted":{"fired":0,"delivered":0,"waiting":0,"given_up":0},"attribution_tokens":[]})");
     EXPECT_EQ(replayExitCode(summary), kReplayStillWaiting);
     summary.waiting = 0;
     EXPECT_EQ(replayExitCode(summary), kReplayDropped);

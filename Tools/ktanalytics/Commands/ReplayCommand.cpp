@@ -19,6 +19,7 @@
 #include "AnalyticsProvider/APEventNames.h"
 #include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 #include "Commands/Commands.h"
+#include "Commands/Playback.h"
 #include "KTFoundation/KTLogger.h"
 
 namespace kt::tool {
@@ -109,6 +110,11 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
     json["batches"] = summary.batches;
     json["skipped"] = summary.skipped;
     json["not_for_gateway"] = summary.notForGateway;
+    json["promoted"] = nlohmann::ordered_json{{"fired", summary.promotedFired},
+                                              {"delivered", summary.promotedDelivered},
+                                              {"waiting", summary.promotedWaiting},
+                                              {"given_up", summary.promotedGivenUp}};
+    json["attribution_tokens"] = summary.attributionTokens;
     return json.dump();
 }
 
@@ -178,6 +184,11 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
     summary.batches = upload.batchesSent;
     summary.skipped = tagging.skipped;
     summary.notForGateway = tagging.notForGateway;
+    const auto requests = stack.statistics().reliableRequests;
+    summary.promotedFired = requests.fired;
+    summary.promotedDelivered = requests.delivered;
+    summary.promotedWaiting = requests.waiting;
+    summary.promotedGivenUp = requests.givenUp + requests.rejected + requests.notStored;
     return summary;
 }
 
@@ -217,20 +228,21 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
             << std::flush;
     };
 
+    // Likes, follows and plays in the file reach the attribution emitter; no player plays here.
+    auto tokens = std::make_shared<TokenRecorder>();
+    configuration->playbackService = std::make_shared<ScriptedPlaybackService>();
+    configuration->attributionDelegate = tokens;
+
     auto stack = AnalyticsStack::make(std::move(*configuration), &error);
     if (!stack) {
         err << "ktanalytics replay: " << error << '\n';
         return kReplayCannotStart;
     }
-    if (!stack->prepareSharedController()) {
-        err << "ktanalytics replay: the shared analytics controller already has a gateway provider\n";
-        return kReplayCannotStart;
-    }
-    auto& controller = APAnalyticsController::sharedInstance();
     const auto timeout = std::chrono::milliseconds(static_cast<std::int64_t>(options.timeoutSeconds * 1000.0));
-    const auto summary = replay(
-        input, *stack, [&controller](const std::shared_ptr<const APEventDescripting>& event) { controller.tagEvent(event); },
+    auto summary = replay(
+        input, *stack, [&stack](const std::shared_ptr<const APEventDescripting>& event) { stack->tagEvent(event); },
         timeout, err);
+    summary.attributionTokens = tokens->tokens();
 
     if (summary.notForGateway != 0)
         err << "replay: " << summary.notForGateway
@@ -240,13 +252,17 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
             << " s; they stay in the state folder for the next run\n";
     if (summary.dropped != 0)
         err << "replay: " << summary.dropped << " events were dropped without delivery (see dropped_by_reason)\n";
+    if (summary.promotedWaiting != 0)
+        err << "replay: " << summary.promotedWaiting << " promoted requests still waiting; they stay for the next run\n";
+    if (summary.promotedGivenUp != 0)
+        err << "replay: " << summary.promotedGivenUp << " promoted requests were given up\n";
     out << replaySummaryJSON(summary) << std::endl;
     return replayExitCode(summary);
 }
 
 int replayExitCode(const ReplaySummary& summary) {
-    if (summary.waiting != 0) return kReplayStillWaiting;
-    if (summary.dropped != 0) return kReplayDropped;
+    if (summary.waiting != 0 || summary.promotedWaiting != 0) return kReplayStillWaiting;
+    if (summary.dropped != 0 || summary.promotedGivenUp != 0) return kReplayDropped;
     return kReplayDelivered;
 }
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <vector>
 
 #include "Platform/AttributeValue.h"
 #include "Setup/AnalyticsStack.h"
@@ -75,6 +76,11 @@ struct ReplaySummary {
     std::uint64_t delivered = 0;
     std::uint64_t dropped = 0;
     APEventDropCounts droppedByReason;
+    /// Promoted tracking requests: handed over, delivered, still waiting, given up (after
+    /// their last attempt, or rejected).
+    std::uint64_t promotedFired = 0, promotedDelivered = 0, promotedWaiting = 0, promotedGivenUp = 0;
+    /// Attribution tokens emitted, in order.
+    std::vector<std::string> attributionTokens;
     std::uint64_t waiting = 0;
     std::uint64_t batches = 0;
     std::uint64_t skipped = 0;
@@ -82,7 +88,8 @@ struct ReplaySummary {
 };
 
 /// {"tagged":..,"delivered":..,"dropped":..,"dropped_by_reason":{"failed_three_times":..,
-/// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..} on one line.
+/// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..,"promoted":{"fired":..,
+/// "delivered":..,"waiting":..,"given_up":..},"attribution_tokens":[...]} on one line.
 std::string replaySummaryJSON(const ReplaySummary& summary);
 
 /// The stack configuration for the options over `base` (the environment with its variables

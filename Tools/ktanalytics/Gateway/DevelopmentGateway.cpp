@@ -438,6 +438,26 @@ struct DevelopmentGateway::Impl {
         return result;
     }
 
+    std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const {
+        std::vector<StoredTrackingRequest> result;
+        std::lock_guard lock(dbMutex);
+        if (db == nullptr) return result;
+        sqlite3_stmt* s = nullptr;
+        if (sqlite3_prepare_v2(db, "SELECT method, target, headers, received_at FROM tracking_requests "
+                                   "ORDER BY id DESC LIMIT ?",
+                               -1, &s, nullptr) != SQLITE_OK)
+            return result;
+        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
+        auto text = [s](int column) {
+            const auto* t = sqlite3_column_text(s, column);
+            return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
+        };
+        while (sqlite3_step(s) == SQLITE_ROW) result.push_back({text(0), text(1), text(2), text(3)});
+        sqlite3_finalize(s);
+        std::reverse(result.begin(), result.end());
+        return result;
+    }
+
     void handleUpload(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& read) {
         {
@@ -508,11 +528,36 @@ struct DevelopmentGateway::Impl {
             answerJSON(response, 500, json{{"error", "storage failed"}});
             return;
         }
+        // "/track/impression/123" counts under "/track/impression".
+        const auto second = request.path.find('/', std::string("/track/").size());
+        const std::string prefix = request.path.substr(0, second);
         {
             std::lock_guard lock(stateMutex);
             ++statistics.trackingRequests;
+            ++statistics.trackingByPrefix[prefix];
         }
         response.status = 200;
+    }
+
+    void handleTrackingListing(const httplib::Request& request, httplib::Response& response) {
+        std::size_t limit = kDefaultEventsLimit;
+        if (request.has_param("limit")) {
+            const std::string text = request.get_param_value("limit");
+            const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), limit);
+            if (ec != std::errc() || end != text.data() + text.size() || text.empty() || limit > kMaximumEventsLimit)
+                return answerJSON(response, 400,
+                                  json{{"error", "limit must be an integer from 0 to " +
+                                                     std::to_string(kMaximumEventsLimit)}});
+        }
+        json listing = json::array();
+        for (const auto& r : lastTrackingRequests(limit)) {
+            json headers = json::parse(r.headers, nullptr, false);
+            listing.push_back(json{{"method", r.method},
+                                   {"target", r.target},
+                                   {"headers", headers.is_discarded() ? json(nullptr) : headers},
+                                   {"received_at", r.receivedAt}});
+        }
+        answerJSON(response, 200, listing);
     }
 
     void logRequest(const httplib::Request& request, int status, std::size_t events) {
@@ -532,7 +577,8 @@ struct DevelopmentGateway::Impl {
                         {"bytes_raw", s.bytesRaw},
                         {"failures_injected", s.failuresInjected},
                         {"rejected", s.rejected},
-                        {"tracking_requests", s.trackingRequests}});
+                        {"tracking_requests", s.trackingRequests},
+                        {"tracking_by_prefix", s.trackingByPrefix}});
     }
 
     void handleEvents(const httplib::Request& request, httplib::Response& response) {
@@ -595,6 +641,7 @@ struct DevelopmentGateway::Impl {
         server.Get("/stats", logged(&Impl::handleStats));
         server.Get("/events", logged(&Impl::handleEvents));
         server.Get(R"(/track/.*)", logged(&Impl::handleTracking));
+        server.Get("/tracking", logged(&Impl::handleTrackingListing));
         // Left to itself httplib reads a chunked body of any size into memory before finding
         // no route for it; bodies sent elsewhere are read here, within bounds, and dropped.
         auto notFound = [](const httplib::Request&, httplib::Response& r, const httplib::ContentReader& read) {
@@ -697,6 +744,10 @@ GatewayStatistics DevelopmentGateway::stats() const {
 
 std::vector<StoredEvent> DevelopmentGateway::lastEvents(std::size_t limit) const {
     return impl_->lastEvents(limit, std::numeric_limits<std::size_t>::max());
+}
+
+std::vector<StoredTrackingRequest> DevelopmentGateway::lastTrackingRequests(std::size_t limit) const {
+    return impl_->lastTrackingRequests(limit);
 }
 
 std::string DevelopmentGateway::lastError() const {

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,6 +55,16 @@ struct GatewayStatistics {
     std::uint64_t failuresInjected = 0;
     std::uint64_t rejected = 0;         // uploads answered 400 or 413
     std::uint64_t trackingRequests = 0;
+    /// Tracking requests by the first two segments of their path ("/track/impression").
+    std::map<std::string, std::uint64_t> trackingByPrefix;
+};
+
+/// One stored tracking request. `headers` is a JSON text (object), credentials masked.
+struct StoredTrackingRequest {
+    std::string method;
+    std::string target;  // path and query, as sent
+    std::string headers;
+    std::string receivedAt;
 };
 
 /// One stored element of an upload. `payload` and `headers` are JSON texts (objects).
@@ -93,6 +104,8 @@ public:
     GatewayStatistics stats() const;
     /// The last `limit` stored events, oldest first.
     std::vector<StoredEvent> lastEvents(std::size_t limit) const;
+    /// The last `limit` tracking requests, oldest first.
+    std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const;
     std::string lastError() const;
 
 private:

@@ -1,0 +1,139 @@
+// Promoted tracking URLs over the real gateway: every URL fired arrives once, whatever the
+// gateway, a restart or a kill does in between.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "AnalyticsProvider/APEvent.h"
+#include "Gateway/DevelopmentGateway.h"
+#include "Setup/AnalyticsStack.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+using gateway::DevelopmentGateway;
+using gateway::GatewayConfiguration;
+
+class PromotedDeliveryTests : public ::testing::Test {
+protected:
+    std::unique_ptr<DevelopmentGateway> startGateway(int port, double failRate = 0.0) {
+        GatewayConfiguration c;
+        c.port = port;
+        c.failRate = failRate;
+        c.seed = 1;
+        auto gateway = std::make_unique<DevelopmentGateway>(c);
+        EXPECT_TRUE(gateway->start()) << gateway->lastError();
+        return gateway;
+    }
+
+    std::unique_ptr<AnalyticsStack> makeStack(int port) {
+        AnalyticsStackConfiguration c;
+        c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
+        c.environment.clientId = 7;
+        c.environment.shouldFlushAtRegularIntervals = false;
+        c.stateDirectory = directory / "state";
+        c.requestFirstRetryDelay = 20ms;
+        c.firstRetryPause = 20ms;
+        c.shutdownTimeout = 500ms;
+        c.console = &console;
+        std::string error;
+        auto stack = AnalyticsStack::make(std::move(c), &error);
+        EXPECT_NE(stack, nullptr) << error;
+        return stack;
+    }
+
+    void fire(AnalyticsStack& stack, int port, int from, int to) {
+        for (int i = from; i < to; ++i)
+            stack.tagEvent(APEvent::make(
+                "promoted_event",
+                AttributeDictionary{{"url", "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" +
+                                                std::to_string(i)}}));
+    }
+
+    // Each target received, and how often.
+    static std::multiset<std::string> received(const DevelopmentGateway& gateway) {
+        std::multiset<std::string> targets;
+        for (const auto& r : gateway.lastTrackingRequests(1000)) targets.insert(r.target);
+        return targets;
+    }
+
+    static std::multiset<std::string> expected(int from, int to) {
+        std::multiset<std::string> targets;
+        for (int i = from; i < to; ++i) targets.insert("/track/impression/" + std::to_string(i));
+        return targets;
+    }
+
+    static int freePort() {
+        DevelopmentGateway probe(GatewayConfiguration{});
+        EXPECT_TRUE(probe.start());
+        return probe.port();
+    }
+
+    testing::TemporaryDirectory directory{"kt-promoted"};
+    std::ostringstream console;
+};
+
+// Fired while every request fails, then across a restart of the uploader over the same
+// state folder, and across a kill right after the request was handed over: all arrive,
+// each once.
+TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) {
+    const int port = freePort();
+    {
+        auto failing = startGateway(port, 1.0);
+        auto stack = makeStack(port);
+        fire(*stack, port, 0, 5);
+        const auto deadline = std::chrono::steady_clock::now() + 10s;
+        while (failing->stats().failuresInjected < 10 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(5ms);
+        EXPECT_GE(failing->stats().failuresInjected, 10u);  // each tried at least twice
+        EXPECT_EQ(stack->statistics().reliableRequests.waiting, 5u);
+    }
+    // A process that dies right after handing a URL over.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto stack = makeStack(port);
+        fire(*stack, port, 5, 6);
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    auto gateway = startGateway(port);
+    auto stack = makeStack(port);
+    ASSERT_TRUE(stack->waitUntilDelivered(20s));
+    EXPECT_EQ(received(*gateway), expected(0, 6));
+    const auto requests = stack->statistics().reliableRequests;
+    EXPECT_EQ(requests.delivered, 6u);
+    EXPECT_EQ(requests.givenUp + requests.rejected, 0u);
+    EXPECT_EQ(gateway->stats().trackingByPrefix, (std::map<std::string, std::uint64_t>{{"/track/impression", 6}}));
+}
+
+TEST_F(PromotedDeliveryTests, noURLIsDeliveredTwiceWhenEveryRequestSucceeds) {
+    const int port = freePort();
+    auto gateway = startGateway(port);
+    {
+        auto stack = makeStack(port);
+        fire(*stack, port, 0, 40);
+        ASSERT_TRUE(stack->waitUntilDelivered(20s));
+    }
+    auto restarted = makeStack(port);
+    ASSERT_TRUE(restarted->waitUntilDelivered(5s));
+    EXPECT_EQ(received(*gateway), expected(0, 40));
+    const auto listed = gateway->lastTrackingRequests(1);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0].method, "GET");
+}
+
+}  // namespace
+}  // namespace kt

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +15,12 @@
 #include "Analytics/FirebaseAnalyticsEventFactory.h"
 #include "Commands/Commands.h"
 #include "Commands/DemoSession.h"
+#include "Commands/Playback.h"
+#include "AnalyticsProvider/APEvent.h"
+#include "Attribution/AttributableEvents.h"
+#include "KTData/ReliableRequestUploader.h"
+#include "Promoted/AnalyticsEntityTagger.h"
+#include "Promoted/APPromotedAnalyticsProvider.h"
 #include "Firebase/FirebaseABExperiments.h"
 #include "Firebase/FirebaseABManager.h"
 #include "Firebase/JsonFileRemoteConfig.h"
@@ -60,6 +67,35 @@ private:
     std::filesystem::path path_;
     bool owned_ = false;
 };
+
+constexpr int kPromotedItems = 9;
+
+// "k4tq7v (like), 4b11wy (play) x2, ...": each run of one token once, with its meaning.
+std::string describeTokens(const std::vector<std::string>& tokens) {
+    const auto meaning = [](const std::string& token) -> std::string {
+        if (token == EventToken::playToken) return "play";
+        if (token == EventToken::firstPlayToken) return "first play";
+        if (token == EventToken::fifthPlayToken) return "fifth play";
+        if (auto event = attributableEventFromToken(token)) {
+            switch (*event) {
+                case AttributableEvent::like: return "like";
+                case AttributableEvent::follow: return "follow";
+                case AttributableEvent::playlistPlay: return "system playlist play";
+            }
+        }
+        return "?";
+    };
+    std::string text;
+    for (std::size_t i = 0; i < tokens.size();) {
+        std::size_t run = 1;
+        while (i + run < tokens.size() && tokens[i + run] == tokens[i]) ++run;
+        if (!text.empty()) text += ", ";
+        text += tokens[i] + " (" + meaning(tokens[i]) + ")";
+        if (run > 1) text += " x" + std::to_string(run);
+        i += run;
+    }
+    return text.empty() ? "(none)" : text;
+}
 
 void progressBar(std::ostream& out, const char* label, std::size_t done, std::size_t total) {
     constexpr int kWidth = 30;
@@ -123,6 +159,11 @@ int runDemo(const DemoOptions& options) {
     configuration.variantIds = {"4021", "4107"};
     // The demo's failures are injected at random, not outages: a short pause is enough.
     configuration.firstRetryPause = std::chrono::milliseconds(500);
+    configuration.requestFirstRetryDelay = std::chrono::milliseconds(200);
+    auto player = std::make_shared<ScriptedPlaybackService>();
+    auto tokens = std::make_shared<TokenRecorder>();
+    configuration.playbackService = player;
+    configuration.attributionDelegate = tokens;
     std::ostringstream sessionLines;  // the session id service's console lines stay out of the report
     configuration.console = &sessionLines;
     std::string error;
@@ -140,12 +181,44 @@ int runDemo(const DemoOptions& options) {
         stack->tagEvent(session[i]);
         if ((i + 1) % 100 == 0 || i + 1 == session.size()) progressBar(out, "tagged", i + 1, session.size());
     }
-    out << "\n";
+    out << "\n\n";
+
+    // Promoted impressions and clicks: their tracking URLs point at the gateway.
+    out << "Promoted tracking URLs\n";
+    AnalyticsEntityTagger entities(stack->promotedProvider());
+    std::vector<std::string> urls;
+    for (int i = 1; i <= kPromotedItems; ++i) {
+        urls.push_back(gateway.baseURL() + "/track/impression/" + std::to_string(i) + "?placement=stream");
+        if (i % 3 == 0) urls.push_back(gateway.baseURL() + "/track/click/" + std::to_string(i));
+    }
+    entities.tagEvents(entities.promotedEventsForUrls(urls));
+    out << "  fired " << urls.size() << " (impressions and clicks)\n\n";
+
+    // A listening session on the player, with a like, a follow from a click and a play in a
+    // system playlist: the attribution milestones.
+    out << "Playback and attribution\n";
+    std::size_t attributionEvents = 0;
+    const auto tagCounted = [&](const char* name, AttributeDictionary attributes) {
+        stack->tagEvent(APEvent::make(name, std::move(attributes)));
+        ++attributionEvents;
+    };
+    tagCounted("audio", {{"action", "play"}, {"in_playlist", "quillarbor:system-playlists:weekly-wave"},
+                         {"client_event_id", "attribution-1"}});
+    for (int track = 1; track <= 6; ++track) {
+        player->play("quillarbor:tracks:" + std::to_string(700 + track), PlayQueueItemType::track, {1.0, 5.5, 30.0});
+        if (track == 2) player->play("quillarbor:tracks:ad-1", PlayQueueItemType::ad, {15.0});
+        if (track == 3) tagCounted("like", {{"track", "quillarbor:tracks:703"}, {"client_event_id", "attribution-2"}});
+        if (track == 4)
+            tagCounted("click", {{"click_name", "follow::add"}, {"click_object", "quillarbor:users:77"},
+                                 {"client_event_id", "attribution-3"}});
+    }
+    out << "  6 tracks played past 5 s (and one ad, which never counts)\n\n";
+
     stack->flush();
     const bool drained = stack->waitUntilDelivered(std::chrono::seconds(options.timeoutSeconds));
     const auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     const auto upload = stack->statistics().upload;
-    progressBar(out, "delivered", upload.delivered, session.size());
+    progressBar(out, "delivered", upload.delivered, session.size() + attributionEvents);
     out << "\n\n";
 
     // The Firebase road, behind consent.
@@ -176,10 +249,16 @@ int runDemo(const DemoOptions& options) {
         << std::setw(8) << "stored" << std::setw(10) << "uploaded" << std::setw(9) << "batches" << std::setw(11)
         << "bytes raw" << std::setw(11) << "gzipped" << std::setw(9) << "retries" << std::setw(9) << "dropped"
         << "\n";
-    out << "  " << std::left << std::setw(16) << "event gateway" << std::right << std::setw(8) << session.size()
+    out << "  " << std::left << std::setw(16) << "event gateway" << std::right << std::setw(8)
+        << session.size() + attributionEvents
         << std::setw(8) << upload.stored << std::setw(10) << upload.delivered << std::setw(9) << upload.batchesSent
         << std::setw(11) << upload.bytesRaw << std::setw(11) << upload.bytesGzipped << std::setw(9) << upload.retries
         << std::setw(9) << upload.dropped() << "\n";
+    const auto promoted = stack->statistics().reliableRequests;
+    out << "  " << std::left << std::setw(16) << "promoted URLs" << std::right << std::setw(8) << promoted.fired
+        << std::setw(8) << promoted.fired - promoted.notStored << std::setw(10) << promoted.delivered << std::setw(9)
+        << "-" << std::setw(11) << "-" << std::setw(11) << "-" << std::setw(9) << promoted.retried << std::setw(9)
+        << promoted.givenUp + promoted.rejected << "\n";
     out << "  " << std::left << std::setw(16) << "firebase" << std::right << std::setw(8) << firebaseCalls
         << std::setw(8) << "-" << std::setw(10) << counts.forwarded << std::setw(9) << "-" << std::setw(11) << "-"
         << std::setw(11) << "-" << std::setw(9) << "-" << std::setw(9) << counts.suppressed
@@ -195,6 +274,13 @@ int runDemo(const DemoOptions& options) {
     out << "\n  events waiting in memory at the peak of the burst: " << stack->gatewayProvider()->peakPendingEvents()
         << "\n\n";
 
+    out << "  tracking requests at the gateway: " << gatewayStats.trackingRequests << " (";
+    for (auto it = gatewayStats.trackingByPrefix.begin(); it != gatewayStats.trackingByPrefix.end(); ++it)
+        out << (it == gatewayStats.trackingByPrefix.begin() ? "" : ", ") << it->first << " " << it->second;
+    out << ")\n\n";
+
+    out << "Attribution tokens, in order\n  " << describeTokens(tokens->tokens()) << "\n\n";
+
     out << std::defaultfloat << std::setprecision(6) << "Experiments\n";
     for (const auto& experiment : FirebaseABExperimentProvider::all()) {
         out << "  " << std::left << std::setw(44) << experiment.id() << " "
@@ -205,15 +291,25 @@ int runDemo(const DemoOptions& options) {
 
     // Every gateway event either arrived or, with injected failures, was dropped after its
     // last attempt and counted; consent decided every Firebase call.
+    const std::size_t gatewayTagged = session.size() + attributionEvents;
     const bool gatewayOk = drained && upload.waiting == 0 &&
                            gatewayStats.events == upload.delivered &&
-                           upload.delivered + upload.dropped() == session.size() &&
-                           (options.failRate > 0.0 || upload.delivered == session.size());
+                           upload.delivered + upload.dropped() == gatewayTagged &&
+                           (options.failRate > 0.0 || upload.delivered == gatewayTagged);
+    // Promoted URLs are retried until they arrive, failures injected or not.
+    const bool promotedOk = promoted.delivered == urls.size() && promoted.waiting == 0 &&
+                            gatewayStats.trackingRequests == urls.size();
+    const auto emitted = tokens->tokens();
+    const bool attributionOk =
+        std::count(emitted.begin(), emitted.end(), EventToken::playToken) == 6 &&
+        std::count(emitted.begin(), emitted.end(), EventToken::firstPlayToken) == 1 &&
+        std::count(emitted.begin(), emitted.end(), EventToken::fifthPlayToken) == 1;
     const bool firebaseOk = counts.forwarded + counts.suppressed == firebaseCalls && counts.forwarded == firebaseCalls / 2;
-    out << "\nResult: " << (gatewayOk && firebaseOk ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
+    const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk;
+    out << "\nResult: " << (ok ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
     stack.reset();
     gateway.stop();
-    return gatewayOk && firebaseOk ? 0 : 1;
+    return ok ? 0 : 1;
 }
 
 }  // namespace

@@ -153,7 +153,11 @@ ThreadSerialQueue::~ThreadSerialQueue() {
     shutdown();
 }
 
-void ThreadSerialQueue::async(Task task) {
+void ThreadSerialQueue::async(Task task) { submit(std::move(task), false); }
+
+void ThreadSerialQueue::asyncUrgent(Task task) { submit(std::move(task), true); }
+
+void ThreadSerialQueue::submit(Task task, bool urgent) {
     if (!task)
         return;
     WorkerCore& core = *state_->core;
@@ -162,30 +166,15 @@ void ThreadSerialQueue::async(Task task) {
         std::lock_guard lock(core.mutex);
         if (core.stopping)
             return;
-        if (!core.delayed.empty())
-            core.promoteDueLocked(SteadyClock::now());
-        core.ready.push_back(std::move(task));
+        if (urgent) {
+            core.urgent.push_back(std::move(task));
+        } else {
+            if (!core.delayed.empty())
+                core.promoteDueLocked(SteadyClock::now());
+            core.ready.push_back(std::move(task));
+        }
         // The hot path: a busy worker will find the task on its own, so only a sleeping
         // one is signalled (and only once until it wakes).
-        if (core.sleeping) {
-            core.sleeping = false;
-            wake = true;
-        }
-    }
-    if (wake)
-        core.wakeUp.notify_one();
-}
-
-void ThreadSerialQueue::asyncUrgent(Task task) {
-    if (!task)
-        return;
-    WorkerCore& core = *state_->core;
-    bool wake = false;
-    {
-        std::lock_guard lock(core.mutex);
-        if (core.stopping)
-            return;
-        core.urgent.push_back(std::move(task));
         if (core.sleeping) {
             core.sleeping = false;
             wake = true;

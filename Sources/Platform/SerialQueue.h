@@ -47,6 +47,7 @@ public:
     const std::string& label() const;
 
 private:
+    void submit(Task task, bool urgent);
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -135,7 +135,7 @@ protected:
 };
 
 TEST_F(ExperimentsCommandTest, ArrowsChooseAnOverrideForTheNextStartAndQuittingOrSIGTERMRestoresTheTerminal) {
-    ToolProcess terminal(arguments(), true);
+    ToolProcess terminal(arguments());
     ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.output();
     EXPECT_FALSE(terminal.isInLineMode());  // keys arrive one by one, unechoed
     terminal.send("\x1b[B\r");              // Down, Enter
@@ -153,7 +153,7 @@ TEST_F(ExperimentsCommandTest, ArrowsChooseAnOverrideForTheNextStartAndQuittingO
     EXPECT_EQ(nextStart.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
     EXPECT_EQ(nextStart.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
 
-    ToolProcess terminated(arguments(), true);
+    ToolProcess terminated(arguments());
     ASSERT_TRUE(terminated.waitFor("> 1. dev_ab_price_test")) << terminated.output();
     terminated.send("\x1b[B");
     ASSERT_TRUE(terminated.waitFor("> 2. dev_ab_offline")) << terminated.output();

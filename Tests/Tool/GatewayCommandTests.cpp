@@ -14,7 +14,7 @@ namespace {
 using testing::ToolProcess;
 
 TEST(GatewayCommandTests, servesWithInjectedFailuresRefusesAPortInUseAndStopsCleanlyOnSIGTERM) {
-    ToolProcess tool({"gateway", "--port", "0", "--fail-rate", "1", "--fail-status", "429", "--seed", "1"}, false);
+    ToolProcess tool({"gateway", "--port", "0", "--fail-rate", "1", "--fail-status", "429", "--seed", "1"});
     ASSERT_GT(tool.pid(), 0);
     const auto first = tool.readLine();
     const std::string prefix = "listening on http://127.0.0.1:";
@@ -32,7 +32,7 @@ TEST(GatewayCommandTests, servesWithInjectedFailuresRefusesAPortInUseAndStopsCle
     EXPECT_EQ(tool.readLine(), "POST /v1/events 429 events=0");
     EXPECT_EQ(tool.readLine(), "GET /stats 200 events=0");
 
-    ToolProcess second({"gateway", "--port", port}, false);
+    ToolProcess second({"gateway", "--port", port});
     const auto refusal = second.readLine();
     EXPECT_NE(refusal.value_or("").find(port), std::string::npos) << refusal.value_or("(nothing)");
     const auto refused = second.waitForExit();

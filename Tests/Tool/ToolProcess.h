@@ -1,6 +1,6 @@
 #pragma once
-// The built tool as a child process: run to completion, or driven line by line on a pipe
-// or key by key on a pseudo-terminal of its own, as at a person's terminal.
+// The built tool as a child process: run to completion, or driven on a pseudo-terminal of
+// its own, as at a person's terminal.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -66,30 +66,18 @@ inline ToolRun runTool(const std::vector<std::string>& arguments, const std::fil
     return run;
 }
 
-/// The tool running alongside the test: on a pseudo-terminal, or with its standard output
-/// and error on one pipe.
+/// The tool running alongside the test, on a pseudo-terminal of its own that carries its
+/// standard output and error.
 class ToolProcess {
 public:
-    ToolProcess(const std::vector<std::string>& arguments, bool terminal) {
+    explicit ToolProcess(const std::vector<std::string>& arguments) {
         winsize size{30, 100, 0, 0};
-        int fds[2];
-        if (terminal ? ::openpty(&master_, &slave_, nullptr, nullptr, &size) != 0 : ::pipe(fds) != 0) return;
+        if (::openpty(&master_, &slave_, nullptr, nullptr, &size) != 0) return;
         pid_ = ::fork();
         if (pid_ == 0) {
-            if (terminal) {
-                ::close(master_);
-                ::login_tty(slave_);
-            } else {
-                ::dup2(fds[1], STDOUT_FILENO);
-                ::dup2(fds[1], STDERR_FILENO);
-                ::close(fds[0]);
-                ::close(fds[1]);
-            }
+            ::close(master_);
+            ::login_tty(slave_);
             execTool(arguments);
-        }
-        if (!terminal) {
-            ::close(fds[1]);
-            master_ = fds[0];
         }
     }
     ~ToolProcess() {
@@ -126,7 +114,7 @@ public:
 
     /// The next line of output, or nullopt at its end or the deadline.
     std::optional<std::string> readLine() {
-        return waitFor("\n") ? std::optional(skipped_) : std::nullopt;
+        return waitFor("\r\n") ? std::optional(skipped_) : std::nullopt;
     }
 
     /// Whether the terminal reads lines and echoes them, as a shell needs it.
@@ -147,7 +135,7 @@ public:
     }
 
 private:
-    int master_ = -1;  // the terminal's master side, or the pipe's reading end
+    int master_ = -1;
     int slave_ = -1;
     pid_t pid_ = -1;
     std::string output_;

@@ -1,7 +1,7 @@
 // The whole gateway pipeline, built by the composition root, against the development
 // gateway on loopback: what arrives is what was sent, with the wire format's headers; the
-// result codes drive reports, retries and drops; stored events survive a restart; a bad
-// file never leaves the machine; the 60-second timer sends a short batch.
+// result codes drive reports, retries and drops; stored events survive a restart; the
+// 60-second timer sends a short batch.
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -117,16 +117,18 @@ protected:
     std::ostringstream console;
 };
 
-TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
+TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSentWithTheWireFormatsHeaders) {
     auto gateway = startGateway();
-    auto stack = makeStack(configuration(gateway->baseURL(), directory / "state"));
-    ASSERT_NE(stack, nullptr);
+    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
+    signedIn.token = "secret-token";
+    auto stack = makeStack(signedIn);
+    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
+    ASSERT_TRUE(stack && signedOutStack);
 
     // 20 go out on their own when the minimum is reached, the last 5 with the flush.
     tagSession(*stack, 25);
     stack->flush();
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
-
     const auto sent = recorded(*recorder);
     ASSERT_EQ(sent.size(), 25u);
     EXPECT_EQ(received(*gateway), sent);
@@ -135,7 +137,6 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
         EXPECT_EQ(payload["client_id"], 7);
         EXPECT_TRUE(payload["ts"].is_number_integer());
     }
-
     // Byte for byte: what the gateway inflated is what the uploader compressed.
     const auto upload = stack->statistics().upload;
     const auto stats = gateway->stats();
@@ -146,39 +147,22 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
     EXPECT_EQ(stats.bytesRaw, upload.bytesRaw);
     EXPECT_EQ(stats.bytesCompressed, upload.bytesGzipped);
     EXPECT_TRUE(eventFiles(*stack).empty());
-}
 
-TEST_F(GatewayPipelineTests, uploadsCarryTheWireFormatHeadersWithAndWithoutACredential) {
-    auto gateway = startGateway();
-    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
-    signedIn.token = "secret-token";
-    auto signedInStack = makeStack(signedIn);
-    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
-    ASSERT_NE(signedInStack, nullptr);
-    ASSERT_NE(signedOutStack, nullptr);
-
-    signedInStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-in"}}));
     signedOutStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-out"}}));
-    signedInStack->flush();
     signedOutStack->flush();
-    ASSERT_TRUE(signedInStack->waitUntilDelivered(kDeadline));
     ASSERT_TRUE(signedOutStack->waitUntilDelivered(kDeadline));
-
-    const auto rows = gateway->lastEvents(10);
-    ASSERT_EQ(rows.size(), 2u);
+    const auto rows = gateway->lastEvents(100);
+    ASSERT_EQ(rows.size(), 26u);
     for (const auto& row : rows) {
-        const json payload = json::parse(row.payload);
         const json headers = json::parse(row.headers);
-        SCOPED_TRACE(payload["who"].get<std::string>());
+        const bool signedOut = json::parse(row.payload).contains("who");
+        SCOPED_TRACE(signedOut ? "signed out" : "signed in");
         EXPECT_EQ(headers["User-Agent"], kUserAgent);
         EXPECT_EQ(headers["Content-Type"], "application/json");
         EXPECT_EQ(headers["Content-Encoding"], "gzip");
         // The gateway keeps only that a credential came; its value is checked where the
         // request is built.
-        if (payload["who"] == "signed-in")
-            EXPECT_EQ(headers["Authorization"], "present");
-        else
-            EXPECT_FALSE(headers.contains("Authorization"));
+        EXPECT_EQ(headers.value("Authorization", "(none)"), signedOut ? "(none)" : "present");
     }
 }
 
@@ -264,29 +248,6 @@ TEST_F(GatewayPipelineTests, aNewStackOverTheSameFolderUploadsWhatTheLastOneStor
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
     EXPECT_EQ(received(*gateway), sentBefore);
     EXPECT_EQ(stack->statistics().upload.delivered, 3u);
-}
-
-TEST_F(GatewayPipelineTests, anUndecodableFileInTheQueueIsDeletedAndNeverUploaded) {
-    const fs::path state = directory / "state";
-    const fs::path events = AnalyticsStack::eventsDirectory(state);
-    fs::create_directories(events);
-    const fs::path garbage = events / "0123456789abcdef0123456789abcdef01234567.event";
-    std::ofstream(garbage, std::ios::binary) << "this is not an archived event \x01\x02\xff";
-
-    auto gateway = startGateway();
-    auto stack = makeStack(configuration(gateway->baseURL(), state));
-    ASSERT_NE(stack, nullptr);
-    EXPECT_EQ(stack->statistics().upload.waiting, 1u);
-    stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "home"}}));
-    stack->flush();
-    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
-
-    EXPECT_FALSE(fs::exists(garbage));
-    const auto rows = received(*gateway);
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0].first, "pageview");
-    EXPECT_EQ(rows[0].second["page_name"], "home");
-    EXPECT_EQ(gateway->stats().requests, 1u);
 }
 
 TEST_F(GatewayPipelineTests, theSixtySecondFlushSendsFewerEventsThanTheMinimumBatch) {

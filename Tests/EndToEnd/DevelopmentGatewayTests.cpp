@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 #include "Support/TemporaryDirectory.h"
@@ -75,9 +74,8 @@ protected:
     testing::TemporaryDirectory directory{"kt-gateway"};
 };
 
-TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStoredCountedAndLogged) {
-    std::ostringstream log;
-    auto gateway = startGateway({.log = &log});
+TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStoredAndCounted) {
+    auto gateway = startGateway();
     const json batch = json::array({element("play", {{"track", "quillarbor:tracks:1"}}), element("like")});
     const json withSentAt{{"events", json::array({element("a")})}, {"sent_at", "2024-01-01T00:00:00.000Z"}};
     const std::string bodies[] = {gzip(batch.dump()), gzip(withSentAt.dump())};
@@ -111,14 +109,6 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
     EXPECT_TRUE(events[1]["received_at"].is_string());
     EXPECT_EQ(events[2]["event"], "a");
     EXPECT_EQ(getJSON(*gateway, "/events?limit=1"), json::array({events[2]}));
-
-    gateway->stop();
-    std::istringstream lines(log.str());
-    std::string first, second;
-    std::getline(lines, first);
-    std::getline(lines, second);
-    EXPECT_EQ(first, "listening on http://127.0.0.1:" + std::to_string(gateway->port()));
-    EXPECT_EQ(second, "POST /v1/events 200 events=2");
 }
 
 TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400AndStoreNothing) {
@@ -316,17 +306,6 @@ TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSu
         const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         EXPECT_EQ(bytes.find(secret), std::string::npos) << file.path();
     }
-}
-
-TEST_F(DevelopmentGatewayTests, aDelayOutlastsAClientThatGivesUpSooner) {
-    auto gateway = startGateway({.delay = std::chrono::milliseconds(1500)});
-    httplib::Client client(gateway->baseURL());
-    client.set_read_timeout(std::chrono::milliseconds(100));
-    auto result = client.Post("/v1/events", {{"Content-Encoding", "gzip"}},
-                              gzip(json::array({element("slow")}).dump()), "application/json");
-    EXPECT_FALSE(result);
-    gateway->stop();  // waits for the delayed handler, which still stores the upload
-    EXPECT_EQ(gateway->lastEvents(10).size(), 1u);
 }
 
 }  // namespace

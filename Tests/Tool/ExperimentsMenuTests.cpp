@@ -36,14 +36,16 @@ TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
         {"\x1b", false, MenuKey::back, 1},            // the Escape key, once the terminal went quiet
         {"\x1b[1;5", false, MenuKey::ignored, 5},
         {"2q", true, MenuKey::digit, 1},
+        {"", true, MenuKey::incomplete, 0},           // unfinished: wait for more
+        {"\x1b", true, MenuKey::incomplete, 0},       {"\x1b[", true, MenuKey::incomplete, 0},
+        {"\x1b[1;5", true, MenuKey::incomplete, 0},   {"\x1bO", true, MenuKey::incomplete, 0},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(std::string(c.input)) + (c.moreMayFollow ? "" : ", quiet"));
         const DecodedKey decoded = decodeKey(c.input, c.moreMayFollow);
-        EXPECT_EQ(decoded.key, c.key) << ::testing::PrintToString(std::string(c.input));
-        EXPECT_EQ(decoded.length, c.length) << ::testing::PrintToString(std::string(c.input));
+        EXPECT_EQ(decoded.key, c.key);
+        EXPECT_EQ(decoded.length, c.length);
     }
-    for (const char* unfinished : {"", "\x1b", "\x1b[", "\x1b[1;5", "\x1bO"})
-        EXPECT_EQ(decodeKey(unfinished).key, MenuKey::incomplete) << ::testing::PrintToString(std::string(unfinished));
 }
 
 class ExperimentsMenuSessionTest : public ::testing::Test {

@@ -57,12 +57,8 @@ inline ToolRun runTool(const std::vector<std::string>& arguments, const std::fil
     ToolRun run;
     int status = 0;
     if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
-    auto read = [](const std::filesystem::path& path) {
-        std::ifstream in(path);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    };
-    run.out = read(out);
-    run.err = read(err);
+    for (auto [path, text] : {std::pair{out, &run.out}, {err, &run.err}})
+        *text = std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
     return run;
 }
 

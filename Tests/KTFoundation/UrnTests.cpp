@@ -26,7 +26,7 @@ TEST(UrnTests, ParsesCollectionAndIdentifierAndRefusesTextThatIsNotAUrn) {
     EXPECT_NE(Urn::parse("quillarbor:tracks:1"), Urn::parse("quillarbor:users:1"));
     for (const char* text : {
              "", "quillarbor", "quillarbor:", "123", "tracks:123",
-             "quillarbor:tracks", "quillarbor:tracks:", "quillarbor::123",  // missing or empty parts
+             "quillarbor:tracks", "quillarbor:tracks:", "quillarbor::123",  // missing or empty fields
              "other:tracks:123", "Quillarbor:tracks:123", "quillarborx:tracks:123", " quillarbor:tracks:123",
              "quillarbor:Tracks:123", "quillarbor:track5:123",  // collections are lower-case letters and hyphens
              "quillarbor:tracks:12 3", "quillarbor:tracks:123\n", "quillarbor:tracks:\t",  // blanks in the id

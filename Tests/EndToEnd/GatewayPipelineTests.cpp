@@ -1,14 +1,13 @@
 // The whole gateway pipeline, built by the composition root, against the development
 // gateway on loopback: what arrives is what was sent, with the wire format's headers; the
-// result codes drive reports, retries and drops; stored events survive a restart; a bad
-// file never leaves the machine; the 60-second timer sends a short batch.
+// result codes drive reports, retries and drops; stored events survive a restart; the
+// 60-second timer sends a short batch.
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <chrono>
-#include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -33,28 +32,22 @@ using gateway::GatewayConfiguration;
 constexpr auto kDeadline = 15s;  // guards against a hang only
 constexpr const char* kUserAgent = "PipelineTests/1";
 
-// (event name, payload) of a gateway element, comparable across both ends.
-using Element = std::pair<std::string, json>;
+// (event name, payload) of the gateway elements, comparable across both ends.
+using Elements = std::multiset<std::pair<std::string, json>>;
 
-std::vector<Element> sorted(std::vector<Element> elements) {
-    std::sort(elements.begin(), elements.end(),
-              [](const Element& a, const Element& b) { return a.first + a.second.dump() < b.first + b.second.dump(); });
+Elements received(const DevelopmentGateway& gateway) {
+    Elements elements;
+    for (const auto& e : gateway.lastEvents(10'000)) {
+        EXPECT_EQ(e.version, "v1.27.36");
+        elements.emplace(e.event, json::parse(e.payload));
+    }
     return elements;
 }
 
-std::vector<Element> received(const DevelopmentGateway& gateway) {
-    std::vector<Element> elements;
-    for (const auto& e : gateway.lastEvents(10'000)) {
-        EXPECT_EQ(e.version, "v1.27.36");
-        elements.emplace_back(e.event, json::parse(e.payload));
-    }
-    return sorted(std::move(elements));
-}
-
-std::vector<Element> recorded(const APEventGatewayEventRecorder& recorder) {
-    std::vector<Element> elements;
-    for (const auto& e : recorder.recordedEvents()) elements.emplace_back(e["event"].get<std::string>(), e["payload"]);
-    return sorted(std::move(elements));
+Elements recorded(const APEventGatewayEventRecorder& recorder) {
+    Elements elements;
+    for (const auto& e : recorder.recordedEvents()) elements.emplace(e["event"].get<std::string>(), e["payload"]);
+    return elements;
 }
 
 std::vector<fs::path> eventFiles(const AnalyticsStack& stack) {
@@ -62,14 +55,6 @@ std::vector<fs::path> eventFiles(const AnalyticsStack& stack) {
     for (const auto& entry : fs::directory_iterator(stack.eventSerializer()->cacheDirectory()))
         if (entry.path().extension() == ".event") files.push_back(entry.path());
     return files;
-}
-
-// A gateway that answers every upload with `status`.
-GatewayConfiguration failingWith(int status) {
-    GatewayConfiguration configuration;
-    configuration.failRate = 1.0;
-    configuration.failStatus = status;
-    return configuration;
 }
 
 class GatewayPipelineTests : public ::testing::Test {
@@ -103,10 +88,10 @@ protected:
         return stack;
     }
 
-    static void tagSession(AnalyticsStack& stack, int count, const std::string& prefix = "p") {
+    static void tagSession(AnalyticsStack& stack, int count) {
         static const char* names[] = {"pageview", "audio", "like", "search", "impression"};
         for (int i = 0; i < count; ++i)
-            stack.tagEvent(APEvent::make(names[i % 5], AttributeDictionary{{"page_name", prefix + std::to_string(i)},
+            stack.tagEvent(APEvent::make(names[i % 5], AttributeDictionary{{"page_name", "p" + std::to_string(i)},
                                                                          {"position", i},
                                                                          {"resource", "dropped-by-transformer"}}));
     }
@@ -117,16 +102,18 @@ protected:
     std::ostringstream console;
 };
 
-TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
+TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSentWithTheWireFormatsHeaders) {
     auto gateway = startGateway();
-    auto stack = makeStack(configuration(gateway->baseURL(), directory / "state"));
-    ASSERT_NE(stack, nullptr);
+    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
+    signedIn.token = "secret-token";
+    auto stack = makeStack(signedIn);
+    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
+    ASSERT_TRUE(stack && signedOutStack);
 
     // 20 go out on their own when the minimum is reached, the last 5 with the flush.
     tagSession(*stack, 25);
     stack->flush();
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
-
     const auto sent = recorded(*recorder);
     ASSERT_EQ(sent.size(), 25u);
     EXPECT_EQ(received(*gateway), sent);
@@ -135,7 +122,6 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
         EXPECT_EQ(payload["client_id"], 7);
         EXPECT_TRUE(payload["ts"].is_number_integer());
     }
-
     // Byte for byte: what the gateway inflated is what the uploader compressed.
     const auto upload = stack->statistics().upload;
     const auto stats = gateway->stats();
@@ -146,44 +132,27 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSent) {
     EXPECT_EQ(stats.bytesRaw, upload.bytesRaw);
     EXPECT_EQ(stats.bytesCompressed, upload.bytesGzipped);
     EXPECT_TRUE(eventFiles(*stack).empty());
-}
 
-TEST_F(GatewayPipelineTests, uploadsCarryTheWireFormatHeadersWithAndWithoutACredential) {
-    auto gateway = startGateway();
-    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
-    signedIn.token = "secret-token";
-    auto signedInStack = makeStack(signedIn);
-    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
-    ASSERT_NE(signedInStack, nullptr);
-    ASSERT_NE(signedOutStack, nullptr);
-
-    signedInStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-in"}}));
     signedOutStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-out"}}));
-    signedInStack->flush();
     signedOutStack->flush();
-    ASSERT_TRUE(signedInStack->waitUntilDelivered(kDeadline));
     ASSERT_TRUE(signedOutStack->waitUntilDelivered(kDeadline));
-
-    const auto rows = gateway->lastEvents(10);
-    ASSERT_EQ(rows.size(), 2u);
+    const auto rows = gateway->lastEvents(100);
+    ASSERT_EQ(rows.size(), 26u);
     for (const auto& row : rows) {
-        const json payload = json::parse(row.payload);
         const json headers = json::parse(row.headers);
-        SCOPED_TRACE(payload["who"].get<std::string>());
+        const bool signedOut = json::parse(row.payload).contains("who");
+        SCOPED_TRACE(signedOut ? "signed out" : "signed in");
         EXPECT_EQ(headers["User-Agent"], kUserAgent);
         EXPECT_EQ(headers["Content-Type"], "application/json");
         EXPECT_EQ(headers["Content-Encoding"], "gzip");
         // The gateway keeps only that a credential came; its value is checked where the
         // request is built.
-        if (payload["who"] == "signed-in")
-            EXPECT_EQ(headers["Authorization"], "present");
-        else
-            EXPECT_FALSE(headers.contains("Authorization"));
+        EXPECT_EQ(headers.value("Authorization", "(none)"), signedOut ? "(none)" : "present");
     }
 }
 
 TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEachRejectedOne) {
-    auto gateway = startGateway(failingWith(400));
+    auto gateway = startGateway({.failRate = 1.0, .failStatus = 400});
     auto c = configuration(gateway->baseURL(), directory / "state");
     c.alpha = true;
     auto stack = makeStack(c);
@@ -202,20 +171,18 @@ TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEach
     EXPECT_EQ(gateway->stats().failuresInjected, 2u);
     EXPECT_EQ(gateway->stats().events, 0u);
 
-    const auto reports = techLogger->eventsNamed("invalid-tracking-event");
-    ASSERT_EQ(reports.size(), 2u);
-    std::vector<std::string> described;
-    for (const auto& report : reports) {
+    std::multiset<std::string> described;
+    for (const auto& report : techLogger->eventsNamed("invalid-tracking-event")) {
         EXPECT_EQ(report.space, 1);
-        described.push_back(report.attributes["event"].get<std::string>());
+        described.insert(report.attributes["event"].get<std::string>());
     }
-    std::sort(described.begin(), described.end());
-    EXPECT_NE(described[0].find("like"), std::string::npos) << described[0];
-    EXPECT_NE(described[1].find("repost"), std::string::npos) << described[1];
+    ASSERT_EQ(described.size(), 2u);
+    EXPECT_NE(described.begin()->find("like"), std::string::npos) << *described.begin();
+    EXPECT_NE(described.rbegin()->find("repost"), std::string::npos) << *described.rbegin();
 }
 
 TEST_F(GatewayPipelineTests, theThirdFailedAttemptDropsAnEvent) {
-    auto gateway = startGateway(failingWith(503));
+    auto gateway = startGateway({.failRate = 1.0, .failStatus = 503});
     auto stack = makeStack(configuration(gateway->baseURL(), directory / "state"));
     ASSERT_NE(stack, nullptr);
     tagSession(*stack, 2);
@@ -243,7 +210,7 @@ TEST_F(GatewayPipelineTests, theThirdFailedAttemptDropsAnEvent) {
 TEST_F(GatewayPipelineTests, aNewStackOverTheSameFolderUploadsWhatTheLastOneStored) {
     const fs::path state = directory / "state";
     {
-        auto failing = startGateway(failingWith(503));
+        auto failing = startGateway({.failRate = 1.0, .failStatus = 503});
         auto stack = makeStack(configuration(failing->baseURL(), state));
         ASSERT_NE(stack, nullptr);
         tagSession(*stack, 3);
@@ -264,29 +231,6 @@ TEST_F(GatewayPipelineTests, aNewStackOverTheSameFolderUploadsWhatTheLastOneStor
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
     EXPECT_EQ(received(*gateway), sentBefore);
     EXPECT_EQ(stack->statistics().upload.delivered, 3u);
-}
-
-TEST_F(GatewayPipelineTests, anUndecodableFileInTheQueueIsDeletedAndNeverUploaded) {
-    const fs::path state = directory / "state";
-    const fs::path events = AnalyticsStack::eventsDirectory(state);
-    fs::create_directories(events);
-    const fs::path garbage = events / "0123456789abcdef0123456789abcdef01234567.event";
-    std::ofstream(garbage, std::ios::binary) << "this is not an archived event \x01\x02\xff";
-
-    auto gateway = startGateway();
-    auto stack = makeStack(configuration(gateway->baseURL(), state));
-    ASSERT_NE(stack, nullptr);
-    EXPECT_EQ(stack->statistics().upload.waiting, 1u);
-    stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "home"}}));
-    stack->flush();
-    ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
-
-    EXPECT_FALSE(fs::exists(garbage));
-    const auto rows = received(*gateway);
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0].first, "pageview");
-    EXPECT_EQ(rows[0].second["page_name"], "home");
-    EXPECT_EQ(gateway->stats().requests, 1u);
 }
 
 TEST_F(GatewayPipelineTests, theSixtySecondFlushSendsFewerEventsThanTheMinimumBatch) {

@@ -1,23 +1,16 @@
 #include "KTFoundation/ConnectivityStateDetecting.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 namespace kt {
 namespace {
 
-NetworkInterfaceState up(std::string name, bool wirelessDirectory = false) {
-    return NetworkInterfaceState{std::move(name), true, false, true, wirelessDirectory};
-}
+// Fields: name, up, loopback, has an address, has a wireless directory in sysfs.
+NetworkInterfaceState up(std::string name, bool wireless = false) { return {std::move(name), true, false, true, wireless}; }
 
 TEST(ConnectivityTests, ReportsTheBestConnectionAndAnyTunnelAsTheVPN) {
-    auto loopbackFlag = up("anything");
-    loopbackFlag.isLoopback = true;
-    auto down = up("wlan0");
-    down.isUp = false;
-    auto noAddress = up("eth0");
-    noAddress.hasAddress = false;
-    auto vpnDown = up("tun0");
-    vpnDown.isUp = false;
     const struct {
         std::vector<NetworkInterfaceState> interfaces;
         const char* description;
@@ -32,30 +25,26 @@ TEST(ConnectivityTests, ReportsTheBestConnectionAndAnyTunnelAsTheVPN) {
         {{up("wwan0"), up("tap1")}, "cellular", true, true},
         {{up("ppp0")}, "none", false, true},
         {{up("ipsec0")}, "none", false, true},
-        {{up("docker0"), up("veth1a2b3c"), up("br-5f1e2d"), up("virbr0"), loopbackFlag}, "none", false, false},
-        {{down, noAddress, vpnDown}, "none", false, false},
+        {{up("docker0"), up("veth1a2b3c"), up("br-5f1e2d"), up("virbr0"), {"anything", true, true, true, false}},
+         "none", false, false},
+        {{{"wlan0", false, false, true, false}, {"eth0", true, false, false, false}, {"tun0", false, false, true, false}},
+         "none", false, false},
     };
     for (const auto& c : cases) {
-        std::string names;
-        for (const auto& interface : c.interfaces) names += interface.name + " ";
+        SCOPED_TRACE(c.interfaces.front().name);
         const auto summary = summarizeInterfaces(c.interfaces);
-        EXPECT_EQ(summary.description, c.description) << names;
-        EXPECT_EQ(summary.isNetworkReachable, c.reachable) << names;
-        EXPECT_EQ(summary.isConnectedToVPN, c.vpn) << names;
+        EXPECT_EQ(summary.description, c.description);
+        EXPECT_EQ(summary.isNetworkReachable, c.reachable);
+        EXPECT_EQ(summary.isConnectedToVPN, c.vpn);
     }
 }
 
-TEST(ConnectivityTests, SystemDetectorAgreesWithTheInterfacesItReads) {
+TEST(ConnectivityTests, SystemDetectorReadsTheMachinesInterfaces) {
     SystemConnectivityDetector detector(std::chrono::milliseconds(0));
-    auto interfaces = detector.readInterfaces();
-    auto expected = summarizeInterfaces(interfaces);
-    bool sawLoopback = false;
-    for (const auto& interface : interfaces)
-        sawLoopback = sawLoopback || interface.isLoopback;
-    EXPECT_TRUE(sawLoopback) << "every Linux machine has a loopback interface";
-    EXPECT_EQ(detector.connectivityStateDescription(), expected.description);
-    EXPECT_EQ(detector.isNetworkReachable(), expected.isNetworkReachable);
-    EXPECT_EQ(detector.isConnectedToVPN(), expected.isConnectedToVPN);
+    const auto interfaces = detector.readInterfaces();
+    EXPECT_TRUE(std::any_of(interfaces.begin(), interfaces.end(), [](const auto& i) { return i.isLoopback; }))
+        << "every Linux machine has a loopback interface";
+    EXPECT_EQ(detector.connectivityStateDescription(), summarizeInterfaces(interfaces).description);
 }
 
 }  // namespace

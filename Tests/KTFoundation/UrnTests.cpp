@@ -5,15 +5,13 @@
 namespace kt {
 namespace {
 
-TEST(UrnTests, ParsesCollectionAndIdentifier) {
+TEST(UrnTests, ParsesCollectionAndIdentifierAndRefusesTextThatIsNotAUrn) {
     const struct {
         const char* text;
         const char* collection;
         const char* identifier;
     } cases[] = {
         {"quillarbor:tracks:123", "tracks", "123"},
-        {"quillarbor:users:7", "users", "7"},
-        {"quillarbor:playlists:42", "playlists", "42"},
         {"quillarbor:system-playlists:weekly-mix", "system-playlists", "weekly-mix"},
         // The identifier keeps inner colons.
         {"quillarbor:system-playlists:daily:quillarbor:users:7", "system-playlists", "daily:quillarbor:users:7"},
@@ -25,28 +23,15 @@ TEST(UrnTests, ParsesCollectionAndIdentifier) {
         EXPECT_EQ(urn->identifier(), c.identifier);
         EXPECT_EQ(urn->analyticsString(), c.text);
     }
-    const auto system = Urn::parse("quillarbor:system-playlists:weekly-mix");
-    EXPECT_TRUE(system->isSystemPlaylist());
-    EXPECT_FALSE(system->isPlaylist());
-    EXPECT_FALSE(Urn::parse("quillarbor:playlists:42")->isSystemPlaylist());
-    EXPECT_TRUE(Urn::parse("quillarbor:playlists:42")->isPlaylist());
-    EXPECT_TRUE(Urn::parse("quillarbor:tracks:1")->isTrack());
-    EXPECT_TRUE(Urn::parse("quillarbor:users:1")->isUser());
     EXPECT_NE(Urn::parse("quillarbor:tracks:1"), Urn::parse("quillarbor:users:1"));
-}
-
-TEST(UrnTests, RefusesTextThatIsNotAUrn) {
     for (const char* text : {
              "", "quillarbor", "quillarbor:", "123", "tracks:123",
-             "quillarbor:tracks",       // no id at all
-             "quillarbor:tracks:",      // empty id
-             "quillarbor::123",         // empty collection
+             "quillarbor:tracks", "quillarbor:tracks:", "quillarbor::123",  // missing or empty fields
              "other:tracks:123", "Quillarbor:tracks:123", "quillarborx:tracks:123", " quillarbor:tracks:123",
-             "quillarbor:Tracks:123",   // collections are lower-case letters and hyphens
-             "quillarbor:track5:123",
+             "quillarbor:Tracks:123", "quillarbor:track5:123",  // collections are lower-case letters and hyphens
              "quillarbor:tracks:12 3", "quillarbor:tracks:123\n", "quillarbor:tracks:\t",  // blanks in the id
          })
-        EXPECT_FALSE(Urn::parse(text).has_value()) << '"' << text << '"';
+        EXPECT_FALSE(Urn::parse(text).has_value()) << ::testing::PrintToString(std::string(text));
 }
 
 }  // namespace

@@ -9,21 +9,26 @@ namespace {
 
 using nlohmann::json;
 
-TEST(JSONSerializationTests, WritesCompactJSONThatReadsBack) {
+TEST(JSONSerializationTests, WritesCompactJSONThatReadsBackAndBadTextIsAnError) {
     const JSONSafeSerialization serialization;
     const json batch = json::array({{{"event", "pageview"}, {"payload", {{"n", 1}, {"f", 2.5}, {"ok", true}, {"x", nullptr}}}},
                                     {{"event", "click"}, {"payload", json::object()}}});
-    std::string error = "untouched";
+    std::string error;
     const auto text = serialization.dataWithJSONObject(batch, &error);
-    ASSERT_TRUE(text);
+    ASSERT_TRUE(text) << error;
     EXPECT_EQ(*text,
               R"([{"event":"pageview","payload":{"f":2.5,"n":1,"ok":true,"x":null}},{"event":"click","payload":{}}])");
     EXPECT_TRUE(serialization.isValidJSONObject(batch));
-
     const auto parsed = serialization.JSONObjectWithData(*text, &error);
-    ASSERT_TRUE(parsed);
+    ASSERT_TRUE(parsed) << error;
     EXPECT_EQ(*parsed, batch);
     EXPECT_TRUE((*parsed)[0]["payload"]["ok"].is_boolean());
+
+    for (const std::string bad : {"", "{", "[1,]", "{\"a\":1} x", "\"\xff\"", "NaN"}) {
+        error.clear();
+        EXPECT_FALSE(serialization.JSONObjectWithData(bad, &error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+    }
 }
 
 TEST(JSONSerializationTests, UnrepresentableValuesAnywhereAreErrorsNotNull) {
@@ -43,20 +48,11 @@ TEST(JSONSerializationTests, UnrepresentableValuesAnywhereAreErrorsNotNull) {
         {"raw data in an array", json::array({value::data({1, 2, 3})})},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
         std::string error;
-        EXPECT_FALSE(serialization.dataWithJSONObject(c.value, &error)) << c.what;
-        EXPECT_FALSE(error.empty()) << c.what;
-        EXPECT_FALSE(serialization.isValidJSONObject(c.value)) << c.what;
-    }
-}
-
-TEST(JSONSerializationTests, BadTextIsAnErrorWithADescription) {
-    const JSONSafeSerialization serialization;
-    for (const std::string& text : {std::string(""), std::string("{"), std::string("[1,]"), std::string("{\"a\":1} x"),
-                                   std::string("\"\xff\""), std::string("NaN")}) {
-        std::string error;
-        EXPECT_FALSE(serialization.JSONObjectWithData(text, &error)) << text;
-        EXPECT_FALSE(error.empty()) << text;
+        EXPECT_FALSE(serialization.dataWithJSONObject(c.value, &error));
+        EXPECT_FALSE(error.empty());
+        EXPECT_FALSE(serialization.isValidJSONObject(c.value));
     }
 }
 

@@ -26,104 +26,89 @@ protected:
     std::filesystem::path path_ = dir_ / "app" / "defaults.sqlite3";
 };
 
-Date sampleDate() { return Date(std::chrono::microseconds(1'700'000'000'654'321LL)); }
-
-TEST_F(UserDefaultsTests, ValuesSurviveReopeningTheDatabase) {
-    const json assignments = {{"experiment_a", "variant_1"}, {"experiment_b", "control"}};
-    const json nested = {{"list", json::array({1, 2.5, "x", true})}, {"when", value::date(sampleDate())}};
+TEST_F(UserDefaultsTests, ValuesSurviveReopeningTypedGettersAnswerOnlyForTheirKindAndNullRemoves) {
+    const Date when(std::chrono::microseconds(1'700'000'000'654'321LL));
+    const json nested = {{"list", json::array({1, 2.5, "x", true})}, {"when", value::date(when)}};
     {
         auto defaults = openDefaults();
         ASSERT_TRUE(defaults);
         defaults->set("text", "string");
         defaults->set(41, "int");
-        defaults->set(2.75, "double");
-        defaults->set(true, "bool");
-        defaults->set(value::date(sampleDate()), "date");
-        defaults->set(value::data({9, 8, 7}), "data");
-        defaults->set(assignments, "assignments");
-        defaults->set(nested, "nested");
         defaults->set(42, "int");  // overwrite
+        defaults->set(-3.9, "negative");
+        defaults->set(1e300, "huge");
+        defaults->set(true, "flag");
+        defaults->set("12", "numericText");
+        defaults->set(value::date(when), "date");
+        defaults->set(value::data({9, 8, 7}), "data");
+        defaults->set(json{{"experiment_a", "variant_1"}, {"experiment_b", "control"}}, "assignments");
+        defaults->set(json{{"a", "x"}, {"b", 1}}, "mixed");
+        defaults->set(json::object(), "emptyDictionary");
+        defaults->set(nested, "nested");
     }
     auto reopened = openDefaults();
     ASSERT_TRUE(reopened);
     EXPECT_EQ(reopened->string("string"), "text");
-    EXPECT_EQ(reopened->integer("int"), 42);
-    EXPECT_EQ(reopened->number("double"), 2.75);
-    ASSERT_TRUE(reopened->object("bool"));
-    EXPECT_TRUE(reopened->object("bool")->is_boolean());
-    EXPECT_EQ(reopened->date("date"), sampleDate());
+    EXPECT_EQ(reopened->number("negative"), -3.9);
+    ASSERT_TRUE(reopened->object("flag"));
+    EXPECT_TRUE(reopened->object("flag")->is_boolean());
+    EXPECT_EQ(reopened->date("date"), when);
     EXPECT_EQ(value::asData(*reopened->object("data")), (Bytes{9, 8, 7}));
     EXPECT_EQ(reopened->stringDictionary("assignments"),
               (std::map<std::string, std::string>{{"experiment_a", "variant_1"}, {"experiment_b", "control"}}));
+    EXPECT_EQ(reopened->stringDictionary("emptyDictionary"), (std::map<std::string, std::string>{}));
     EXPECT_EQ(reopened->object("nested"), nested);
-    EXPECT_EQ(value::asDate((*reopened->object("nested"))["when"]), sampleDate());
-}
-
-TEST_F(UserDefaultsTests, TypedGettersAnswerOnlyForTheirKind) {
-    auto defaults = openDefaults();
-    ASSERT_TRUE(defaults);
-    defaults->set("12", "numericText");
-    defaults->set(-3.9, "negative");
-    defaults->set(1e300, "huge");
-    defaults->set(true, "flag");
-    defaults->set(json{{"a", "x"}, {"b", 1}}, "mixed");
-    defaults->set(json::object(), "emptyDictionary");
-    defaults->set(json::array({"a"}), "array");
+    EXPECT_EQ(value::asDate((*reopened->object("nested"))["when"]), when);
 
     // integer truncates toward zero and clamps; anything not a number reads as 0.
-    const std::pair<const char*, long long> integers[] = {
-        {"missing", 0}, {"numericText", 0}, {"negative", -3}, {"huge", std::numeric_limits<long long>::max()}, {"flag", 1}};
-    for (auto [key, expected] : integers) EXPECT_EQ(defaults->integer(key), expected) << key;
-    EXPECT_EQ(defaults->number("flag"), 1.0);
-    EXPECT_FALSE(defaults->number("numericText"));
-    EXPECT_FALSE(defaults->string("negative"));
-    EXPECT_FALSE(defaults->date("numericText"));
-    EXPECT_FALSE(defaults->date("negative"));
-    for (const char* key : {"mixed", "array", "missing"}) EXPECT_FALSE(defaults->stringDictionary(key)) << key;
-    EXPECT_EQ(defaults->stringDictionary("emptyDictionary"), (std::map<std::string, std::string>{}));
+    const std::pair<const char*, long long> integers[] = {{"int", 42},         {"missing", 0}, {"numericText", 0},
+                                                          {"negative", -3},    {"flag", 1},
+                                                          {"huge", std::numeric_limits<long long>::max()}};
+    for (auto [key, expected] : integers) EXPECT_EQ(reopened->integer(key), expected) << key;
+    EXPECT_EQ(reopened->number("flag"), 1.0);
+    EXPECT_FALSE(reopened->number("numericText"));
+    EXPECT_FALSE(reopened->string("negative"));
+    EXPECT_FALSE(reopened->date("numericText"));
+    EXPECT_FALSE(reopened->date("negative"));
+    for (const char* key : {"mixed", "nested", "missing"}) EXPECT_FALSE(reopened->stringDictionary(key)) << key;
+
+    // Null removes; a prefix selects keys.
+    for (const char* key : {"ns.a", "ns.b", "nsx.c", "other"}) reopened->set(1, key);
+    reopened->set(nullptr, "other");
+    reopened->removeObject("ns.b");
+    reopened->removeObject("never-there");
+    EXPECT_FALSE(reopened->object("other"));
+    EXPECT_EQ(reopened->keys("ns"), (std::vector<std::string>{"ns.a", "nsx.c"}));
+    reopened->set(1, "ns.b");
+    reopened->removeKeysWithPrefix("ns.");
+    EXPECT_EQ(reopened->keys("ns"), (std::vector<std::string>{"nsx.c"}));
 }
 
-TEST_F(UserDefaultsTests, NullRemovesAndPrefixesSelectKeys) {
-    auto defaults = openDefaults();
-    ASSERT_TRUE(defaults);
-    for (const char* key : {"ns.a", "ns.b", "nsx.c", "other"}) defaults->set(1, key);
-
-    defaults->set(nullptr, "other");
-    EXPECT_FALSE(defaults->object("other"));
-    defaults->removeObject("ns.b");
-    EXPECT_FALSE(defaults->object("ns.b"));
-    defaults->removeObject("never-there");
-
-    defaults->set(1, "ns.b");
-    EXPECT_EQ(defaults->keys("ns."), (std::vector<std::string>{"ns.a", "ns.b"}));
-    EXPECT_EQ(defaults->keys().size(), 3u);
-    defaults->removeKeysWithPrefix("ns.");
-    EXPECT_EQ(defaults->keys(), (std::vector<std::string>{"nsx.c"}));
-}
-
-TEST_F(UserDefaultsTests, ConcurrentWritersLoseNothing) {
+TEST_F(UserDefaultsTests, ConnectionsSeeEachOthersWritesAndConcurrentWritersLoseNothing) {
     constexpr int kPerThread = 500;
     {
         auto shared = openDefaults();
         auto second = openDefaults();  // a second connection to the same file
         ASSERT_TRUE(shared && second);
+        // Read first, so that a stale cached value would show.
+        EXPECT_FALSE(shared->object("from-second"));
+        second->set("fresh", "from-second");
+        EXPECT_EQ(shared->string("from-second"), "fresh");
+        second->removeObject("from-second");
+        EXPECT_FALSE(shared->object("from-second"));
+
         auto writer = [](UserDefaults& defaults, const std::string& prefix) {
             for (int i = 0; i < kPerThread; ++i) defaults.set(i, prefix + std::to_string(i));
         };
-        std::thread a(writer, std::ref(*shared), "a.");
-        std::thread b(writer, std::ref(*shared), "b.");
-        std::thread c(writer, std::ref(*second), "c.");
-        a.join();
-        b.join();
-        c.join();
+        std::jthread a(writer, std::ref(*shared), "a.");
+        std::jthread b(writer, std::ref(*shared), "b.");
+        std::jthread c(writer, std::ref(*second), "c.");
     }
     auto reopened = openDefaults();
     ASSERT_TRUE(reopened);
     for (const char* prefix : {"a.", "b.", "c."}) {
         EXPECT_EQ(reopened->keys(prefix).size(), static_cast<std::size_t>(kPerThread)) << prefix;
-        for (int i = 0; i < kPerThread; ++i) {
-            ASSERT_EQ(reopened->integer(prefix + std::to_string(i)), i) << prefix << i;
-        }
+        for (int i = 0; i < kPerThread; ++i) ASSERT_EQ(reopened->integer(prefix + std::to_string(i)), i) << prefix << i;
     }
 }
 
@@ -143,14 +128,13 @@ TEST_F(UserDefaultsTests, StandardPathFollowsTheConfigHome) {
         std::optional<std::string> value = std::getenv(name) ? std::optional<std::string>(std::getenv(name)) : std::nullopt;
         ~SavedVariable() { value ? setenv(name, value->c_str(), 1) : unsetenv(name); }
     } config{"XDG_CONFIG_HOME"}, home{"HOME"};
-
     setenv("HOME", "/home/listener", 1);
     setenv("XDG_CONFIG_HOME", "/srv/config", 1);
     EXPECT_EQ(UserDefaults::standardPath("com.example.app"), "/srv/config/com.example.app/defaults.sqlite3");
-    setenv("XDG_CONFIG_HOME", "relative/config", 1);  // relative values do not count
-    EXPECT_EQ(UserDefaults::standardPath("com.example.app"), "/home/listener/.config/com.example.app/defaults.sqlite3");
-    unsetenv("XDG_CONFIG_HOME");
-    EXPECT_EQ(UserDefaults::standardPath("com.example.app"), "/home/listener/.config/com.example.app/defaults.sqlite3");
+    for (const char* ignored : {"relative/config", static_cast<const char*>(nullptr)}) {  // relative: as unset
+        ignored ? setenv("XDG_CONFIG_HOME", ignored, 1) : unsetenv("XDG_CONFIG_HOME");
+        EXPECT_EQ(UserDefaults::standardPath("com.example.app"), "/home/listener/.config/com.example.app/defaults.sqlite3");
+    }
 }
 
 }  // namespace

@@ -2,25 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
-#include <utmp.h>
-
-#include <chrono>
-#include <csignal>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "Firebase/FirebaseABExperiments.h"
 #include "Firebase/FirebaseABManagerMenuViewController.h"
 #include "Firebase/JsonFileRemoteConfig.h"
 #include "Platform/UserDefaults.h"
 #include "Support/TemporaryDirectory.h"
+#include "Tool/ToolProcess.h"
 
 namespace kt::tool {
 namespace {
@@ -46,14 +36,16 @@ TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
         {"\x1b", false, MenuKey::back, 1},            // the Escape key, once the terminal went quiet
         {"\x1b[1;5", false, MenuKey::ignored, 5},
         {"2q", true, MenuKey::digit, 1},
+        {"", true, MenuKey::incomplete, 0},           // unfinished: wait for more
+        {"\x1b", true, MenuKey::incomplete, 0},       {"\x1b[", true, MenuKey::incomplete, 0},
+        {"\x1b[1;5", true, MenuKey::incomplete, 0},   {"\x1bO", true, MenuKey::incomplete, 0},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(std::string(c.input)) + (c.moreMayFollow ? "" : ", quiet"));
         const DecodedKey decoded = decodeKey(c.input, c.moreMayFollow);
-        EXPECT_EQ(decoded.key, c.key) << ::testing::PrintToString(std::string(c.input));
-        EXPECT_EQ(decoded.length, c.length) << ::testing::PrintToString(std::string(c.input));
+        EXPECT_EQ(decoded.key, c.key);
+        EXPECT_EQ(decoded.length, c.length);
     }
-    for (const char* unfinished : {"", "\x1b", "\x1b[", "\x1b[1;5", "\x1bO"})
-        EXPECT_EQ(decodeKey(unfinished).key, MenuKey::incomplete) << ::testing::PrintToString(std::string(unfinished));
 }
 
 class ExperimentsMenuSessionTest : public ::testing::Test {
@@ -70,10 +62,13 @@ protected:
     ExperimentsMenuSession session{navigation};
 };
 
-TEST_F(ExperimentsMenuSessionTest, ArrowsWrapAndEachScreenKeepsItsCursor) {
+TEST_F(ExperimentsMenuSessionTest, ArrowsWrapEachScreenKeepsItsCursorAndNumbersChooseDirectly) {
     session.handle(decodeKey("\x1b[A"));  // up from the first row wraps to the last
     EXPECT_EQ(session.cursor(), 3u);
-    EXPECT_EQ(screen()[5], "> 4. ios_upsell_experiment_variant");
+    EXPECT_EQ(screen(), (std::vector<std::string>{"Experiments", "", "  1. dev_ab_price_test",
+                                                  "  2. dev_ab_offline_sync_grace_period_test",
+                                                  "  3. dev_listen_ad_free_upsell_copy",
+                                                  "> 4. ios_upsell_experiment_variant"}));
     session.handle(decodeKey("\r"));
     EXPECT_EQ(screen()[0], "Experiments > ios_upsell_experiment_variant");
     EXPECT_EQ(screen()[2], "  remote: variantB");
@@ -88,9 +83,8 @@ TEST_F(ExperimentsMenuSessionTest, ArrowsWrapAndEachScreenKeepsItsCursor) {
     session.handle(decodeKey("b"));
     EXPECT_EQ(session.cursor(), 3u);         // back on the row it came from
     EXPECT_EQ(FirebaseABManager(defaults).assignment<UpsellVariantExperiment>(), UpsellVariantExperiment::variantC);
-}
 
-TEST_F(ExperimentsMenuSessionTest, NumbersChooseDirectlyAndOutOfRangeNumbersAreRefused) {
+    // Numbers choose directly; out-of-range numbers are refused.
     session.handle(decodeKey("9"));
     EXPECT_EQ(screen().back(), "no choice 9 here");
     EXPECT_EQ(navigation->depth(), 1u);
@@ -114,97 +108,12 @@ TEST_F(ExperimentsMenuSessionTest, NumbersChooseDirectlyAndOutOfRangeNumbersAreR
     EXPECT_EQ(session.handle(decodeKey("\x03")), ExperimentsMenuSession::Outcome::quit);
 }
 
-
-// ---------------------------------------------------------------------------------------
 // The real tool, driven by keys on a pseudo-terminal of its own, as at a person's terminal.
-
-using namespace std::chrono_literals;
-constexpr auto kDeadline = 20s;  // guards against a hang only
-
-/// The tool as a child process: on a pseudo-terminal of its own, or, given an input file,
-/// without a terminal, reading that file and writing to "<input>.out".
-class ToolProcess {
-public:
-    explicit ToolProcess(std::vector<std::string> arguments, const std::filesystem::path& input = {}) {
-        winsize size{30, 100, 0, 0};
-        if (input.empty() && ::openpty(&master_, &slave_, nullptr, nullptr, &size) != 0) return;
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            if (input.empty()) {
-                ::close(master_);
-                ::login_tty(slave_);
-            } else {
-                ::dup2(::open(input.c_str(), O_RDONLY), STDIN_FILENO);
-                const int output = ::open((input.string() + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-                ::dup2(output, STDOUT_FILENO);
-                ::dup2(output, STDERR_FILENO);
-            }
-            std::vector<char*> argv{const_cast<char*>(KTANALYTICS_TOOL_PATH)};
-            for (auto& argument : arguments) argv.push_back(argument.data());
-            argv.push_back(nullptr);
-            ::execv(argv[0], argv.data());
-            ::_exit(127);
-        }
-    }
-    ~ToolProcess() {
-        if (pid_ > 0 && !status_) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        for (int fd : {master_, slave_})
-            if (fd >= 0) ::close(fd);
-    }
-
-    pid_t pid() const { return pid_; }
-    void send(std::string_view keys) { EXPECT_EQ(::write(master_, keys.data(), keys.size()), ssize_t(keys.size())); }
-
-    /// Reads what the tool draws until `text` appears in what came after the last match.
-    bool waitFor(const std::string& text) {
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (auto at = screen_.find(text); at != std::string::npos) {
-                screen_.erase(0, at + text.size());
-                return true;
-            }
-            pollfd descriptor{master_, POLLIN, 0};
-            char buffer[4096];
-            if (::poll(&descriptor, 1, 100) > 0) {
-                const ssize_t count = ::read(master_, buffer, sizeof buffer);
-                if (count > 0) screen_.append(buffer, std::size_t(count));
-            }
-        }
-        return false;
-    }
-    const std::string& screen() const { return screen_; }
-
-    /// Whether the terminal reads lines and echoes them, as a shell needs it.
-    bool isInLineMode() const {
-        termios settings{};
-        return ::tcgetattr(slave_, &settings) == 0 && (settings.c_lflag & ICANON) && (settings.c_lflag & ECHO);
-    }
-
-    std::optional<int> waitForExit() {
-        const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (!status_ && std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-            else std::this_thread::sleep_for(10ms);
-        }
-        return status_;
-    }
-
-private:
-    int master_ = -1;
-    int slave_ = -1;
-    pid_t pid_ = -1;
-    std::string screen_;
-    std::optional<int> status_;
-};
+using testing::ToolProcess;
 
 class ExperimentsCommandTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(std::filesystem::exists(KTANALYTICS_TOOL_PATH)) << "build the tool first: " << KTANALYTICS_TOOL_PATH;
         std::ofstream(remoteFile) << R"({"dev_ab_offline_sync_grace_period_test": "control",)"
                                      R"( "dev_ab_price_test": "discountedPrice"})";
         // The application ran once before and stored what remote config said.
@@ -227,65 +136,51 @@ protected:
     std::filesystem::path remoteFile = directory / "remote.json";
 };
 
-TEST_F(ExperimentsCommandTest, ArrowsChooseAnOverrideForTheNextStartAndQuittingRestoresTheTerminal) {
+TEST_F(ExperimentsCommandTest, ArrowsChooseAnOverrideForTheNextStartAndQuittingOrSIGTERMRestoresTheTerminal) {
     ToolProcess terminal(arguments());
-    ASSERT_GT(terminal.pid(), 0);
-    ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.screen();
+    ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.output();
     EXPECT_FALSE(terminal.isInLineMode());  // keys arrive one by one, unechoed
-
-    terminal.send("\x1b[B\r");  // Down, Enter
-    ASSERT_TRUE(terminal.waitFor("remote: control") && terminal.waitFor("override: (none)")) << terminal.screen();
+    terminal.send("\x1b[B\r");              // Down, Enter
+    ASSERT_TRUE(terminal.waitFor("remote: control") && terminal.waitFor("override: (none)")) << terminal.output();
     terminal.send("\r");  // "change"
-    ASSERT_TRUE(terminal.waitFor("2. variantA")) << terminal.screen();
+    ASSERT_TRUE(terminal.waitFor("2. variantA")) << terminal.output();
     terminal.send("\x1b[B\r");
-    ASSERT_TRUE(terminal.waitFor("override: variantA")) << terminal.screen();
+    ASSERT_TRUE(terminal.waitFor("override: variantA")) << terminal.output();
     terminal.send("q");
     const auto status = terminal.waitForExit();
-    ASSERT_TRUE(status && WIFEXITED(*status)) << terminal.screen();
+    ASSERT_TRUE(status && WIFEXITED(*status)) << terminal.output();
     EXPECT_EQ(WEXITSTATUS(*status), 0);
     EXPECT_TRUE(terminal.isInLineMode());
-
     FirebaseABManager nextStart(openDefaults());
     EXPECT_EQ(nextStart.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
     EXPECT_EQ(nextStart.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
-}
 
-TEST_F(ExperimentsCommandTest, ATerminatedMenuLeavesTheTerminalUsable) {
-    ToolProcess terminal(arguments());
-    ASSERT_GT(terminal.pid(), 0);
-    ASSERT_TRUE(terminal.waitFor("> 1. dev_ab_price_test")) << terminal.screen();
-    terminal.send("\x1b[B");
-    ASSERT_TRUE(terminal.waitFor("> 2. dev_ab_offline")) << terminal.screen();
-    EXPECT_FALSE(terminal.isInLineMode());
-
-    ASSERT_EQ(::kill(terminal.pid(), SIGTERM), 0);
-    const auto status = terminal.waitForExit();
-    ASSERT_TRUE(status && WIFSIGNALED(*status));  // it still dies of the signal
-    EXPECT_EQ(WTERMSIG(*status), SIGTERM);
-    EXPECT_TRUE(terminal.isInLineMode());
+    ToolProcess terminated(arguments());
+    ASSERT_TRUE(terminated.waitFor("> 1. dev_ab_price_test")) << terminated.output();
+    terminated.send("\x1b[B");
+    ASSERT_TRUE(terminated.waitFor("> 2. dev_ab_offline")) << terminated.output();
+    EXPECT_FALSE(terminated.isInLineMode());
+    ASSERT_EQ(::kill(terminated.pid(), SIGTERM), 0);
+    const auto killed = terminated.waitForExit();
+    ASSERT_TRUE(killed && WIFSIGNALED(*killed));  // it still dies of the signal
+    EXPECT_EQ(WTERMSIG(*killed), SIGTERM);
+    EXPECT_TRUE(terminated.isInLineMode());
 }
 
 TEST_F(ExperimentsCommandTest, WithoutATerminalItReadsLinesAndRefusesABadRemoteFile) {
     const auto script = directory / "script.txt";
     std::ofstream(script) << "4\n1\n4\nb\nq\n";
-    auto run = [&] {
-        ToolProcess tool(arguments(), script);
-        const auto status = tool.waitForExit();
-        std::stringstream output;
-        output << std::ifstream(script.string() + ".out").rdbuf();
-        return std::pair(status && WIFEXITED(*status) ? std::optional(WEXITSTATUS(*status)) : std::nullopt, output.str());
-    };
-    const auto [status, output] = run();
-    EXPECT_EQ(status, 0);
-    EXPECT_NE(output.find("override: variantD"), std::string::npos) << output;
-    EXPECT_EQ(output.find("\x1b["), std::string::npos);  // no terminal drawing in a pipe
+    const auto run = testing::runTool(arguments(), directory.path(), script);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.out.find("override: variantD"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find("\x1b["), std::string::npos);  // no terminal drawing in a pipe
     EXPECT_EQ(FirebaseABManager(openDefaults()).assignment<UpsellVariantExperiment>(), UpsellVariantExperiment::variantD);
 
     std::ofstream(remoteFile) << R"({"dev_ab_price_test": 3})";
-    const auto [badStatus, badOutput] = run();
-    EXPECT_TRUE(badStatus && *badStatus != 0);
-    EXPECT_NE(badOutput.find("the value of \"dev_ab_price_test\" must be text"), std::string::npos) << badOutput;
-    EXPECT_EQ(badOutput.find("override:"), std::string::npos) << "nothing runs";
+    const auto bad = testing::runTool(arguments(), directory.path(), script);
+    EXPECT_GT(bad.exitCode, 0);
+    EXPECT_NE(bad.err.find("the value of \"dev_ab_price_test\" must be text"), std::string::npos) << bad.err;
+    EXPECT_EQ(bad.out.find("override:"), std::string::npos) << "nothing runs";
 }
 
 }  // namespace

@@ -18,13 +18,17 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-class QueueCommandTests : public ::testing::Test {
-protected:
-    testing::TemporaryDirectory directory{"kt-queue"};
-    fs::path state = directory / "state";
-};
+TEST(QueueCommandTests, listsEachStoredEventWithItsRetryCountAndLeavesUndecodableFilesInPlace) {
+    ::kt::testing::TemporaryDirectory directory{"kt-queue"};
+    const fs::path state = directory / "state";
+    std::ostringstream out;
+    std::string error;
+    EXPECT_EQ(listStoredEvents(state, true, out, error), std::nullopt);
+    EXPECT_NE(error.find("is not a folder"), std::string::npos) << error;
+    fs::create_directories(state);
+    EXPECT_EQ(listStoredEvents(state, true, out, error), 0u) << "a state folder without a queue holds nothing";
+    EXPECT_EQ(out.str(), "0\n");
 
-TEST_F(QueueCommandTests, listsEachStoredEventWithItsRetryCountAndLeavesUndecodableFilesInPlace) {
     const fs::path events = AnalyticsStack::eventsDirectory(state);
     fs::create_directories(events);
     APEventSerializer store(events, nullptr);
@@ -37,45 +41,29 @@ TEST_F(QueueCommandTests, listsEachStoredEventWithItsRetryCountAndLeavesUndecoda
     std::ofstream(garbage) << "not an archive";
     std::ofstream(events / "notes.txt") << "not an event";
 
-    std::ostringstream out;
-    std::string error;
+    out.str("");
     EXPECT_EQ(listStoredEvents(state, false, out, error), 3u) << error;
-
     std::map<std::string, json> byFile;
     std::istringstream lines(out.str());
     for (std::string line; std::getline(lines, line);) {
         const json entry = json::parse(line);
         byFile[entry["file"].get<std::string>()] = entry;
     }
-    ASSERT_EQ(byFile.size(), 3u);
-    const json& like = byFile.at(liked->eventURL().filename().native());
-    EXPECT_EQ(like["event"], "like");
-    EXPECT_EQ(like["retry_count"], 2);
-    EXPECT_EQ(like["attributes"], (json{{"track", "quillarbor:tracks:9"}}));
-    const json& view = byFile.at(viewed->eventURL().filename().native());
-    EXPECT_EQ(view["retry_count"], 0);
-    EXPECT_EQ(view["event"], "pageview");
-    EXPECT_EQ(view["attributes"], json::object());
-    const json& bad = byFile.at(garbage.filename().native());
-    EXPECT_EQ(bad["error"], "cannot be decoded");
-    EXPECT_FALSE(bad.contains("event"));
-    // Looking is not touching.
-    EXPECT_TRUE(fs::exists(garbage));
+    EXPECT_EQ(byFile, (std::map<std::string, json>{
+                          {liked->eventURL().filename().native(),
+                           {{"file", liked->eventURL().filename().native()}, {"event", "like"}, {"retry_count", 2},
+                            {"attributes", {{"track", "quillarbor:tracks:9"}}}}},
+                          {viewed->eventURL().filename().native(),
+                           {{"file", viewed->eventURL().filename().native()}, {"event", "pageview"},
+                            {"retry_count", 0}, {"attributes", json::object()}}},
+                          {garbage.filename().native(),
+                           {{"file", garbage.filename().native()}, {"error", "cannot be decoded"}, {"retry_count", 0}}},
+                      }));
+    EXPECT_TRUE(fs::exists(garbage)) << "looking is not touching";
 
-    std::ostringstream count;
-    EXPECT_EQ(listStoredEvents(state, true, count, error), 3u);
-    EXPECT_EQ(count.str(), "3\n");
-}
-
-TEST_F(QueueCommandTests, aStateFolderWithoutAQueueHoldsNothingAndAMissingOneIsAnError) {
-    fs::create_directories(state);
-    std::ostringstream out;
-    std::string error;
-    EXPECT_EQ(listStoredEvents(state, true, out, error), 0u);
-    EXPECT_EQ(out.str(), "0\n");
-
-    EXPECT_EQ(listStoredEvents(directory / "missing", true, out, error), std::nullopt);
-    EXPECT_NE(error.find("is not a folder"), std::string::npos) << error;
+    out.str("");
+    EXPECT_EQ(listStoredEvents(state, true, out, error), 3u);
+    EXPECT_EQ(out.str(), "3\n");
 }
 
 }  // namespace

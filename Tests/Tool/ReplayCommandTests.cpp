@@ -6,18 +6,15 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <set>
-#include <thread>
 #include <sstream>
+#include <thread>
 
 #include "AnalyticsProvider/APEventNames.h"
 #include "Gateway/DevelopmentGateway.h"
 #include "Support/TemporaryDirectory.h"
+#include "Tool/ToolProcess.h"
 
 namespace kt::tool {
 namespace {
@@ -32,37 +29,33 @@ std::unordered_set<std::string> supportedNames() {
 
 // ---- the line reader
 
-TEST(ReplayLineTests, acceptsASupportedNameWithOrWithoutAttributes) {
+TEST(ReplayLineTests, acceptsASupportedNameWithOptionalAttributesAndRefusesTheRestWithAReason) {
     const auto supported = supportedNames();
-    std::string problem;
-    auto line = parseReplayLine(R"({"name": "share::prompt", "attributes": {"a": [1, "x"], "b": null}})", supported,
-                                problem);
-    ASSERT_TRUE(line) << problem;
-    EXPECT_EQ(line->name, "share::prompt");
-    EXPECT_EQ(line->attributes, (json{{"a", json::array({1, "x"})}, {"b", nullptr}}));
-
-    for (const char* bare : {R"({"name": "like"})", R"({"name": "like", "attributes": null})"}) {
-        line = parseReplayLine(bare, supported, problem);
-        ASSERT_TRUE(line) << bare;
-        EXPECT_EQ(line->attributes, json::object()) << bare;
-    }
-}
-
-TEST(ReplayLineTests, refusesWhatCannotBeTaggedWithAReason) {
-    const auto supported = supportedNames();
-    const std::pair<const char*, const char*> cases[] = {
-        {R"({"name": "like")", "not valid JSON"},
-        {R"(["like"])", "not a JSON object"},
-        {R"({"attributes": {}})", "no \"name\" string"},
-        {R"({"name": 3})", "no \"name\" string"},
+    const struct {
+        const char* text;
+        json attributes;     // when accepted
+        const char* reason;  // when refused
+    } cases[] = {
+        {R"({"name": "like", "attributes": {"a": [1, "x"], "b": null}})", {{"a", {1, "x"}}, {"b", nullptr}}, ""},
+        {R"({"name": "like"})", json::object(), ""},
+        {R"({"name": "like", "attributes": null})", json::object(), ""},
+        {R"({"name": "like")", nullptr, "not valid JSON"},
+        {R"(["like"])", nullptr, "not a JSON object"},
+        {R"({"attributes": {}})", nullptr, "no \"name\" string"},
+        {R"({"name": 3})", nullptr, "no \"name\" string"},
         // Names are exact and case-sensitive: tagging this one would stop the process.
-        {R"({"name": "Like"})", "unsupported event name \"Like\""},
-        {R"({"name": "like", "attributes": [1]})", "\"attributes\" is not an object"},
+        {R"({"name": "Like"})", nullptr, "unsupported event name \"Like\""},
+        {R"({"name": "like", "attributes": [1]})", nullptr, "\"attributes\" is not an object"},
     };
-    for (const auto& [text, reason] : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         std::string problem;
-        EXPECT_FALSE(parseReplayLine(text, supported, problem)) << text;
-        EXPECT_EQ(problem, reason) << text;
+        const auto line = parseReplayLine(c.text, supported, problem);
+        EXPECT_EQ(problem, c.reason);
+        ASSERT_EQ(line.has_value(), *c.reason == '\0');
+        if (!line) continue;
+        EXPECT_EQ(line->name, "like");
+        EXPECT_EQ(line->attributes, c.attributes);
     }
 }
 
@@ -108,91 +101,55 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
     EXPECT_EQ(replayExitCode(summary), kReplayDropped);
 }
 
-TEST(ReplayLineTests, theOptionsBecomeAStackConfiguration) {
-    KTEnvironment base;
-    base.eventGatewayBaseURL = "http://127.0.0.1:9";
-    ReplayOptions options;
-    options.stateDir = "/tmp/somewhere";
-    options.minBatch = 3;
-    options.alpha = true;
-    options.token = "t";
-    std::string error;
-    auto configuration = replayConfiguration(options, base, error);
-    ASSERT_TRUE(configuration) << error;
-    EXPECT_EQ(configuration->environment.eventGatewayBaseURL, "http://127.0.0.1:9");
-    EXPECT_EQ(configuration->environment.minimumBatchSize, 3u);
-    EXPECT_TRUE(configuration->environment.clientId.has_value());  // uploads always carry a User-Agent
-    EXPECT_EQ(configuration->stateDirectory, "/tmp/somewhere");
-    EXPECT_TRUE(configuration->alpha);
-    EXPECT_EQ(configuration->token, "t");
-
-    options.gateway = "gateway.example.org";
-    EXPECT_FALSE(replayConfiguration(options, base, error));
-    EXPECT_NE(error.find("gateway URL"), std::string::npos) << error;
-}
-
 // ---- the tool
 
-struct ToolRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-};
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// Runs the built tool to completion; each run passes a --timeout, which bounds it.
-ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& scratch) {
-    static int runs = 0;
-    const fs::path out = scratch / ("out-" + std::to_string(runs));
-    const fs::path err = scratch / ("err-" + std::to_string(runs++));
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int o = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        const int e = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(o, STDOUT_FILENO);
-        dup2(e, STDERR_FILENO);
-        std::vector<std::string> args{KTANALYTICS_TOOL_PATH};
-        args.insert(args.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    ToolRun run;
-    int status = 0;
-    if (pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
-    run.out = readFile(out);
-    run.err = readFile(err);
-    return run;
-}
-
-json summaryOf(const ToolRun& run) {
+json summaryOf(const testing::ToolRun& run) {
     // Exactly one line on standard output.
     EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 1) << run.out;
     return json::parse(run.out, nullptr, false);
 }
 
+json summary(int tagged, int delivered, int waiting, int batches, int skipped = 0, int notForGateway = 0,
+             int failedThreeTimes = 0, std::vector<std::string> tokens = {}) {
+    return {{"tagged", tagged},   {"delivered", delivered}, {"dropped", failedThreeTimes},
+            {"dropped_by_reason",
+             {{"failed_three_times", failedThreeTimes}, {"rejected", 0}, {"not_representable", 0}, {"unreadable", 0},
+              {"retry_count_lost", 0}, {"too_deeply_nested", 0}, {"not_stored", 0}}},
+            {"waiting", waiting}, {"batches", batches},     {"skipped", skipped}, {"not_for_gateway", notForGateway},
+            {"promoted", {{"fired", 0}, {"delivered", 0}, {"waiting", 0}, {"given_up", 0}}},
+            {"attribution_tokens", tokens}};
+}
+
 class ReplayToolTests : public ::testing::Test {
 protected:
-    std::unique_ptr<gateway::DevelopmentGateway> startGateway() {
-        auto gateway = std::make_unique<gateway::DevelopmentGateway>(gateway::GatewayConfiguration{});
+    static std::unique_ptr<gateway::DevelopmentGateway> startGateway(gateway::GatewayConfiguration configuration = {}) {
+        auto gateway = std::make_unique<gateway::DevelopmentGateway>(configuration);
         EXPECT_TRUE(gateway->start()) << gateway->lastError();
         return gateway;
     }
+    // The address of a port that was just in use and is closed now.
+    static std::string unreachable() { return startGateway()->baseURL(); }
 
-    fs::path writeLines(const std::string& name, const std::vector<std::string>& lines) {
-        const fs::path path = directory / name;
-        std::ofstream out(path);
+    // Replays `lines` against `gateway` with this test's state folder.
+    testing::ToolRun replay(const std::vector<std::string>& lines, const std::string& gateway,
+                            const std::vector<std::string>& options) {
+        const fs::path file = directory / ("lines-" + std::to_string(files_++) + ".jsonl");
+        std::ofstream out(file);
         for (const auto& line : lines) out << line << '\n';
-        return path;
+        out.close();
+        std::vector<std::string> arguments{"replay", file.native(), "--gateway", gateway, "--state-dir", state.native()};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return testing::runTool(arguments, directory.path());
+    }
+    testing::ToolRun queue(const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments{"queue", "--state-dir", state.native()};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        return testing::runTool(arguments, directory.path());
     }
 
-    testing::TemporaryDirectory directory{"kt-replay"};
+    ::kt::testing::TemporaryDirectory directory{"kt-replay"};
+    fs::path state = directory / "state";
+    int files_ = 0;
 };
 
 TEST_F(ReplayToolTests, deliversEveryGoodLineAndReportsTheBadOnesByLineNumber) {
@@ -201,22 +158,13 @@ TEST_F(ReplayToolTests, deliversEveryGoodLineAndReportsTheBadOnesByLineNumber) {
                                       "{not json", R"({"name": "Pageview"})"};
     for (int i = 0; i < 25; ++i)
         lines.push_back(json{{"name", i % 2 ? "like" : "pageview"}, {"attributes", {{"i", i}}}}.dump());
-    const auto file = writeLines("session.jsonl", lines);
-
-    const auto run = runTool({"replay", file.native(), "--gateway", gateway->baseURL(), "--state-dir",
-                              (directory / "state").native(), "--min-batch", "10", "--client-id", "99",
-                              "--user-agent", "ReplayTool/3", "--user-urn", "quillarbor:users:7", "--token",
-                              "tool-token", "--timeout", "20"},
-                             directory.path());
+    const auto run = replay(lines, gateway->baseURL(),
+                            {"--min-batch", "10", "--client-id", "99", "--user-agent", "ReplayTool/3", "--user-urn",
+                             "quillarbor:users:7", "--token", "tool-token", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    const json summary = summaryOf(run);
-    EXPECT_EQ(summary["tagged"], 26);
-    EXPECT_EQ(summary["delivered"], 25);
-    EXPECT_EQ(summary["dropped"], 0);
-    EXPECT_EQ(summary["waiting"], 0);
-    EXPECT_EQ(summary["batches"], 3);  // 10 and 10 on reaching the minimum, 5 on the flush
-    EXPECT_EQ(summary["skipped"], 2);
-    EXPECT_EQ(summary["not_for_gateway"], 1);
+    // 10 and 10 on reaching the minimum, 5 on the flush.
+    // Every like is an attribution milestone too.
+    EXPECT_EQ(summaryOf(run), summary(26, 25, 0, 3, 2, 1, 0, std::vector<std::string>(12, "k4tq7v")));
     EXPECT_NE(run.err.find("line 2: not valid JSON"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("line 3: unsupported event name \"Pageview\""), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("not sent to the gateway"), std::string::npos) << run.err;
@@ -237,29 +185,17 @@ TEST_F(ReplayToolTests, deliversEveryGoodLineAndReportsTheBadOnesByLineNumber) {
 }
 
 TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheNextRun) {
-    const fs::path state = directory / "state";
-    std::string unreachable;
-    {
-        // A port that was just in use and is closed now.
-        auto gateway = startGateway();
-        unreachable = gateway->baseURL();
-    }
-    const auto file = writeLines("three.jsonl", {R"({"name": "like", "attributes": {"i": 1}})",
-                                                 R"({"name": "repost", "attributes": {"i": 2}})",
-                                                 R"({"name": "search", "attributes": {"i": 3}})"});
-    auto run = runTool({"replay", file.native(), "--gateway", unreachable, "--state-dir", state.native(), "--timeout",
-                        "0.05"},
-                       directory.path());
+    auto run = replay({R"({"name": "like", "attributes": {"i": 1}})", R"({"name": "repost", "attributes": {"i": 2}})",
+                       R"({"name": "search", "attributes": {"i": 3}})"},
+                      unreachable(), {"--timeout", "0.05"});
     EXPECT_EQ(run.exitCode, 1) << run.err;
-    json summary = summaryOf(run);
-    EXPECT_EQ(summary["tagged"], 3);
-    EXPECT_EQ(summary["delivered"], 0);
-    EXPECT_EQ(summary["waiting"], 3);
+    const json first = summaryOf(run);
+    EXPECT_EQ(first["tagged"], 3);
+    EXPECT_EQ(first["delivered"], 0);
+    EXPECT_EQ(first["waiting"], 3);
 
-    run = runTool({"queue", "--state-dir", state.native(), "--count"}, directory.path());
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, "3\n");
-    run = runTool({"queue", "--state-dir", state.native()}, directory.path());
+    EXPECT_EQ(queue({"--count"}).out, "3\n");
+    run = queue();
     EXPECT_EQ(run.exitCode, 0) << run.err;
     std::istringstream listed(run.out);
     std::set<std::string> names;
@@ -275,66 +211,36 @@ TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheN
 
     // The next run, with nothing new to tag, delivers what waited.
     auto gateway = startGateway();
-    const auto empty = writeLines("empty.jsonl", {});
-    run = runTool({"replay", empty.native(), "--gateway", gateway->baseURL(), "--state-dir", state.native(),
-                   "--timeout", "20"},
-                  directory.path());
+    run = replay({}, gateway->baseURL(), {"--timeout", "20"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    summary = summaryOf(run);
-    EXPECT_EQ(summary["tagged"], 0);
-    EXPECT_EQ(summary["delivered"], 3);
-    EXPECT_EQ(summary["waiting"], 0);
+    EXPECT_EQ(summaryOf(run), summary(0, 3, 0, 1));
     EXPECT_EQ(gateway->stats().events, 3u);
 }
 
 // Connections refused every time: each event gets its three attempts, spaced by the wait
 // loop, is dropped and counted under its reason, and the run says so in its exit code.
 TEST_F(ReplayToolTests, eventsAGatewayNeverTakesAreDroppedCountedAndExitThree) {
-    std::string unreachable;
-    {
-        auto gateway = startGateway();
-        unreachable = gateway->baseURL();
-    }
-    const auto file = writeLines("two.jsonl", {R"({"name": "like", "attributes": {"i": 1}})",
-                                               R"({"name": "repost", "attributes": {"i": 2}})"});
-    const auto run = runTool({"replay", file.native(), "--gateway", unreachable, "--state-dir",
-                              (directory / "state").native(), "--retry-pause", "0.05", "--timeout", "20"},
-                             directory.path());
+    const auto run = replay({R"({"name": "like", "attributes": {"i": 1}})", R"({"name": "repost", "attributes": {"i": 2}})"},
+                            unreachable(), {"--retry-pause", "0.05", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 3) << run.err;
-    const json summary = summaryOf(run);
-    EXPECT_EQ(summary["dropped"], 2);
-    EXPECT_EQ(summary["dropped_by_reason"],
-              json::parse(R"({"failed_three_times":2,"rejected":0,"not_representable":0,"unreadable":0,
-                              "retry_count_lost":0,"too_deeply_nested":0,"not_stored":0})"));
-    EXPECT_EQ(summary["waiting"], 0);
-
+    EXPECT_EQ(summaryOf(run), summary(2, 0, 0, 3, 0, 0, 2, {"k4tq7v"}));
     // The state folder keeps the count of what was dropped, for `queue` to show.
-    const auto queue = runTool({"queue", "--state-dir", (directory / "state").native(), "--count"}, directory.path());
-    EXPECT_EQ(queue.out, "0\n");
-    EXPECT_NE(queue.err.find("dropped by earlier runs: 2 (failed_three_times 2)"), std::string::npos) << queue.err;
+    const auto listing = queue({"--count"});
+    EXPECT_EQ(listing.out, "0\n");
+    EXPECT_NE(listing.err.find("dropped by earlier runs: 2 (failed_three_times 2)"), std::string::npos) << listing.err;
 }
 
 // A gateway that comes up only after the first attempt failed: the pause before the next
 // attempt lets it recover, and nothing is lost.
 TEST_F(ReplayToolTests, aGatewayThatIsDownAtFirstCostsNoEvent) {
-    int port = 0;
-    {
-        auto gateway = startGateway();
-        port = gateway->port();
-    }
+    const std::string url = unreachable();
     std::unique_ptr<gateway::DevelopmentGateway> late;
     std::thread starter([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        gateway::GatewayConfiguration configuration;
-        configuration.port = port;
-        late = std::make_unique<gateway::DevelopmentGateway>(configuration);
-        EXPECT_TRUE(late->start()) << late->lastError();
+        late = startGateway({.port = std::stoi(url.substr(url.rfind(':') + 1))});
     });
-    const auto file = writeLines("one.jsonl", {R"({"name": "like", "attributes": {"i": 1}})"});
-    const auto run = runTool({"replay", file.native(), "--gateway", "http://127.0.0.1:" + std::to_string(port),
-                              "--state-dir", (directory / "state").native(), "--min-batch", "1", "--retry-pause",
-                              "1", "--timeout", "30"},
-                             directory.path());
+    const auto run = replay({R"({"name": "like", "attributes": {"i": 1}})"}, url,
+                            {"--min-batch", "1", "--retry-pause", "1", "--timeout", "30"});
     starter.join();
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(summaryOf(run)["delivered"], 1);
@@ -344,29 +250,22 @@ TEST_F(ReplayToolTests, aGatewayThatIsDownAtFirstCostsNoEvent) {
 // At the time-out the answers to the requests in flight are still waited for (bounded), so
 // what the gateway took is deleted and counted, not sent again by the next run.
 TEST_F(ReplayToolTests, aShortTimeOutStillCollectsTheAnswersInFlight) {
-    gateway::GatewayConfiguration slow;
-    slow.delay = std::chrono::milliseconds(400);
-    gateway::DevelopmentGateway gateway(slow);
-    ASSERT_TRUE(gateway.start()) << gateway.lastError();
+    auto gateway = startGateway({.delay = std::chrono::milliseconds(400)});
     std::vector<std::string> lines;
     for (int i = 0; i < 30; ++i) lines.push_back(json{{"name", "like"}, {"attributes", {{"i", i}}}}.dump());
-    const auto file = writeLines("thirty.jsonl", lines);
-    const fs::path state = directory / "state";
-    const auto run = runTool({"replay", file.native(), "--gateway", gateway.baseURL(), "--state-dir", state.native(),
-                              "--min-batch", "10", "--timeout", "0.05"},
-                             directory.path());
+    const auto run = replay(lines, gateway->baseURL(), {"--min-batch", "10", "--timeout", "0.05"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(summaryOf(run)["delivered"], 30);
-    EXPECT_EQ(runTool({"queue", "--state-dir", state.native(), "--count"}, directory.path()).out, "0\n");
-    EXPECT_EQ(gateway.stats().events, 30u);
+    EXPECT_EQ(queue({"--count"}).out, "0\n");
+    EXPECT_EQ(gateway->stats().events, 30u);
 }
 
 // The token can come from the environment or a file, where other local users cannot read
 // it; the command line wins over a file.
 TEST_F(ReplayToolTests, theTokenComesFromTheCommandLineAFileOrTheEnvironment) {
-    const auto tokenFile = writeLines("token", {"from-file"});
+    std::ofstream(directory / "token") << "from-file\n";
     ReplayOptions options;
-    options.tokenFile = tokenFile.native();
+    options.tokenFile = (directory / "token").native();
     std::string error;
     EXPECT_EQ(replayConfiguration(options, KTEnvironment{}, error)->token, "from-file");
     options.token = "from-line";
@@ -377,28 +276,22 @@ TEST_F(ReplayToolTests, theTokenComesFromTheCommandLineAFileOrTheEnvironment) {
     EXPECT_NE(error.find("cannot read the token file"), std::string::npos) << error;
 
     auto gateway = startGateway();
-    const auto file = writeLines("one.jsonl", {R"({"name": "like"})"});
     ::setenv("KTANALYTICS_TOKEN", "from-environment", 1);
-    const auto run = runTool({"replay", file.native(), "--gateway", gateway->baseURL(), "--state-dir",
-                              (directory / "state").native(), "--timeout", "20"},
-                             directory.path());
+    const auto run = replay({R"({"name": "like"})"}, gateway->baseURL(), {"--timeout", "20"});
     ::unsetenv("KTANALYTICS_TOKEN");
     EXPECT_EQ(run.exitCode, 0) << run.err;
     const auto rows = gateway->lastEvents(10);
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(json::parse(rows[0].headers)["Authorization"], "present");
+    EXPECT_EQ(json::parse(rows[0].payload)["client_id"], 1) << "the default client id, for the User-Agent";
 }
 
 TEST_F(ReplayToolTests, aRunThatCannotStartSaysWhyAndExitsWithTwo) {
-    auto run = runTool({"replay", (directory / "missing.jsonl").native(), "--timeout", "1"}, directory.path());
+    auto run = testing::runTool({"replay", (directory / "missing.jsonl").native(), "--timeout", "1"}, directory.path());
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("cannot read"), std::string::npos) << run.err;
     EXPECT_EQ(run.out, "");
-
-    const auto file = writeLines("one.jsonl", {R"({"name": "like"})"});
-    run = runTool({"replay", file.native(), "--gateway", "ftp://127.0.0.1", "--state-dir",
-                   (directory / "state").native(), "--timeout", "1"},
-                  directory.path());
+    run = replay({R"({"name": "like"})"}, "ftp://127.0.0.1", {"--timeout", "1"});
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("not http or https"), std::string::npos) << run.err;
 }

@@ -1,0 +1,103 @@
+// What the SDK keeps in the defaults database: privacy choices and name-spaced values.
+
+#include "KTFoundation/KeyValueStoring.h"
+#include "KTFoundation/PersistedPrivacySettings.h"
+
+#include <gtest/gtest.h>
+
+#include "Platform/UserDefaults.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+struct PersistedSettingsTest : ::testing::Test {
+    testing::TemporaryDirectory directory{"kt-settings"};
+    std::filesystem::path databasePath = directory / "defaults.sqlite3";
+    std::shared_ptr<UserDefaults> defaults = std::make_shared<UserDefaults>(databasePath);
+    PersistedPrivacySettings settings{defaults};
+};
+
+TEST_F(PersistedSettingsTest, NothingIsGrantedBeforeConsentIsRecordedOrWhenItCannotBeRead) {
+    EXPECT_FALSE(settings.isAnalyticsTrackingEnabled());
+    EXPECT_FALSE(settings.isTargetedAdvertisingEnabled());
+    EXPECT_FALSE(settings.isiOSAdvertisingTrackingEnabled());
+    EXPECT_EQ(settings.iabConsentString(), std::nullopt);
+
+    defaults->set("yes please", PersistedPrivacySettings::settingsKey);
+    EXPECT_FALSE(settings.isAnalyticsTrackingEnabled());
+    defaults->set(AttributeValue{{"analytics_tracking_enabled", "true"}, {"iab_consent_string", 12}},
+                  PersistedPrivacySettings::settingsKey);
+    EXPECT_FALSE(settings.isAnalyticsTrackingEnabled());
+    EXPECT_EQ(settings.iabConsentString(), std::nullopt);
+    // A flag stored as a number (as property lists may hand booleans back) still counts.
+    defaults->set(AttributeValue{{"analytics_tracking_enabled", 1}}, PersistedPrivacySettings::settingsKey);
+    EXPECT_TRUE(settings.isAnalyticsTrackingEnabled());
+}
+
+TEST_F(PersistedSettingsTest, RecordedChoicesSurviveARestartUntilReplacedOrReset) {
+    settings.updateWithPrivacySettings({.analyticsTrackingEnabled = true, .targetedAdvertisingEnabled = true,
+                                        .iabConsentString = "CPXxRfAPXxRfAAfKABENB-CgAAAAAAAAAAYgAAAAAAAA",
+                                        .iOSAdvertisingTrackingEnabled = true});
+    // A new process: a new database connection and a new settings object.
+    PersistedPrivacySettings reopened(std::make_shared<UserDefaults>(databasePath));
+    EXPECT_TRUE(reopened.isAnalyticsTrackingEnabled());
+    EXPECT_TRUE(reopened.isTargetedAdvertisingEnabled());
+    EXPECT_TRUE(reopened.isiOSAdvertisingTrackingEnabled());
+    EXPECT_EQ(reopened.iabConsentString(), "CPXxRfAPXxRfAAfKABENB-CgAAAAAAAAAAYgAAAAAAAA");
+
+    reopened.updateWithPrivacySettings({.analyticsTrackingEnabled = false});
+    for (const auto* reader : {&settings, &reopened}) {  // both read the same file
+        EXPECT_FALSE(reader->isAnalyticsTrackingEnabled());
+        EXPECT_FALSE(reader->isTargetedAdvertisingEnabled());
+        EXPECT_FALSE(reader->isiOSAdvertisingTrackingEnabled());
+        EXPECT_EQ(reader->iabConsentString(), std::nullopt);
+    }
+
+    // A reset forgets the choices and the analytics id, and nothing else.
+    EXPECT_EQ(settings.analticsIdStorageKey(), "privacy_settings.analytics_id");
+    defaults->set("analytics-id-1", settings.analticsIdStorageKey());
+    defaults->set("kept", "session_id_provider.id");
+    settings.updateWithPrivacySettings({.analyticsTrackingEnabled = true, .iabConsentString = "consent"});
+    settings.resetPrivacySettings();
+    EXPECT_FALSE(reopened.isAnalyticsTrackingEnabled());
+    EXPECT_EQ(reopened.iabConsentString(), std::nullopt);
+    EXPECT_EQ(defaults->string(settings.analticsIdStorageKey()), std::nullopt);
+    EXPECT_EQ(defaults->string("session_id_provider.id"), "kept");
+}
+
+TEST_F(PersistedSettingsTest, StoreKeysLiveUnderTheirOwnNameSpaceAndSurviveReopening) {
+    const Date start(std::chrono::microseconds(1'650'000'000'000'001LL));
+    {
+        UserDefaultsStore store(defaults, "session_id_provider");
+        store.setString("E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "identifier");
+        store.setDate(start, "inactivityStart");
+        store.setNumber(5, "playTrackCount");
+    }
+    defaults = std::make_shared<UserDefaults>(databasePath);
+    EXPECT_EQ(defaults->string("session_id_provider.identifier"), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+    UserDefaultsStore store(defaults, "session_id_provider");
+    EXPECT_EQ(store.string("identifier"), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+    EXPECT_EQ(store.date("inactivityStart"), start);
+    EXPECT_EQ(store.number("playTrackCount"), 5.0);
+    EXPECT_FALSE(store.string("inactivityStart"));  // a date is not a string
+
+    store.setString(std::nullopt, "identifier");
+    store.setDate(std::nullopt, "inactivityStart");
+    store.setNumber(std::nullopt, "playTrackCount");
+    EXPECT_TRUE(defaults->keys().empty());
+
+    UserDefaultsStore a(defaults, "a");
+    UserDefaultsStore ab(defaults, "ab");
+    a.setString("from a", "key");
+    ab.setString("from ab", "key");
+    defaults->set("bare", "a");      // the name space's own name, no dot
+    defaults->set("near", "a_key");  // shares the first letter only
+    EXPECT_EQ(a.string("key"), "from a");
+    a.clear();
+    EXPECT_FALSE(a.string("key"));
+    EXPECT_EQ(defaults->keys(), (std::vector<std::string>{"a", "a_key", "ab.key"}));
+}
+
+}  // namespace
+}  // namespace kt

@@ -9,38 +9,29 @@
 namespace kt {
 namespace {
 
-class CountingUploader final : public RRUReliableRequestUploader {
-public:
+struct CountingUploader final : RRUReliableRequestUploader {
     void uploadFailedRequests() override { ++calls; }
     int calls = 0;
 };
 
 // Records into a log shared by all providers of one test, so the order across providers shows.
-class TrackingProvider : public APBaseAnalyticsProvider {
-public:
-    TrackingProvider(std::vector<std::string> names, std::vector<std::string>& log, std::string label)
-        : names_(std::make_shared<const EventNameSet>(names.begin(), names.end())), log_(log), label_(std::move(label)) {}
-    std::shared_ptr<const EventNameSet> trackedEvents() const override { return names_; }
-    void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override {
-        log_.push_back(label_ + ":" + event->name());
-    }
-    void flush() override { log_.push_back(label_ + ":flush"); }
-
-private:
-    std::shared_ptr<const EventNameSet> names_;
-    std::vector<std::string>& log_;
-    std::string label_;
+struct TrackingProvider : APBaseAnalyticsProvider {
+    TrackingProvider(std::vector<std::string>& log, std::string label, std::vector<std::string> tracked = {})
+        : names(std::make_shared<const EventNameSet>(tracked.begin(), tracked.end())), log(log), label(std::move(label)) {}
+    std::shared_ptr<const EventNameSet> trackedEvents() const override { return names; }
+    void tagEvent(const std::shared_ptr<const APEventDescripting>& e) override { log.push_back(label + ":" + e->name()); }
+    void flush() override { log.push_back(label + ":flush"); }
+    std::shared_ptr<const EventNameSet> names;
+    std::vector<std::string>& log;
+    std::string label;
 };
-
-class PageviewProvider : public TrackingProvider {
-public:
+struct PageviewProvider : TrackingProvider {
     using TrackingProvider::TrackingProvider;
 };
-class DerivedPageviewProvider final : public PageviewProvider {
-public:
+struct DerivedPageviewProvider final : PageviewProvider {
     using PageviewProvider::PageviewProvider;
 };
-class SilentProvider final : public APBaseAnalyticsProvider {};
+struct SilentProvider final : APBaseAnalyticsProvider {};
 
 struct ControllerFixture : ::testing::Test {
     std::shared_ptr<CountingUploader> uploader = std::make_shared<CountingUploader>();
@@ -51,12 +42,10 @@ struct ControllerFixture : ::testing::Test {
 };
 
 TEST_F(ControllerFixture, DispatchesByTrackedNameInRegistrationOrderAndReportsUnusedEvents) {
-    controller.registerAnalyticsProvider(std::make_shared<TrackingProvider>(
-        std::vector<std::string>{"like", "audio"}, log, "first"));
-    controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(
-        std::vector<std::string>{"pageview", "like"}, log, "second"));
+    using Names = std::vector<std::string>;
+    controller.registerAnalyticsProvider(std::make_shared<TrackingProvider>(log, "first", Names{"like", "audio"}));
+    controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(log, "second", Names{"pageview", "like"}));
     controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
-
     controller.tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}}));
     controller.tagEvent(APEvent::make("like", std::nullopt));
     controller.tagEvent(APEvent::make("audio", AttributeDictionary{{"track", "quillarbor:tracks:5"},
@@ -80,17 +69,16 @@ TEST_F(ControllerFixture, DispatchesByTrackedNameInRegistrationOrderAndReportsUn
                              "Event was tagged but not logged by any analytics provider\n"
                              " <APEvent: name=sign_up attributes={method = email}>"})
         EXPECT_TRUE(logger->contains(line)) << line;
-
     // Without a tech logger the unused event is only logged.
-    APAnalyticsController bare{uploader, std::make_shared<APEventNames>(), nullptr, logger};
+    APAnalyticsController bare(uploader, std::make_shared<APEventNames>(), nullptr);
     bare.tagEvent(APEvent::make("follow", std::nullopt));
 }
 
 // A provider is found by its exact class; a subclass may follow its base, not the reverse.
 TEST_F(ControllerFixture, ProvidersAreFoundByTheirExactClass) {
     auto before = controller.analyticsProviders();
-    auto base = std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "base");
-    auto derived = std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived");
+    auto base = std::make_shared<PageviewProvider>(log, "base");
+    auto derived = std::make_shared<DerivedPageviewProvider>(log, "derived");
     controller.registerAnalyticsProvider(base);
     controller.registerAnalyticsProvider(derived);
     EXPECT_TRUE(before->empty());  // a dispatch already under way keeps its list
@@ -98,24 +86,19 @@ TEST_F(ControllerFixture, ProvidersAreFoundByTheirExactClass) {
     EXPECT_EQ(controller.providerForClass<PageviewProvider>(), base);
     EXPECT_EQ(controller.providerForClass<DerivedPageviewProvider>(), derived);
     EXPECT_EQ(controller.providerForClass<SilentProvider>(), nullptr);
-
     APAnalyticsController onlyDerived{uploader, std::make_shared<APEventNames>(), nullptr};
     onlyDerived.registerAnalyticsProvider(derived);
     EXPECT_EQ(onlyDerived.providerForClass<PageviewProvider>(), nullptr);
+    EXPECT_DEATH(onlyDerived.registerAnalyticsProvider(base), "Provider with same class already exists");
 }
 
-using ControllerDeathTest = ControllerFixture;
-
-TEST_F(ControllerDeathTest, ProgrammingErrorsAreFatal) {
+TEST_F(ControllerFixture, ProgrammingErrorsAreFatal) {
     EXPECT_DEATH(controller.tagEvent(APEvent::make("Pageview", std::nullopt)), "unknown event name Pageview");
     EXPECT_DEATH(controller.tagEvent(nullptr), "Invalid parameter not satisfying: event");
     EXPECT_DEATH(controller.registerAnalyticsProvider(nullptr), "Invalid parameter not satisfying: provider");
     EXPECT_DEATH(APAnalyticsController(nullptr, std::make_shared<APEventNames>(), nullptr),
                  "Invalid parameter not satisfying: uploader");
     EXPECT_DEATH(APAnalyticsController(uploader, nullptr, nullptr), "Invalid parameter not satisfying: eventNames");
-    controller.registerAnalyticsProvider(std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, ""));
-    EXPECT_DEATH(controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "")),
-                 "Provider with same class already exists");
 }
 
 TEST(APAnalyticsControllerSharedTests, SharedInstanceIsPreparedOnce) {
@@ -123,9 +106,8 @@ TEST(APAnalyticsControllerSharedTests, SharedInstanceIsPreparedOnce) {
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(APAnalyticsController::sharedInstance(), "Accessed sharedInstance before it was prepared");
     auto first = std::make_shared<CountingUploader>();
-    APAnalyticsController::prepareSharedInstance(first, std::make_shared<APEventNames>(), nullptr);
-    APAnalyticsController::prepareSharedInstance(std::make_shared<CountingUploader>(), std::make_shared<APEventNames>(),
-                                                 nullptr);
+    for (const auto& uploader : {first, std::make_shared<CountingUploader>()})
+        APAnalyticsController::prepareSharedInstance(uploader, std::make_shared<APEventNames>(), nullptr);
     EXPECT_EQ(APAnalyticsController::sharedInstance().requestUploader(), first);
 }
 

@@ -14,49 +14,41 @@ namespace {
 // What happened, in order, across the recorder and the uploader.
 using Journal = std::vector<std::string>;
 
-class JournalingUploader final : public APEventGatewayUploading {
-public:
-    explicit JournalingUploader(Journal& journal) : journal_(journal) {}
+struct JournalingUploader final : APEventGatewayUploading {
+    explicit JournalingUploader(Journal& journal) : journal(journal) {}
     void uploadEvent(const std::shared_ptr<const APEvent>& event) override {
-        journal_.push_back("upload " + event->name());
+        journal.push_back("upload " + event->name());
         uploaded.push_back(event);
     }
-    void flush() override { journal_.push_back("flush"); }
+    void flush() override { journal.push_back("flush"); }
     void discardEvent(const APEventDescripting& event, APEventDropReason reason) override {
-        journal_.push_back("discard " + event.name() + " " + std::string(eventDropReasonKey(reason)));
+        journal.push_back("discard " + event.name() + " " + std::string(eventDropReasonKey(reason)));
     }
+    Journal& journal;
     std::vector<std::shared_ptr<const APEvent>> uploaded;
-
-private:
-    Journal& journal_;
 };
 
-class JournalingRecorder final : public APEventGatewayAnalyticsRecording {
-public:
-    explicit JournalingRecorder(Journal& journal) : journal_(journal) {}
+struct JournalingRecorder final : APEventGatewayAnalyticsRecording {
+    explicit JournalingRecorder(Journal& journal) : journal(journal) {}
     bool recording() const override { return isRecording; }
     void recordEvent(const AttributeDictionary& event) override {
-        journal_.push_back("record " + event["event"].get<std::string>());
+        journal.push_back("record " + event["event"].get<std::string>());
         recorded.push_back(event);
     }
+    Journal& journal;
     bool isRecording = false;
     std::vector<AttributeDictionary> recorded;
-
-private:
-    Journal& journal_;
 };
 
 // An event description that is not an APEvent.
-class ForeignEvent final : public APEventDescripting {
-public:
+struct ForeignEvent final : APEventDescripting {
     const std::string& name() const override { return name_; }
     const AttributeDictionary* attributes() const override { return nullptr; }
     std::string name_ = "pageview";
 };
 
 // Adds "transformed": true, or gives back nothing / a foreign event when told to.
-class ScriptedTransformer final : public APEventGatewayEventTransforming {
-public:
+struct ScriptedTransformer final : APEventGatewayEventTransforming {
     enum class Mode { transform, nothing, foreign };
     std::shared_ptr<const APEventDescripting> transform(const APEventDescripting& event) const override {
         if (mode == Mode::nothing) return nullptr;

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "AnalyticsProvider/APAnalyticsController.h"
 #include "AnalyticsProvider/APBaseAnalyticsProvider.h"
 #include "AnalyticsProvider/APEvent.h"
@@ -11,8 +9,7 @@
 namespace kt {
 namespace {
 
-class CountingUploader final : public RRUReliableRequestUploader {
-public:
+struct CountingUploader final : RRUReliableRequestUploader {
     void uploadRequest(HTTPRequest) override {}
     void flush() override {}
     void uploadFailedRequests() override { ++calls; }
@@ -20,31 +17,23 @@ public:
 };
 
 // Records into a log shared by all providers of one test, so the order across providers shows.
-class TrackingProvider : public APBaseAnalyticsProvider {
-public:
-    TrackingProvider(std::vector<std::string> names, std::vector<std::string>& log, std::string label)
-        : names_(std::make_shared<const EventNameSet>(names.begin(), names.end())), log_(log), label_(std::move(label)) {}
-    std::shared_ptr<const EventNameSet> trackedEvents() const override { return names_; }
-    void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override {
-        log_.push_back(label_ + ":" + event->name());
-    }
-    void flush() override { log_.push_back(label_ + ":flush"); }
-
-private:
-    std::shared_ptr<const EventNameSet> names_;
-    std::vector<std::string>& log_;
-    std::string label_;
+struct TrackingProvider : APBaseAnalyticsProvider {
+    TrackingProvider(std::vector<std::string>& log, std::string label, std::vector<std::string> tracked = {})
+        : names(std::make_shared<const EventNameSet>(tracked.begin(), tracked.end())), log(log), label(std::move(label)) {}
+    std::shared_ptr<const EventNameSet> trackedEvents() const override { return names; }
+    void tagEvent(const std::shared_ptr<const APEventDescripting>& e) override { log.push_back(label + ":" + e->name()); }
+    void flush() override { log.push_back(label + ":flush"); }
+    std::shared_ptr<const EventNameSet> names;
+    std::vector<std::string>& log;
+    std::string label;
 };
-
-class PageviewProvider : public TrackingProvider {
-public:
+struct PageviewProvider : TrackingProvider {
     using TrackingProvider::TrackingProvider;
 };
-class DerivedPageviewProvider final : public PageviewProvider {
-public:
+struct DerivedPageviewProvider final : PageviewProvider {
     using PageviewProvider::PageviewProvider;
 };
-class SilentProvider final : public APBaseAnalyticsProvider {};
+struct SilentProvider final : APBaseAnalyticsProvider {};
 
 struct ControllerFixture : ::testing::Test {
     std::shared_ptr<CountingUploader> uploader = std::make_shared<CountingUploader>();
@@ -54,162 +43,88 @@ struct ControllerFixture : ::testing::Test {
     std::vector<std::string> log;
 };
 
-TEST_F(ControllerFixture, DispatchesOnlyToProvidersTrackingTheNameInRegistrationOrder) {
-    controller.registerAnalyticsProvider(std::make_shared<TrackingProvider>(
-        std::vector<std::string>{"like", "audio"}, log, "first"));
-    controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(
-        std::vector<std::string>{"pageview", "like"}, log, "second"));
+TEST_F(ControllerFixture, DispatchesByTrackedNameInRegistrationOrderAndReportsUnusedEvents) {
+    using Names = std::vector<std::string>;
+    controller.registerAnalyticsProvider(std::make_shared<TrackingProvider>(log, "first", Names{"like", "audio"}));
+    controller.registerAnalyticsProvider(std::make_shared<PageviewProvider>(log, "second", Names{"pageview", "like"}));
     controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
-
     controller.tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}}));
     controller.tagEvent(APEvent::make("like", std::nullopt));
-    controller.flush();
-
-    EXPECT_EQ(log, (std::vector<std::string>{"second:pageview", "first:like", "second:like", "first:flush",
-                                             "second:flush"}));
-    EXPECT_TRUE(logger->contains("Tagging event to providers PageviewProvider:\npageview {page_name = stream:main}"));
-    EXPECT_TRUE(logger->contains("Tagging event to providers TrackingProvider,PageviewProvider:\nlike {}"));
-    EXPECT_EQ(techLogger->count(), 0u);
-    EXPECT_EQ(controller.trackedEvents(), (EventNameSet{"like", "audio", "pageview"}));
-}
-
-TEST_F(ControllerFixture, UntrackedEventIsReportedAsUnused) {
-    controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
-    controller.tagEvent(APEvent::make("sign_up", AttributeDictionary{{"method", "email"}}));
-
-    const auto events = techLogger->events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].name, "unused_event");
-    EXPECT_EQ(events[0].space, 1);
-    EXPECT_TRUE(events[0].metrics.empty());
-    EXPECT_EQ(events[0].attributes, (AttributeDictionary{{"event", "sign_up"}}));
-    EXPECT_TRUE(logger->contains(
-        "Event was tagged but not logged by any analytics provider\n <APEvent: name=sign_up attributes={method = email}>"));
-    const auto records = logger->records();
-    EXPECT_TRUE(std::any_of(records.begin(), records.end(), [](const auto& r) {
-        return r.level == 1 && r.file == "Sources/AnalyticsProvider/APAnalyticsController" &&
-               r.function == "-[APAnalyticsController logUnusedEvent:]";
-    }));
-}
-
-TEST_F(ControllerFixture, AudioIsLoggedForPlaybackEvenWhenNobodyTracksIt) {
     controller.tagEvent(APEvent::make("audio", AttributeDictionary{{"track", "quillarbor:tracks:5"},
-                                                                   {"pause_reason", "buffer"},
-                                                                   {"ignored", "x"}}));
-    EXPECT_TRUE(logger->contains(
-        "#playback_analytics: tag audio event audio {pause_reason = buffer; track = quillarbor:tracks:5}"));
-    EXPECT_EQ(techLogger->eventsNamed("unused_event").size(), 1u);
-}
+                                                                   {"pause_reason", "buffer"}, {"ignored", "x"}}));
+    controller.tagEvent(APEvent::make("sign_up", AttributeDictionary{{"method", "email"}}));
+    controller.flush();
+    controller.uploadFailedEvents();
 
-TEST_F(ControllerFixture, WithoutATechLoggerAnUnusedEventIsOnlyLogged) {
-    APAnalyticsController bare{uploader, std::make_shared<APEventNames>(), nullptr, logger};
+    EXPECT_EQ(log, (std::vector<std::string>{"second:pageview", "first:like", "second:like", "first:audio",
+                                             "first:flush", "second:flush"}));
+    EXPECT_EQ(controller.trackedEvents(), (EventNameSet{"like", "audio", "pageview"}));
+    EXPECT_EQ(uploader->calls, 1);
+    const auto reported = techLogger->events();
+    ASSERT_EQ(reported.size(), 1u);
+    EXPECT_EQ(reported[0].name, "unused_event");
+    EXPECT_EQ(reported[0].space, 1);
+    EXPECT_TRUE(reported[0].metrics.empty());
+    EXPECT_EQ(reported[0].attributes, (AttributeDictionary{{"event", "sign_up"}}));
+    for (const char* line : {"Tagging event to providers TrackingProvider,PageviewProvider:\nlike {}",
+                             "#playback_analytics: tag audio event audio {pause_reason = buffer; track = quillarbor:tracks:5}",
+                             "Event was tagged but not logged by any analytics provider\n"
+                             " <APEvent: name=sign_up attributes={method = email}>"})
+        EXPECT_TRUE(logger->contains(line)) << line;
+    // Without a tech logger the unused event is only logged.
+    APAnalyticsController bare(uploader, std::make_shared<APEventNames>(), nullptr);
     bare.tagEvent(APEvent::make("follow", std::nullopt));
-    EXPECT_TRUE(logger->contains("Event was tagged but not logged by any analytics provider"));
 }
 
-TEST_F(ControllerFixture, SubclassMayFollowItsBaseButNotTheOtherWayAround) {
-    auto base = std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "base");
+// A provider is found by its exact class; a subclass may follow its base, not the reverse.
+TEST_F(ControllerFixture, ProvidersAreFoundByTheirExactClass) {
+    auto before = controller.analyticsProviders();
+    auto base = std::make_shared<PageviewProvider>(log, "base");
+    auto derived = std::make_shared<DerivedPageviewProvider>(log, "derived");
     controller.registerAnalyticsProvider(base);
-    auto derived = std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived");
     controller.registerAnalyticsProvider(derived);
-
-    EXPECT_TRUE(APAnalyticsController::providerIsSameAs(*derived, *base));
-    EXPECT_FALSE(APAnalyticsController::providerIsSameAs(*base, *derived));
+    EXPECT_TRUE(before->empty());  // a dispatch already under way keeps its list
+    EXPECT_EQ(controller.analyticsProviders()->size(), 2u);
     EXPECT_EQ(controller.providerForClass<PageviewProvider>(), base);
     EXPECT_EQ(controller.providerForClass<DerivedPageviewProvider>(), derived);
     EXPECT_EQ(controller.providerForClass<SilentProvider>(), nullptr);
+    APAnalyticsController onlyDerived{uploader, std::make_shared<APEventNames>(), nullptr};
+    onlyDerived.registerAnalyticsProvider(derived);
+    EXPECT_EQ(onlyDerived.providerForClass<PageviewProvider>(), nullptr);
+    EXPECT_DEATH(onlyDerived.registerAnalyticsProvider(base), "Provider with same class already exists");
 }
 
-TEST_F(ControllerFixture, ProviderForClassIgnoresSubclassInstances) {
-    controller.registerAnalyticsProvider(
-        std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived"));
-    EXPECT_EQ(controller.providerForClass<PageviewProvider>(), nullptr);
-}
-
-TEST_F(ControllerFixture, RegistrationKeepsTheListADispatchStartedWith) {
-    auto before = controller.analyticsProviders();
-    controller.registerAnalyticsProvider(std::make_shared<SilentProvider>());
-    EXPECT_TRUE(before->empty());
-    EXPECT_EQ(controller.analyticsProviders()->size(), 1u);
-}
-
-TEST_F(ControllerFixture, UploadFailedEventsAsksTheUploader) {
-    controller.uploadFailedEvents();
-    EXPECT_EQ(uploader->calls, 1);
-}
-
-using ControllerDeathTest = ControllerFixture;
-
-TEST_F(ControllerDeathTest, ProgrammingErrorsAreFatal) {
+TEST_F(ControllerFixture, ProgrammingErrorsAreFatal) {
     EXPECT_DEATH(controller.tagEvent(APEvent::make("Pageview", std::nullopt)), "unknown event name Pageview");
     EXPECT_DEATH(controller.tagEvent(nullptr), "Invalid parameter not satisfying: event");
     EXPECT_DEATH(controller.registerAnalyticsProvider(nullptr), "Invalid parameter not satisfying: provider");
     EXPECT_DEATH(APAnalyticsController(nullptr, std::make_shared<APEventNames>(), nullptr),
                  "Invalid parameter not satisfying: uploader");
     EXPECT_DEATH(APAnalyticsController(uploader, nullptr, nullptr), "Invalid parameter not satisfying: eventNames");
-
-    controller.registerAnalyticsProvider(
-        std::make_shared<DerivedPageviewProvider>(std::vector<std::string>{}, log, "derived"));
-    EXPECT_DEATH(controller.registerAnalyticsProvider(
-                     std::make_shared<PageviewProvider>(std::vector<std::string>{}, log, "base")),
-                 "Provider with same class already exists");
 }
 
 TEST(APAnalyticsControllerSharedTests, SharedInstanceIsPreparedOnce) {
     // The unprepared case runs first, in a fresh child process of its own.
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_DEATH(APAnalyticsController::sharedInstance(), "Accessed sharedInstance before it was prepared");
-
     auto first = std::make_shared<CountingUploader>();
-    auto second = std::make_shared<CountingUploader>();
-    APAnalyticsController::prepareSharedInstance(first, std::make_shared<APEventNames>(), nullptr);
-    APAnalyticsController::prepareSharedInstance(second, std::make_shared<APEventNames>(), nullptr);
+    for (const auto& uploader : {first, std::make_shared<CountingUploader>()})
+        APAnalyticsController::prepareSharedInstance(uploader, std::make_shared<APEventNames>(), nullptr);
     EXPECT_EQ(APAnalyticsController::sharedInstance().requestUploader(), first);
 }
 
 TEST(APEventNamesTests, TheVocabularyIsTheFixedFortyOneNames) {
     EXPECT_EQ(APEventNames().supportedEventNames(),
-              (std::vector<std::string>{"ad_request",
-                                        "ad_delivery",
-                                        "audio",
-                                        "audio_error",
-                                        "audio_performance",
-                                        "audiocopy_click",
-                                        "auth_prompt",
-                                        "authentication::initiate",
-                                        "authentication::abort",
-                                        "clickthrough::companion_display",
-                                        "clickthrough::consumer_sub_ad",
-                                        "clickthrough::interstitial",
-                                        "clickthrough::video_ad",
-                                        "clickthrough::app_install",
-                                        "close_tour",
-                                        "dismiss::consumer_sub_ad",
-                                        "follow",
-                                        "foreground",
-                                        "forgot_password",
-                                        "impression",
-                                        "like",
-                                        "list_view_interaction",
-                                        "navigation",
-                                        "offline_sync",
-                                        "pageview",
-                                        "play_control",
-                                        "promoted_event",
-                                        "rich_media_stream_error",
-                                        "rich_media_stream",
-                                        "rich_media_stream_performance",
-                                        "related_tracks",
-                                        "repost",
-                                        "search",
-                                        "share",
-                                        "share::prompt",
-                                        "sign_in",
-                                        "sign_up",
-                                        "unfollow",
-                                        "unlike",
-                                        "unrepost",
-                                        "click"}));
+              (std::vector<std::string>{
+                  "ad_request", "ad_delivery", "audio", "audio_error", "audio_performance", "audiocopy_click",
+                  "auth_prompt", "authentication::initiate", "authentication::abort",
+                  "clickthrough::companion_display", "clickthrough::consumer_sub_ad", "clickthrough::interstitial",
+                  "clickthrough::video_ad", "clickthrough::app_install", "close_tour", "dismiss::consumer_sub_ad",
+                  "follow", "foreground", "forgot_password", "impression", "like", "list_view_interaction",
+                  "navigation", "offline_sync", "pageview", "play_control", "promoted_event",
+                  "rich_media_stream_error", "rich_media_stream", "rich_media_stream_performance", "related_tracks",
+                  "repost", "search", "share", "share::prompt", "sign_in", "sign_up", "unfollow", "unlike",
+                  "unrepost", "click"}));
 }
 
 }  // namespace

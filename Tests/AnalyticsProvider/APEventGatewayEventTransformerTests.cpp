@@ -20,65 +20,38 @@ private:
     AttributeDictionary base_;
 };
 
-std::shared_ptr<const APEvent> transformed(const APEventGatewayEventTransformer& transformer,
-                                           const APEventDescripting& event) {
-    auto result = std::dynamic_pointer_cast<const APEvent>(transformer.transform(event));
-    EXPECT_TRUE(result) << "the gateway uploads only APEvents";
-    return result;
-}
-
-TEST(APEventGatewayEventTransformerTest, MergesBaseAttributesAndDropsTheIgnoredKeys) {
-    auto provider = std::make_shared<FixedAttributesProvider>(AttributeDictionary{{"session_id", "S"}, {"ts", 5}});
-    APEventGatewayEventTransformer transformer(provider);
-    const auto input = APEvent::make(
-        "like", AttributeDictionary{{"resource", "track"}, {"resource_id", 12}, {"set", "p"}, {"x", {1, 2}}});
-
-    const auto output = transformed(transformer, *input);
-    ASSERT_TRUE(output);
-    EXPECT_EQ(output->name(), "like");
-    ASSERT_TRUE(output->attributes());
-    EXPECT_EQ(*output->attributes(), (AttributeDictionary{{"x", {1, 2}}, {"session_id", "S"}, {"ts", 5}}));
-    EXPECT_EQ(provider->asked, std::vector<std::string>{"like"});
-}
-
-TEST(APEventGatewayEventTransformerTest, BaseValuesWinAndIgnoredBaseKeysAreDroppedToo) {
-    auto provider = std::make_shared<FixedAttributesProvider>(
-        AttributeDictionary{{"user", "base-user"}, {"set", "from-base"}, {"resource_id", 1}});
-    APEventGatewayEventTransformer transformer(provider);
-    const AttributeDictionary original{{"user", "event-user"}, {"keep", nullptr}};
-    const auto input = APEvent::make("follow", original);
-
-    const auto attributes = transformer.transformedAttributesForEvent(*input);
-    ASSERT_TRUE(attributes);
-    EXPECT_EQ(*attributes, (AttributeDictionary{{"user", "base-user"}, {"keep", nullptr}}));
-    // The event handed in is shared with other providers and must not change.
-    ASSERT_TRUE(input->attributes());
-    EXPECT_EQ(*input->attributes(), original);
-}
-
-TEST(APEventGatewayEventTransformerTest, AnEventWithoutAttributesGetsAnEmptyDictionaryAndNoBaseAttributes) {
-    auto provider = std::make_shared<FixedAttributesProvider>(AttributeDictionary{{"session_id", "S"}});
-    APEventGatewayEventTransformer transformer(provider);
-    const auto input = APEvent::make("pageview", std::nullopt);
-
-    EXPECT_FALSE(transformer.transformedAttributesForEvent(*input));
-    const auto output = transformed(transformer, *input);
-    ASSERT_TRUE(output);
-    EXPECT_EQ(output->name(), "pageview");
-    ASSERT_TRUE(output->attributes());
-    EXPECT_EQ(*output->attributes(), AttributeDictionary::object());
-    EXPECT_EQ(input->attributes(), nullptr);
-}
-
-TEST(APEventGatewayEventTransformerTest, AnEventWithOnlyIgnoredKeysKeepsTheBaseAttributes) {
-    auto provider = std::make_shared<FixedAttributesProvider>(AttributeDictionary{{"ts", 1}});
-    APEventGatewayEventTransformer transformer(provider);
-    const auto output = transformed(transformer, *APEvent::make("share", AttributeDictionary{{"resource", "r"}}));
-    ASSERT_TRUE(output);
-    EXPECT_EQ(*output->attributes(), (AttributeDictionary{{"ts", 1}}));
-}
-
-TEST(APEventGatewayEventTransformerDeathTest, RequiresAnAttributesProvider) {
+// Base values win; "resource", "resource_id" and "set" go, from either side; an event
+// without attributes gets an empty dictionary. The base is read for every event, so its
+// sources (the session id above all) see each one.
+TEST(APEventGatewayEventTransformerTest, MergesTheBaseAttributesIntoACopy) {
+    struct Case {
+        AttributeDictionary base;
+        std::optional<AttributeDictionary> attributes;
+        AttributeDictionary expected;
+    };
+    const std::vector<Case> cases = {
+        {{{"session_id", "S"}, {"ts", 5}},
+         AttributeDictionary{{"resource", "track"}, {"resource_id", 12}, {"set", "p"}, {"x", {1, 2}}},
+         {{"x", {1, 2}}, {"session_id", "S"}, {"ts", 5}}},
+        {{{"user", "base-user"}, {"set", "from-base"}, {"resource_id", 1}},
+         AttributeDictionary{{"user", "event-user"}, {"keep", nullptr}}, {{"user", "base-user"}, {"keep", nullptr}}},
+        {{{"ts", 1}}, AttributeDictionary{{"resource", "r"}}, {{"ts", 1}}},
+        {{{"session_id", "S"}}, std::nullopt, AttributeDictionary::object()},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.base.dump());
+        auto provider = std::make_shared<FixedAttributesProvider>(c.base);
+        APEventGatewayEventTransformer transformer(provider);
+        const auto input = APEvent::make("like", c.attributes);
+        const auto output = std::dynamic_pointer_cast<const APEvent>(transformer.transform(*input));
+        ASSERT_TRUE(output) << "the gateway uploads only APEvents";
+        EXPECT_EQ(output->name(), "like");
+        EXPECT_EQ(*output->attributes(), c.expected);
+        EXPECT_EQ(transformer.transformedAttributesForEvent(*input).has_value(), c.attributes.has_value());
+        EXPECT_EQ(provider->asked, (std::vector<std::string>{"like", "like"}));
+        // The event handed in is shared with other providers and must not change.
+        EXPECT_EQ(input->attributes() ? std::optional(*input->attributes()) : std::nullopt, c.attributes);
+    }
     EXPECT_DEATH(APEventGatewayEventTransformer(nullptr), "Invalid parameter not satisfying: attributesProvider");
 }
 

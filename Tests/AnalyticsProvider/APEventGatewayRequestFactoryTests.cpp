@@ -1,7 +1,5 @@
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 
-#include <chrono>
-#include <cmath>
 #include <limits>
 
 #include <gtest/gtest.h>
@@ -15,133 +13,81 @@ namespace kt {
 namespace {
 
 using namespace std::chrono;
-using Events = APEventGatewayRequestFactory::Events;
+using Headers = std::vector<std::pair<std::string, std::string>>;
 
-// 2024-05-01T09:30:00.125Z
-const Date kSentAt = Date(milliseconds(1714555800125));
+const Date kSentAt = Date(milliseconds(1714555800125));  // 2024-05-01T09:30:00.125Z
 
 class APEventGatewayRequestFactoryTests : public ::testing::Test {
 protected:
-    APEventGatewayRequestFactoryTests() {
-        registry->registerClientId(42, "KTAnalyticsTests/1.0 (Linux)");
+    APEventGatewayRequestFactory factory(bool shouldSendSentAt, std::string baseURL = "http://127.0.0.1:8080",
+                                         APEventGatewayRequestFactory::DateFormatter format = {}) {
+        return APEventGatewayRequestFactory(std::move(baseURL), registry, JSONSafeSerialization(), keychain,
+                                            std::move(format), shouldSendSentAt, [] { return kSentAt; });
     }
-
-    APEventGatewayRequestFactory factory(bool shouldSendSentAt, std::string baseURL = "http://127.0.0.1:8080") {
-        return APEventGatewayRequestFactory(std::move(baseURL), registry, JSONSafeSerialization(), keychain, {},
-                                            shouldSendSentAt, [] { return kSentAt; });
-    }
-
     static AttributeValue decodedBody(const HTTPRequest& request) {
-        auto json = GzipCodec::gunzippedData(request.body);
-        return AttributeValue::parse(*json);
+        return AttributeValue::parse(*GzipCodec::gunzippedData(request.body));
     }
 
     DependencyRegistry dependencies;
     std::shared_ptr<AnalyticsAttributeRegistry> registry = std::make_shared<AnalyticsAttributeRegistry>(dependencies);
     std::shared_ptr<InMemoryCredentialStore> keychain = std::make_shared<InMemoryCredentialStore>();
-    Events batch{APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}, {"n", 1}}),
-                 APEvent::make("like", AttributeDictionary{{"track_urn", "quillarbor:tracks:1"}}),
-                 APEvent::make("click", value::dictionary())};
+    APEventGatewayRequestFactory::Events batch{
+        APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}, {"n", 1}}),
+        APEvent::make("like", AttributeDictionary{{"track_urn", "quillarbor:tracks:1"}}),
+        APEvent::make("click", value::dictionary())};
 };
 
-TEST_F(APEventGatewayRequestFactoryTests, HeadersInOrderWithCredential) {
-    keychain->setCredential("token-123");
+TEST_F(APEventGatewayRequestFactoryTests, AGzippedPostOfTheGatewayElementsWithTheWireHeaders) {
+    AttributeValue elements = AttributeValue::array();
+    for (const auto& e : batch) elements.push_back(e->eventGatewayDictionary());
+    // Without a user agent or a credential their headers are left out.
     auto request = factory(false).requestForEvents(batch);
+    ASSERT_TRUE(request);
+    EXPECT_EQ(request->headers, (Headers{{"Content-Type", "application/json"}, {"Content-Encoding", "gzip"}}));
+
+    registry->registerClientId(42, "KTAnalyticsTests/1.0 (Linux)");
+    keychain->setCredential("token-123");
+    std::size_t rawSize = 0;
+    request = factory(false).requestForEvents(batch, nullptr, &rawSize);
     ASSERT_TRUE(request);
     EXPECT_EQ(request->url, "http://127.0.0.1:8080/v1/events");
     EXPECT_EQ(request->method, "POST");
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"User-Agent", "KTAnalyticsTests/1.0 (Linux)"},
-        {"Content-Type", "application/json"},
-        {"Content-Encoding", "gzip"},
-        {"Authorization", "Bearer token-123"},
-    };
-    EXPECT_EQ(request->headers, expected);
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, SignedOutRequestHasNoAuthorization) {
-    auto request = factory(false).requestForEvents(batch);
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->value("Authorization"), nullptr);
-    EXPECT_EQ(request->headers.size(), 3u);
+    EXPECT_EQ(request->headers, (Headers{{"User-Agent", "KTAnalyticsTests/1.0 (Linux)"},
+                                         {"Content-Type", "application/json"},
+                                         {"Content-Encoding", "gzip"},
+                                         {"Authorization", "Bearer token-123"}}));
     EXPECT_TRUE(GzipCodec::isGzippedData(request->body));
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, WithoutAUserAgentTheHeaderIsLeftOut) {
-    DependencyRegistry otherDependencies;
-    auto unregistered = std::make_shared<AnalyticsAttributeRegistry>(otherDependencies);
-    APEventGatewayRequestFactory bare("http://h", unregistered, JSONSafeSerialization(), nullptr, {}, false);
-    auto request = bare.requestForEvents(batch);
-    ASSERT_TRUE(request);
-    EXPECT_EQ(request->value("User-Agent"), nullptr);
-    EXPECT_EQ(*request->value("Content-Type"), "application/json");
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, BareArrayBodyIsTheGatewayDictionariesInOrder) {
-    std::size_t rawSize = 0;
-    auto request = factory(false).requestForEvents(batch, nullptr, &rawSize);
-    ASSERT_TRUE(request);
-    AttributeValue expected = AttributeValue::array();
-    for (const auto& e : batch) expected.push_back(e->eventGatewayDictionary());
-    EXPECT_EQ(decodedBody(*request), expected);
+    EXPECT_EQ(decodedBody(*request), elements);
     EXPECT_EQ(rawSize, GzipCodec::gunzippedData(request->body)->size());
-    EXPECT_EQ(decodedBody(*request)[0]["version"], "v1.27.36");
+
+    EXPECT_EQ(decodedBody(*factory(true).requestForEvents(batch)),
+              (AttributeValue{{"events", elements}, {"sent_at", "2024-05-01T09:30:00.125Z"}}));
+    const auto epochSeconds = [](Date d) { return std::to_string(duration_cast<seconds>(d.time_since_epoch()).count()); };
+    EXPECT_EQ(decodedBody(*factory(true, "http://h", epochSeconds).requestForEvents(batch))["sent_at"], "1714555800");
+    EXPECT_EQ(APEventGatewayRequestFactory::iso8601DateFormatter()(Date(milliseconds(0))), "1970-01-01T00:00:00.000Z");
 }
 
-TEST_F(APEventGatewayRequestFactoryTests, TimeStampedBodyHasExactlyEventsAndSentAt) {
-    auto request = factory(true).requestForEvents(batch);
-    ASSERT_TRUE(request);
-    AttributeValue body = decodedBody(*request);
-    ASSERT_TRUE(body.is_object());
-    EXPECT_EQ(body.size(), 2u);
-    EXPECT_EQ(body["sent_at"], "2024-05-01T09:30:00.125Z");
-    ASSERT_EQ(body["events"].size(), 3u);
-    EXPECT_EQ(body["events"][0]["event"], "pageview");
-    EXPECT_EQ(body["events"][1]["event"], "like");
-    EXPECT_EQ(body["events"][2]["payload"], value::dictionary());
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, CallerSuppliedDateFormatterIsUsed) {
-    APEventGatewayRequestFactory custom("http://h", registry, JSONSafeSerialization(), keychain,
-                                        [](Date d) { return std::to_string(duration_cast<seconds>(d.time_since_epoch()).count()); },
-                                        true, [] { return kSentAt; });
-    EXPECT_EQ(decodedBody(*custom.requestForEvents(batch))["sent_at"], "1714555800");
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, PathIsAppendedToAnyBase) {
-    EXPECT_EQ(factory(false, "http://h:8080/").requestForEvents(batch)->url, "http://h:8080/v1/events");
-    EXPECT_EQ(factory(false, "https://h/api").requestForEvents(batch)->url, "https://h/api/v1/events");
-    EXPECT_EQ(factory(false, "https://h/api/?x=1").requestForEvents(batch)->url, "https://h/api/v1/events?x=1");
+TEST_F(APEventGatewayRequestFactoryTests, ThePathIsAppendedToAnyBase) {
+    for (const auto& [base, url] : std::vector<std::pair<std::string, std::string>>{
+             {"http://h:8080/", "http://h:8080/v1/events"},
+             {"https://h/api", "https://h/api/v1/events"},
+             {"https://h/api/?x=1", "https://h/api/v1/events?x=1"}})
+        EXPECT_EQ(factory(false, base).requestForEvents(batch)->url, url);
 }
 
 TEST_F(APEventGatewayRequestFactoryTests, UnrepresentableValuesGiveNoRequestAndAnError) {
-    const std::vector<AttributeValue> bad = {
-        std::numeric_limits<double>::quiet_NaN(),
-        std::numeric_limits<double>::infinity(),
-        value::date(kSentAt),
-        std::string("\xff\xfe broken"),
-    };
-    for (const auto& value : bad) {
-        Events events = batch;
-        events.push_back(APEvent::make("pageview", AttributeDictionary{{"bad", value}}));
-        std::string error;
-        EXPECT_EQ(factory(false).requestForEvents(events, &error), std::nullopt);
-        EXPECT_FALSE(error.empty());
-        error.clear();
-        EXPECT_EQ(factory(true).requestForEvents(events, &error), std::nullopt);
-        EXPECT_FALSE(error.empty());
+    for (const AttributeValue& bad : {AttributeValue(std::numeric_limits<double>::quiet_NaN()),
+                                      AttributeValue(std::numeric_limits<double>::infinity()), value::date(kSentAt),
+                                      AttributeValue(std::string("\xff\xfe broken"))}) {
+        auto events = batch;
+        events.push_back(APEvent::make("pageview", AttributeDictionary{{"bad", bad}}));
+        for (bool sentAt : {false, true}) {
+            std::string error;
+            EXPECT_EQ(factory(sentAt).requestForEvents(events, &error), std::nullopt);
+            EXPECT_FALSE(error.empty());
+        }
     }
-}
-
-TEST_F(APEventGatewayRequestFactoryTests, EmptyBatchIsAProgrammingError) {
-    auto f = factory(false);
-    EXPECT_DEATH(f.requestForEvents({}), "Invalid parameter not satisfying: \\[events count\\] > 0");
-}
-
-TEST(APEventGatewayRequestFactoryDateTests, DefaultFormatIsUtcWithMilliseconds) {
-    auto format = APEventGatewayRequestFactory::iso8601DateFormatter();
-    EXPECT_EQ(format(kSentAt), "2024-05-01T09:30:00.125Z");
-    EXPECT_EQ(format(Date(milliseconds(0))), "1970-01-01T00:00:00.000Z");
+    EXPECT_DEATH(factory(false).requestForEvents({}), "Invalid parameter not satisfying: \\[events count\\] > 0");
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 
 #include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <fstream>
-#include <functional>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -21,8 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // A file system without user attributes, as tmpfs on older kernels or some network mounts.
-class UnsupportedAttributes final : public FileAttributeStoring {
-public:
+struct UnsupportedAttributes final : FileAttributeStoring {
     std::optional<Bytes> attribute(const fs::path& file, const std::string&, int& error) const override {
         error = fs::exists(file) ? ENOTSUP : ENOENT;
         return std::nullopt;
@@ -35,10 +31,7 @@ std::shared_ptr<const APEvent> event(const std::string& name, int n = 1) {
 }
 
 void writeFile(const fs::path& path, const std::string& contents) { std::ofstream(path, std::ios::binary) << contents; }
-
-void writeBytes(const fs::path& path, const Bytes& bytes) {
-    writeFile(path, std::string(bytes.begin(), bytes.end()));
-}
+void writeBytes(const fs::path& path, const Bytes& bytes) { writeFile(path, std::string(bytes.begin(), bytes.end())); }
 
 mode_t modeOf(const fs::path& path) {
     struct stat info {};
@@ -57,68 +50,56 @@ protected:
     std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
 };
 
+// One owner-only file named by the digest of its contents, in an owner-only folder made
+// when missing; the same event stored again collapses into it and starts its count over.
 TEST_F(APEventSerializerTests, StoresOneOwnerOnlyFileNamedByTheDigestOfItsContents) {
     EXPECT_EQ(directory, temp / "caches" / "events");
     EXPECT_EQ(modeOf(directory), 0700u);
-
-    APEventSerializer serializer(directory, logger);
+    APEventSerializer serializer(temp / "late" / "events", logger);
+    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
     auto e = event("pageview");
     auto stored = serializer.serializeEvent(e);
     ASSERT_TRUE(stored);
-    const Bytes archive = e->archivedData();
-    EXPECT_EQ(stored->eventURL(), directory / (sha1Hex(archive.data(), archive.size()) + ".event"));
-    EXPECT_EQ(modeOf(stored->eventURL()), 0600u);
-    EXPECT_EQ(serializer.retryCountForEventAtURL(stored->eventURL()), 0u);
-    EXPECT_EQ(filesIn(directory), 1u);  // no temporary file left behind
-
-    auto listed = serializer.serializedEvents();
-    ASSERT_EQ(listed.size(), 1u);
-    EXPECT_EQ(*listed.begin(), *stored);
-    EXPECT_TRUE(logger->contains("Serializing event: <APEvent: name=pageview"));
-}
-
-TEST_F(APEventSerializerTests, CreatesTheCacheDirectoryWhenMissing) {
-    APEventSerializer serializer(temp / "late" / "events", logger);
-    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
-    EXPECT_TRUE(serializer.serializeEvent(event("like")));
     EXPECT_EQ(modeOf(temp / "late" / "events"), 0700u);
+    const Bytes archive = e->archivedData();
+    EXPECT_EQ(stored->eventURL(), temp / "late" / "events" / (sha1Hex(archive.data(), archive.size()) + ".event"));
+    EXPECT_EQ(modeOf(stored->eventURL()), 0600u);
+    EXPECT_EQ(serializer.increaseRetryCount(*stored), 1u);
+
+    EXPECT_EQ(serializer.serializeEvent(event("pageview"))->eventURL(), stored->eventURL());
+    EXPECT_EQ(serializer.retryCountForEventAtURL(stored->eventURL()), 0u);
     EXPECT_EQ(serializer.serializedEventsCount(), 1u);
+    EXPECT_EQ(serializer.serializedEvents(), APSerializedEventSet{*stored});
+    EXPECT_EQ(filesIn(temp / "late" / "events"), 1u);  // no temporary file left behind
 }
 
-TEST_F(APEventSerializerTests, IdenticalEventsCollapseIntoOneFileAndStartTheirCountOver) {
-    APEventSerializer serializer(directory, logger);
-    auto first = serializer.serializeEvent(event("like"));
-    ASSERT_TRUE(first);
-    EXPECT_EQ(serializer.increaseRetryCount(*first), 1u);
-    auto second = serializer.serializeEvent(event("like"));
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->eventURL(), first->eventURL());
-    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
-    EXPECT_EQ(serializer.serializedEvents().size(), 1u);
-    EXPECT_EQ(serializer.retryCountForEventAtURL(first->eventURL()), 0u);
-}
-
-TEST_F(APEventSerializerTests, RetryCountIsAnEightByteNativeAttribute) {
+TEST_F(APEventSerializerTests, RetryCountIsAnEightByteNativeAttributeThatOutlivesTheStore) {
     const std::uint64_t probe = 0;
     if (::setxattr(directory.c_str(), "user.probe", &probe, sizeof probe, 0) != 0 && errno == ENOTSUP)
         GTEST_SKIP() << "the temporary folder's file system keeps no user attributes";
-    APEventSerializer serializer(directory, logger);
-    auto stored = *serializer.serializeEvent(event("like"));
-    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
-    EXPECT_EQ(serializer.increaseRetryCount(stored), 2u);
-    EXPECT_FALSE(serializer.usesRetryCountFiles());
-
+    auto stored = *APEventSerializer(directory, logger).serializeEvent(event("like"));
+    {
+        APEventSerializer serializer(directory, logger);
+        EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
+        EXPECT_EQ(serializer.increaseRetryCount(stored), 2u);
+        EXPECT_FALSE(serializer.usesRetryCountFiles());
+    }
     std::uint64_t raw = 0;
     ASSERT_EQ(::getxattr(stored.eventURL().c_str(), "user.retry_count", &raw, sizeof raw), 8);
     EXPECT_EQ(raw, 2u);
-    EXPECT_TRUE(logger->contains("Increasing retryCount to 2 for event <APSerializedEvent: self.event="));
+    APEventSerializer restarted(directory, logger);
+    EXPECT_EQ(restarted.retryCountForEventAtURL(stored.eventURL()), 2u);
 
     const std::uint32_t fourBytes = 5;
     ASSERT_EQ(::setxattr(stored.eventURL().c_str(), "user.retry_count", &fourBytes, sizeof fourBytes, 0), 0);
-    EXPECT_EQ(serializer.retryCountForEventAtURL(stored.eventURL()), 0u);
-    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
+    EXPECT_EQ(restarted.retryCountForEventAtURL(stored.eventURL()), 0u);
+    EXPECT_EQ(restarted.increaseRetryCount(stored), 1u);
+
+    fs::remove(stored.eventURL());
+    EXPECT_EQ(restarted.increaseRetryCount(stored), std::nullopt);  // a vanished event keeps no count
 }
 
+// Files that do not decode are deleted when read, unless the reader skips them.
 TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
     writeFile(directory / "garbage.event", "not an archive");
     // Null markers and dates are not among the classes the store reads back.
@@ -133,8 +114,12 @@ TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
     writeBytes(directory / "good.event", good->archivedData());
 
     APEventSerializer serializer(directory, logger);
+    const auto skipped = serializer.serializedEvents([](const fs::path& url) { return url.filename() != "good.event"; });
+    EXPECT_EQ(skipped.size(), 1u);
     EXPECT_EQ(serializer.serializedEventsCount(), 5u);
-    auto listed = serializer.serializedEvents();
+    EXPECT_TRUE(logger->messages(3).empty());
+
+    const auto listed = serializer.serializedEvents();
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_TRUE(listed.begin()->event()->isEqual(good.get()));
     EXPECT_EQ(serializer.serializedEventsCount(), 1u);
@@ -149,8 +134,7 @@ TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
 TEST_F(APEventSerializerTests, EntriesTheStoreDidNotMakeAreNeitherReadNorFollowed) {
     const fs::path outside = temp / "outside";
     fs::create_directories(outside);
-    const auto elsewhere = event("share", 9);
-    writeBytes(outside / "valid.event", elsewhere->archivedData());
+    writeBytes(outside / "valid.event", event("share", 9)->archivedData());
     writeBytes(outside / "linked.event", event("repost", 8)->archivedData());
     const std::string hex(40, 'a');
     struct Entry {
@@ -183,96 +167,51 @@ TEST_F(APEventSerializerTests, EntriesTheStoreDidNotMakeAreNeitherReadNorFollowe
     EXPECT_EQ(serializer.statistics().foreignEntriesRemoved, 5u);
 }
 
-TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferently) {
+// The count takes ".event" names only; the listing also reads a plain "event" suffix.
+// Leftovers of a killed write are removed at start once old: another process may still
+// be writing a recent one.
+TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferentlyAndOldTemporaryFilesGo) {
     writeFile(directory / "notes.txt", "hello");
     writeBytes(directory / "a.event", event("like")->archivedData());
-    // No dot before "event": read back, yet not counted.
     writeBytes(directory / "plainevent", event("share")->archivedData());
     writeFile(directory / ".hidden.event", "x");
+    const fs::path old = directory / ".0123456789abcdef0123456789abcdef01234567.event.a1B2c3";
+    const fs::path recent = directory / ".0123456789abcdef0123456789abcdef01234567.event.Zz9Yy8";
+    writeFile(old, "half");
+    writeFile(recent, "half");
+    fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(1));
 
     APEventSerializer serializer(directory, logger);
+    EXPECT_FALSE(fs::exists(old));
+    EXPECT_TRUE(fs::exists(recent));
     EXPECT_EQ(serializer.serializedEventsCount(), 1u);
     EXPECT_EQ(serializer.serializedEvents().size(), 2u);
     EXPECT_EQ(serializer.serializedEventsCount(), 1u);
     EXPECT_TRUE(fs::exists(directory / "notes.txt"));
 }
 
-TEST_F(APEventSerializerTests, SkippedFilesAreNeitherReadNorDeleted) {
-    writeFile(directory / "garbage.event", "not an archive");
-    writeBytes(directory / "good.event", event("like")->archivedData());
-    APEventSerializer serializer(directory, logger);
-    auto listed = serializer.serializedEvents([](const fs::path& url) { return url.filename() == "garbage.event"; });
-    EXPECT_EQ(listed.size(), 1u);
-    EXPECT_TRUE(fs::exists(directory / "garbage.event"));
-    EXPECT_EQ(serializer.serializedEventsCount(), 2u);
-    EXPECT_TRUE(logger->messages(3).empty());
-}
-
-TEST_F(APEventSerializerTests, LeftoversOfAKilledWriteAreRemovedAtStartWhenOld) {
-    const fs::path old = directory / ".0123456789abcdef0123456789abcdef01234567.event.a1B2c3";
-    const fs::path recent = directory / ".0123456789abcdef0123456789abcdef01234567.event.Zz9Yy8";
-    writeFile(old, "half");
-    writeFile(recent, "half");
-    fs::last_write_time(old, fs::file_time_type::clock::now() - std::chrono::hours(1));
-    APEventSerializer serializer(directory, logger);
-    EXPECT_FALSE(fs::exists(old));
-    EXPECT_TRUE(fs::exists(recent));  // another process may still be writing it
-    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
-}
-
-TEST_F(APEventSerializerTests, ANewSerializerOverTheSameFolderSeesWhatWasStored) {
-    fs::path url;
-    {
-        APEventSerializer first(directory, logger);
-        first.serializeEvent(event("like", 1));
-        auto stored = *first.serializeEvent(event("like", 2));
-        first.increaseRetryCount(stored);
-        url = stored.eventURL();
-    }
-    APEventSerializer restarted(directory, logger);
-    EXPECT_EQ(restarted.serializedEventsCount(), 2u);
-    EXPECT_EQ(restarted.serializedEvents().size(), 2u);
-    EXPECT_EQ(restarted.retryCountForEventAtURL(url), 1u);
-}
-
-TEST_F(APEventSerializerTests, DeletingUpdatesTheCountAndLogsFailures) {
-    APEventSerializer serializer(directory, logger);
-    auto a = *serializer.serializeEvent(event("like", 1));
-    auto b = *serializer.serializeEvent(event("like", 2));
-    serializer.deleteEvents(std::vector<APSerializedEvent>{a});
-    EXPECT_EQ(serializer.serializedEventsCount(), 1u);
-    EXPECT_FALSE(fs::exists(a.eventURL()));
-    EXPECT_TRUE(logger->contains("Deleting events: {(<APSerializedEvent: "));
-
-    serializer.deleteEvents(APSerializedEventSet{a, b});
-    EXPECT_EQ(serializer.serializedEventsCount(), 0u);
-    EXPECT_TRUE(logger->contains("Could not delete event: file://" + a.eventURL().native()));
-
-    EXPECT_DEATH(serializer.deleteEvents(APSerializedEventSet{}), "Invalid parameter not satisfying: \\[events count\\] > 0");
-}
-
-TEST_F(APEventSerializerTests, RetryCountOfAVanishedEventCannotBeStored) {
-    APEventSerializer serializer(directory, logger);
-    auto stored = *serializer.serializeEvent(event("like"));
-    fs::remove(stored.eventURL());
-    EXPECT_EQ(serializer.increaseRetryCount(stored), std::nullopt);
-}
-
+// Without user attributes (found by asking the folder, or on first use when the folder
+// did not exist yet) the count lives in a hidden 8-byte sidecar: it survives a restart,
+// starts over when the event is stored again, and goes with the event.
 TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSidecar) {
+    APEventSerializer fresh(temp / "fresh", logger, std::make_shared<UnsupportedAttributes>());
+    EXPECT_FALSE(fresh.usesRetryCountFiles());
+    auto first = *fresh.serializeEvent(event("like"));
+    EXPECT_EQ(fresh.increaseRetryCount(first), 1u);
+    EXPECT_TRUE(fresh.usesRetryCountFiles());
+    EXPECT_EQ(fresh.retryCountForEventAtURL(first.eventURL()), 1u);
+
     auto serializer = std::make_unique<APEventSerializer>(directory, logger, std::make_shared<UnsupportedAttributes>());
-    EXPECT_TRUE(serializer->usesRetryCountFiles());  // found by asking the folder
+    EXPECT_TRUE(serializer->usesRetryCountFiles());
     auto stored = *serializer->serializeEvent(event("like"));
     EXPECT_EQ(serializer->increaseRetryCount(stored), 1u);
     EXPECT_EQ(serializer->increaseRetryCount(stored), 2u);
-
     const fs::path sidecar = directory / ("." + stored.eventURL().stem().native() + ".retry");
     ASSERT_TRUE(fs::exists(sidecar));
     EXPECT_EQ(fs::file_size(sidecar), 8u);
     EXPECT_EQ(serializer->serializedEventsCount(), 1u);
     EXPECT_EQ(serializer->serializedEvents().size(), 1u);
 
-    // The count survives a restart, starts over when the event is stored again, and goes
-    // with the event.
     serializer = std::make_unique<APEventSerializer>(directory, logger, std::make_shared<UnsupportedAttributes>());
     EXPECT_EQ(serializer->retryCountForEventAtURL(stored.eventURL()), 2u);
     serializer->serializeEvent(event("like"));
@@ -293,12 +232,14 @@ TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
     EXPECT_EQ(serializer->increaseRetryCount(first), 2u);
     serializer->deleteEvents(std::vector<APSerializedEvent>{first});
     EXPECT_EQ(serializer->serializedEventsCount(), 0u);
+    serializer->deleteEvents(APSerializedEventSet{first});  // already gone: nothing to count down
 
     auto second = *serializer->serializeEvent(event("repost", 2));
     EXPECT_EQ(serializer->retryCountForEventAtURL(second.eventURL()), 0u);
     const auto listed = serializer->serializedEvents();
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_TRUE(listed.begin()->event()->isEqual(event("repost", 2).get()));
+    EXPECT_EQ(serializer->serializedEventsCount(), 1u);
     EXPECT_EQ(filesIn(directory), 1u);
 
     serializer->deleteEvents(std::vector<APSerializedEvent>{second});
@@ -306,25 +247,13 @@ TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
     EXPECT_EQ(filesIn(directory), 0u);
 }
 
-TEST_F(APEventSerializerTests, MissingAttributeSupportIsAlsoFoundOnFirstUse) {
-    // The folder does not exist yet, so asking it at construction tells nothing.
-    APEventSerializer serializer(temp / "fresh", logger, std::make_shared<UnsupportedAttributes>());
-    EXPECT_FALSE(serializer.usesRetryCountFiles());
-    auto stored = *serializer.serializeEvent(event("like"));
-    EXPECT_EQ(serializer.increaseRetryCount(stored), 1u);
-    EXPECT_TRUE(serializer.usesRetryCountFiles());
-    EXPECT_EQ(serializer.retryCountForEventAtURL(stored.eventURL()), 1u);
-}
-
-TEST(APSerializedEventTests, EqualityHashAndArchive) {
+TEST(APSerializedEventTests, EqualityHashArchiveAndParameterChecks) {
     auto e = APEvent::make("like", AttributeDictionary{{"n", 1}});
     APSerializedEvent a(e, "/tmp/x.event");
     APSerializedEvent b(APEvent::make("like", AttributeDictionary{{"n", 1}}), "/tmp/x.event");
-    APSerializedEvent c(e, "/tmp/y.event");
     EXPECT_EQ(a, b);
     EXPECT_EQ(a.hash(), b.hash());
-    EXPECT_FALSE(a == c);
-    EXPECT_EQ(a.description(), "<APSerializedEvent: self.event=" + e->description() + ", self.eventURL=file:///tmp/x.event>");
+    EXPECT_FALSE(a == APSerializedEvent(e, "/tmp/y.event"));
 
     KeyedArchiver coder(APSerializedEvent::kClassName);
     a.encodeWithCoder(coder);
@@ -336,6 +265,9 @@ TEST(APSerializedEventTests, EqualityHashAndArchive) {
 
     EXPECT_DEATH(APSerializedEvent(nullptr, "/tmp/x.event"), "Invalid parameter not satisfying: event");
     EXPECT_DEATH(APSerializedEvent(e, ""), "Invalid parameter not satisfying: eventURL");
+    testing::TemporaryDirectory temp{"kt-serializer"};
+    APEventSerializer serializer(temp.path(), nullptr);
+    EXPECT_DEATH(serializer.deleteEvents(APSerializedEventSet{}), "Invalid parameter not satisfying: \\[events count\\] > 0");
 }
 
 }  // namespace

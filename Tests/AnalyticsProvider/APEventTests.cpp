@@ -2,6 +2,7 @@
 
 #include "AnalyticsProvider/APEvent.h"
 #include "AnalyticsProvider/APEventBuilder.h"
+#include "AnalyticsProvider/APEventFormatter.h"
 #include "Platform/KeyedArchive.h"
 
 namespace kt {
@@ -9,110 +10,139 @@ namespace {
 
 const std::set<std::string> kEventClasses{"APEvent", "string", "number", "dictionary", "array"};
 
-TEST(APEventTests, EqualEventsHaveEqualHashesAndNullAttributesOnlyMatchNull) {
-    auto a = APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}, {"n", 1}});
-    auto b = APEvent::make("pageview", AttributeDictionary{{"n", 1}, {"page_name", "stream:main"}});
-    EXPECT_TRUE(a->isEqual(b.get()));
-    EXPECT_EQ(a->hash(), b->hash());
-
-    auto nullA = APEvent::make("pageview", std::nullopt);
-    auto nullB = APEvent::make("pageview", std::nullopt);
-    auto empty = APEvent::make("pageview", AttributeDictionary::object());
-    EXPECT_TRUE(nullA->isEqual(nullB.get()));
-    EXPECT_FALSE(nullA->isEqual(empty.get()));
-    EXPECT_FALSE(empty->isEqual(nullA.get()));
-    EXPECT_FALSE(nullA->isEqual(APEvent::make("click", std::nullopt).get()));
-    EXPECT_FALSE(a->isEqual(nullptr));
-}
-
+// Same name and attributes as an APEvent, another class.
 class OtherDescripting final : public APEventDescripting {
 public:
     const std::string& name() const override { return name_; }
     const AttributeDictionary* attributes() const override { return nullptr; }
-
-private:
     std::string name_ = "pageview";
 };
 
-TEST(APEventTests, AnEventOfAnotherClassIsNeverEqual) {
-    auto event = APEvent::make("pageview", std::nullopt);
+TEST(APEventTests, EqualityAndHashHoldAcrossNumberRepresentations) {
+    const auto a = APEvent::make("pageview", AttributeDictionary{{"page_name", "stream:main"}, {"n", 1}});
+    for (const AttributeValue& n : {AttributeValue(1), AttributeValue(1u), AttributeValue(1.0)}) {
+        SCOPED_TRACE(n.type_name());
+        const auto b = APEvent::make("pageview", AttributeDictionary{{"n", n}, {"page_name", "stream:main"}});
+        EXPECT_TRUE(a->isEqual(b.get()));
+        EXPECT_EQ(a->hash(), b->hash());
+    }
+    // Null attributes equal only null attributes.
+    const auto null = APEvent::make("pageview", std::nullopt);
+    const auto empty = APEvent::make("pageview", AttributeDictionary::object());
+    EXPECT_TRUE(null->isEqual(APEvent::make("pageview", std::nullopt).get()));
+    EXPECT_FALSE(null->isEqual(empty.get()));
+    EXPECT_FALSE(empty->isEqual(null.get()));
+    EXPECT_FALSE(null->isEqual(APEvent::make("click", std::nullopt).get()));
+    EXPECT_FALSE(a->isEqual(nullptr));
     OtherDescripting other;
-    EXPECT_FALSE(event->isEqual(&other));
+    EXPECT_FALSE(null->isEqual(&other));
+    EXPECT_EQ(APEvent::make("pageview", AttributeDictionary{{"x", 1}})->eventGatewayDictionary(),
+              (AttributeDictionary{{"event", "pageview"}, {"version", "v1.27.36"}, {"payload", {{"x", 1}}}}));
 }
 
-TEST(APEventTests, ConstructionCopiesTheCallersDictionary) {
-    AttributeDictionary attributes{{"k", "v"}};
-    auto event = APEvent::make("like", attributes);
-    attributes["k"] = "changed";
-    EXPECT_EQ((*event->attributes())["k"], "v");
-}
-
-TEST(APEventTests, GatewayDictionaryHasExactlyEventVersionAndPayload) {
-    auto event = APEvent::make("pageview", AttributeDictionary{{"x", 1}});
-    const auto d = event->eventGatewayDictionary();
-    EXPECT_EQ(d, (AttributeDictionary{{"event", "pageview"}, {"version", "v1.27.36"}, {"payload", {{"x", 1}}}}));
-}
-
-TEST(APEventTests, DescriptionNamesClassNameAndAttributes) {
-    auto event = APEvent::make("like", AttributeDictionary{{"track_urn", "quillarbor:tracks:1"}});
-    EXPECT_EQ(event->description(), "<APEvent: name=like attributes={track_urn = quillarbor:tracks:1}>");
-    EXPECT_EQ(APEvent::make("like", std::nullopt)->description(), "<APEvent: name=like attributes=(null)>");
-}
-
-TEST(APEventTests, ArchivedEventReadsBackEqual) {
-    auto event = APEvent::make(
-        "audio", AttributeDictionary{{"track", "quillarbor:tracks:9"},
-                                     {"position", 12.5},
-                                     {"count", 3},
-                                     {"muted", false},
-                                     {"nested", {{"list", {1, "two", AttributeDictionary{{"three", 3}}}}}}});
+TEST(APEventTests, AnArchiveReadsBackEqualAndOnlyWithTheAllowedClasses) {
     std::string error;
-    auto back = APEvent::unarchive(event->archivedData(), kEventClasses, &error);
-    ASSERT_TRUE(back) << error;
-    EXPECT_TRUE(back->isEqual(event.get()));
-    EXPECT_EQ(back->hash(), event->hash());
-
-    auto withoutAttributes = APEvent::make("foreground", std::nullopt);
-    auto backNull = APEvent::unarchive(withoutAttributes->archivedData(), kEventClasses, &error);
-    ASSERT_TRUE(backNull) << error;
-    EXPECT_EQ(backNull->attributes(), nullptr);
-}
-
-TEST(APEventTests, ArchiveOfAnotherClassOrWithDisallowedValuesIsRejected) {
+    for (const auto& event :
+         {APEvent::make("audio", AttributeDictionary{{"track", "quillarbor:tracks:9"}, {"position", 12.5}, {"count", 3},
+                                                     {"muted", false},
+                                                     {"nested", {{"list", {1, "two", AttributeDictionary{{"three", 3}}}}}}}),
+          APEvent::make("foreground", std::nullopt)}) {
+        SCOPED_TRACE(event->name());
+        const auto back = APEvent::unarchive(event->archivedData(), kEventClasses, &error);
+        ASSERT_TRUE(back) << error;
+        EXPECT_TRUE(back->isEqual(event.get()));
+        EXPECT_EQ(back->hash(), event->hash());
+        EXPECT_EQ(back->attributes() == nullptr, event->attributes() == nullptr);
+    }
     KeyedArchiver other("APSomethingElse");
     other.encodeString("pageview", "_name");
-    std::string error;
-    EXPECT_EQ(APEvent::unarchive(other.finish(), kEventClasses, &error), nullptr);
-    EXPECT_FALSE(error.empty());
-
     // A date merged without checks archives, but reading it back refuses the date.
-    auto dated = APEventBuilder::builder()
-                     .name("like")
-                     .addAttributes(AttributeDictionary{{"when", value::date(Date{})}})
-                     .build();
-    error.clear();
-    EXPECT_EQ(APEvent::unarchive(dated->archivedData(), kEventClasses, &error), nullptr);
-    EXPECT_FALSE(error.empty());
-}
-
-TEST(APEventTests, TruncatedArchiveIsRejectedWithoutCrashing) {
-    auto bytes = APEvent::make("like", AttributeDictionary{{"a", "b"}, {"c", {1, 2, 3}}})->archivedData();
-    for (std::size_t length = 0; length < bytes.size(); ++length) {
-        Bytes prefix(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
-        std::string error;
-        EXPECT_EQ(APEvent::unarchive(prefix, kEventClasses, &error), nullptr) << "length " << length;
+    const auto dated = APEventBuilder::builder().name("like").addAttributes(AttributeDictionary{{"when", value::date(Date{})}}).build();
+    for (const Bytes& refused : {other.finish(), dated->archivedData()}) {
+        error.clear();
+        EXPECT_EQ(APEvent::unarchive(refused, kEventClasses, &error), nullptr);
+        EXPECT_FALSE(error.empty());
     }
+    const auto bytes = APEvent::make("like", AttributeDictionary{{"a", "b"}, {"c", {1, 2, 3}}})->archivedData();
+    for (std::size_t length = 0; length < bytes.size(); ++length)
+        EXPECT_EQ(APEvent::unarchive(Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)),
+                                     kEventClasses, &error), nullptr) << "truncated to " << length;
 }
 
-TEST(APEventDeathTests, NullNameAndNullPayloadAreFatal) {
+TEST(APEventTests, ProgrammingErrorsAreFatal) {
     EXPECT_DEATH(APEvent::make(std::nullopt, std::nullopt), "Invalid parameter not satisfying: name");
-    auto event = APEvent::make("pageview", std::nullopt);
-    EXPECT_DEATH(event->eventGatewayDictionary(), "null payload");
-
+    EXPECT_DEATH(APEvent::make("pageview", std::nullopt)->eventGatewayDictionary(), "null payload");
     KeyedArchiver nameless(APEvent::kClassName);
     nameless.encodeValue(AttributeDictionary{{"a", 1}}, "_attributes");
     const auto bytes = nameless.finish();
     EXPECT_DEATH(APEvent::unarchive(bytes, kEventClasses, nullptr), "Invalid parameter not satisfying: name");
+}
+
+TEST(APEventBuilderTests, AddAttributeTakesTheFiveKindsAndBuiltEventsKeepTheirOwnCopy) {
+    auto builder = APEventBuilder::builder();
+    builder.setName("like").addAttribute("s", "text").addAttribute("n", 1.5).addAttribute("b", true);
+    builder.addAttribute("a", AttributeValue::array({1, 2})).addAttribute("d", AttributeDictionary{{"k", "v"}});
+    builder.addAttribute("z", AttributeValue(nullptr)).addAttribute("n", 2);
+    const auto first = builder.build();
+    const APEventDescripting* handed = nullptr;
+    int calls = 0;
+    const auto second = builder.addAttribute("n", 3).name("unlike").build([&](const auto& e) {
+        ++calls;
+        handed = e.get();
+    });
+    EXPECT_EQ(first->name(), "like");
+    EXPECT_EQ(*first->attributes(), (AttributeDictionary{{"s", "text"}, {"n", 2}, {"b", true}, {"a", {1, 2}},
+                                                         {"d", {{"k", "v"}}}, {"z", nullptr}}));
+    EXPECT_EQ(second->name(), "unlike");
+    EXPECT_EQ((*second->attributes())["n"], 3);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(handed, second.get());
+}
+
+TEST(APEventBuilderTests, MergingClicksAndNullAttributes) {
+    const auto merged = APEventBuilder::builder().name("like").attributes(AttributeDictionary{{"a", 1}, {"b", 2}})
+                            .addAttributes(AttributeDictionary{{"b", "two"}}).addAttributes(std::nullopt).build();
+    EXPECT_EQ(*merged->attributes(), (AttributeDictionary{{"a", 1}, {"b", "two"}}));
+    // Null attributes swallow later additions.
+    EXPECT_EQ(APEventBuilder::builder().name("pageview").attributes(std::nullopt).addAttribute("k", "v")
+                  .addAttributes(AttributeDictionary{{"x", 1}}).build()->attributes(), nullptr);
+    // A click names the event "click" unless a name comes after it.
+    EXPECT_EQ(APEventBuilder::builder().name("pageview").click("stream:main", "nav", "tab").build()->name(), "click");
+    const auto named = APEventBuilder::builder().click(PageName::stream, "nav", "tab").name("navigation").build();
+    EXPECT_EQ(named->name(), "navigation");
+    EXPECT_EQ(*named->attributes(),
+              (AttributeDictionary{{"page_name", "stream:main"}, {"click_category", "nav"}, {"click_name", "tab"}}));
+}
+
+TEST(APEventBuilderTests, ParameterChecksAreFatal) {
+    EXPECT_DEATH(APEventBuilder::builder().addAttribute(std::nullopt, 1), "Invalid parameter not satisfying: key");
+    EXPECT_DEATH(APEventBuilder::builder().addAttribute("k", std::nullopt), "Invalid parameter not satisfying: value");
+    EXPECT_DEATH(APEventBuilder::builder().addAttribute("k", value::date(Date{})),
+                 "Invalid parameter not satisfying: \\[value isKindOfClass:NSString.class\\] \\|\\| "
+                 "\\[value isKindOfClass:NSNumber.class\\]");
+    EXPECT_DEATH(APEventBuilder::builder().build(), "Invalid parameter not satisfying: name");
+}
+
+// The short description goes into reports: only non-empty strings of the relevant keys
+// and of the extra ones asked for.
+TEST(APEventFormatterTests, ShortDescriptions) {
+    struct Case {
+        std::shared_ptr<const APEvent> event;
+        std::vector<std::string> extraKeys;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {APEvent::make("click", AttributeDictionary{{"page_name", "stream:main"}, {"click_name", 3}, {"source", ""},
+                                                    {"action", nullptr}, {"unrelated", "hidden"}}),
+         {}, "click {page_name = stream:main}"},
+        {APEvent::make("audio", AttributeDictionary{{"page_name", "tracks:player"}, {"pause_reason", "user"},
+                                                    {"track", "quillarbor:tracks:1"}, {"other", "x"}}),
+         {"track", "pause_reason", "track"},
+         "audio {page_name = tracks:player; pause_reason = user; track = quillarbor:tracks:1}"},
+        {APEvent::make("foreground", std::nullopt), {}, "foreground {}"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(APEventFormatter::shortDescriptionForEvent(*c.event, c.extraKeys), c.expected);
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 
-#include <chrono>
-#include <condition_variable>
 #include <atomic>
-#include <mutex>
+#include <condition_variable>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -18,8 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // Records the user ids it is given. Each update completes at once unless the test holds it.
-class RecordingStatsigManager final : public StatsigManaging {
-public:
+struct RecordingStatsigManager final : StatsigManaging {
     std::future<void> updateUserId(std::optional<std::string> userId) override {
         std::lock_guard lock(mutex_);
         updates_.push_back(std::move(userId));
@@ -46,8 +42,6 @@ public:
         changed_.wait_for(lock, 10s, [&] { return updates_.size() >= count; });
         return updates_;
     }
-
-private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::optional<std::string>> updates_;  // guarded by mutex_
@@ -72,22 +66,6 @@ protected:
     void SetUp() override { dependencies.set(DependencyKeys::statsigManager, std::shared_ptr<StatsigManaging>(statsig)); }
 };
 
-TEST_F(AnalyticsAttributeRegistryTest, StartsEmptyAndKeepsWhatIsRegistered) {
-    EXPECT_FALSE(registry.clientId());
-    EXPECT_FALSE(registry.userAgent());
-    EXPECT_FALSE(registry.userUrn());
-
-    registry.registerclientId(42, "KTAnalytics/1.0");
-    EXPECT_EQ(registry.clientId(), 42);
-    EXPECT_EQ(registry.userAgent(), "KTAnalytics/1.0");
-
-    registry.registerUserUrn("quillarbor:users:7");
-    EXPECT_EQ(registry.userUrn(), "quillarbor:users:7");
-    registry.registerUserUrn(std::nullopt);
-    EXPECT_FALSE(registry.userUrn());
-    EXPECT_EQ(registry.clientId(), 42);
-}
-
 TEST_F(AnalyticsAttributeRegistryTest, FlagOffOrMissingNeverTouchesTheExperimentService) {
     registry.registerUserUrn("quillarbor:users:7");  // no flag service registered at all
     setFlag(false);
@@ -99,17 +77,13 @@ TEST_F(AnalyticsAttributeRegistryTest, FlagOffOrMissingNeverTouchesTheExperiment
 
 TEST_F(AnalyticsAttributeRegistryTest, FlagOnSendsTheURNsIdentifierOrNoUser) {
     setFlag(true);
-    registry.registerUserUrn("quillarbor:users:7");
-    drainUpdates();
-    registry.registerUserUrn(std::nullopt);
-    drainUpdates();
-    registry.registerUserUrn("not a urn");
-    drainUpdates();
-
-    const std::vector<std::optional<std::string>> expected{"7", std::nullopt, std::nullopt};
-    EXPECT_EQ(statsig->waitForUpdates(3), expected);
-    // An unparseable URN is still the registered user.
-    EXPECT_EQ(registry.userUrn(), "not a urn");
+    for (const auto& urn : {std::optional<std::string>("quillarbor:users:7"), std::optional<std::string>(),
+                            std::optional<std::string>("not a urn")}) {
+        registry.registerUserUrn(urn);
+        drainUpdates();
+        EXPECT_EQ(registry.userUrn(), urn);  // an unparseable URN is still the registered user
+    }
+    EXPECT_EQ(statsig->waitForUpdates(3), (std::vector<std::optional<std::string>>{"7", std::nullopt, std::nullopt}));
 }
 
 TEST_F(AnalyticsAttributeRegistryTest, RegisteringDoesNotWaitForTheExperimentService) {
@@ -119,11 +93,8 @@ TEST_F(AnalyticsAttributeRegistryTest, RegisteringDoesNotWaitForTheExperimentSer
     registry.registerUserUrn("quillarbor:users:9");
     EXPECT_EQ(registry.userUrn(), "quillarbor:users:9");
     EXPECT_EQ(statsig->waitForUpdates(1).front(), "7");
-
     statsig->releaseHeldUpdate();
-    const auto updates = statsig->waitForUpdates(2);
-    ASSERT_EQ(updates.size(), 2u);
-    EXPECT_EQ(updates[1], "9");
+    EXPECT_EQ(statsig->waitForUpdates(2), (std::vector<std::optional<std::string>>{"7", "9"}));
     drainUpdates();
 }
 
@@ -133,9 +104,7 @@ TEST_F(AnalyticsAttributeRegistryTest, AnUpdateThatNeverCompletesHoldsBackTheNex
     statsig->holdNextUpdate();  // never released before the second update arrives
     impatient.registerUserUrn("quillarbor:users:7");
     impatient.registerUserUrn("quillarbor:users:9");
-    const auto updates = statsig->waitForUpdates(2);
-    ASSERT_EQ(updates.size(), 2u);
-    EXPECT_EQ(updates[1], "9");
+    EXPECT_EQ(statsig->waitForUpdates(2), (std::vector<std::optional<std::string>>{"7", "9"}));
     statsig->releaseHeldUpdate();
     drainUpdates();
 }
@@ -164,6 +133,7 @@ TEST_F(AnalyticsAttributeRegistryTest, ReadersSeeWholeRegistrationsWhileTheAppRe
     writer.join();
     EXPECT_EQ(torn, 0u) << "of " << reads << " reads";
     EXPECT_EQ(registry.clientId(), 19999);
+    EXPECT_EQ(registry.userAgent(), "KTAnalytics/19999 (a user agent long enough to allocate)");
     EXPECT_EQ(registry.userUrn(), "quillarbor:users:19999");
 }
 

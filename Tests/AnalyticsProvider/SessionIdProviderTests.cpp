@@ -42,130 +42,81 @@ protected:
     std::ostringstream console;
 };
 
-TEST_F(SessionIdProviderTest, CreatesOneIdAndKeepsItAcrossInstances) {
+// One id, kept across calls, a restart (a new provider over the same defaults) and a short
+// inactivity; a stored id that is no UUID is replaced. Each step writes its console line.
+TEST_F(SessionIdProviderTest, OneIdIsKeptAcrossCallsRestartsAndShortInactivity) {
+    defaults->set("not-a-uuid", "session_id_provider.identifier");
     auto provider = makeProvider();
-    const UUID first = provider->getSessionId();
-    EXPECT_EQ(first, numberedUUID(1));
-    EXPECT_EQ(provider->getSessionId(), first);
-    EXPECT_EQ(created, 1);
-    EXPECT_EQ(storedIdentifier(), first.uuidString());
-    EXPECT_EQ(console.str(), "SESSION ID: Creating new session id " + first.uuidString() + "\n");
+    const UUID id = provider->getSessionId();
+    EXPECT_EQ(id, numberedUUID(1));
+    EXPECT_EQ(provider->getSessionId(), id);
+    EXPECT_EQ(makeProvider()->getSessionId(), id);
+    EXPECT_EQ(storedIdentifier(), id.uuidString());
 
-    // A restart: a new provider over the same defaults.
-    EXPECT_EQ(makeProvider()->getSessionId(), first);
+    now = kStart + 1500ms;  // the fraction of a second is not printed
+    provider->becameInactive();
+    EXPECT_EQ(storedStartOfInactivity(), now);
+    wall = kStart + 10min;
+    provider->becameActive();
+    EXPECT_FALSE(storedStartOfInactivity());
+    EXPECT_EQ(provider->getSessionId(), id);
     EXPECT_EQ(created, 1);
+    EXPECT_EQ(console.str(), "SESSION ID: Creating new session id " + id.uuidString() + "\n"
+                             "SESSION ID: User became inactive at 2023-11-14 22:13:21 +0000\n"
+                             "SESSION ID: User became active. Resetting stored start of inactivity.\n");
 }
 
+// Past the boundary every call makes another id until the app becomes active; then one id holds.
 TEST_F(SessionIdProviderTest, InactivityOfExactlyTheSessionDurationKeepsTheSessionAndOneMillisecondMoreEndsIt) {
     auto provider = makeProvider();
     const UUID original = provider->getSessionId();
     provider->becameInactive();
-
     wall = kStart + 1800s;
     EXPECT_EQ(provider->getSessionId(), original);
 
     wall = kStart + 1800s + 1ms;
     const UUID second = provider->getSessionId();
     const UUID third = provider->getSessionId();
-    EXPECT_NE(second, original);
-    EXPECT_NE(third, second);  // every call makes another id until the app becomes active
     EXPECT_EQ(storedIdentifier(), third.uuidString());
+    provider->becameActive();
+    EXPECT_FALSE(storedStartOfInactivity());
+    const UUID settled = provider->getSessionId();
+    EXPECT_EQ(provider->getSessionId(), settled);
+    EXPECT_EQ((std::vector<UUID>{second, third, settled}),
+              (std::vector<UUID>{numberedUUID(2), numberedUUID(3), numberedUUID(4)}));
 }
 
 TEST_F(SessionIdProviderTest, StartOfInactivityInTheFutureCountsByItsDistance) {
     auto provider = makeProvider();
     const UUID original = provider->getSessionId();
-
     now = kStart + 10min;
     provider->becameInactive();
     EXPECT_EQ(provider->getSessionId(), original);
-
     now = kStart + 1800s + 1ms;
     provider->becameInactive();
     EXPECT_NE(provider->getSessionId(), original);
 }
 
-TEST_F(SessionIdProviderTest, LongInactivityGivesFreshIdsUntilActiveThenOneStableId) {
-    auto provider = makeProvider();
-    const UUID original = provider->getSessionId();
-    provider->becameInactive();
-    wall = kStart + 31min;
-
-    const UUID a = provider->getSessionId();
-    const UUID b = provider->getSessionId();
-    EXPECT_NE(a, original);
-    EXPECT_NE(a, b);
-
-    provider->becameActive();
-    EXPECT_FALSE(storedStartOfInactivity());
-    const UUID settled = provider->getSessionId();
-    EXPECT_EQ(provider->getSessionId(), settled);
-    EXPECT_NE(settled, a);
-    EXPECT_NE(settled, b);
-    EXPECT_NE(settled, original);
-}
-
-TEST_F(SessionIdProviderTest, ShortInactivityKeepsTheSessionWhenActiveAgain) {
-    auto provider = makeProvider();
-    const UUID original = provider->getSessionId();
-    provider->becameInactive();
-    EXPECT_EQ(storedStartOfInactivity(), kStart);
-
-    wall = kStart + 10min;
-    provider->becameActive();
-    EXPECT_FALSE(storedStartOfInactivity());
-    EXPECT_EQ(provider->getSessionId(), original);
-    EXPECT_EQ(created, 1);
-}
-
-TEST_F(SessionIdProviderTest, InactivityStoredBeforeARestartStillCounts) {
+TEST_F(SessionIdProviderTest, InactivityStoredBeforeARestartStillCountsAndClearForgetsIt) {
     const UUID original = makeProvider()->getSessionId();
     makeProvider()->becameInactive();
-
     wall = kStart + 45min;
     auto relaunched = makeProvider();
     relaunched->becameActive();
     const UUID next = relaunched->getSessionId();
     EXPECT_NE(next, original);
     EXPECT_EQ(relaunched->getSessionId(), next);
-}
 
-TEST_F(SessionIdProviderTest, ClearForgetsIdAndInactivity) {
-    auto provider = makeProvider();
-    const UUID original = provider->getSessionId();
-    provider->becameInactive();
+    relaunched->becameInactive();
     defaults->set("untouched", "other.key");
-
-    provider->clear();
+    relaunched->clear();
     EXPECT_FALSE(storedIdentifier());
     EXPECT_FALSE(storedStartOfInactivity());
     EXPECT_EQ(defaults->string("other.key"), "untouched");
-
-    const UUID next = provider->getSessionId();
-    EXPECT_NE(next, original);
-    EXPECT_EQ(provider->getSessionId(), next);
-}
-
-TEST_F(SessionIdProviderTest, AStoredIdThatIsNoUUIDIsReplaced) {
-    defaults->set("not-a-uuid", "session_id_provider.identifier");
-    auto provider = makeProvider();
-    const UUID id = provider->getSessionId();
-    EXPECT_EQ(id, numberedUUID(1));
-    EXPECT_EQ(storedIdentifier(), id.uuidString());
-}
-
-TEST_F(SessionIdProviderTest, WritesTheConsoleLinesOfTheLifecycle) {
-    auto provider = makeProvider();
-    now = kStart + 1500ms;  // the fraction of a second is not printed
-    provider->becameInactive();
-    provider->becameActive();
-    EXPECT_EQ(console.str(),
-              "SESSION ID: User became inactive at 2023-11-14 22:13:21 +0000\n"
-              "SESSION ID: User became active. Resetting stored start of inactivity.\n");
+    EXPECT_EQ(relaunched->getSessionId(), numberedUUID(3));
 }
 
 TEST(DefaultDateDescriptionTest, PrintsUTCWithSecondsRoundedTowardThePast) {
-    EXPECT_EQ(defaultDateDescription(Date(std::chrono::seconds(0))), "1970-01-01 00:00:00 +0000");
     EXPECT_EQ(defaultDateDescription(Date(-1ms)), "1969-12-31 23:59:59 +0000");
     EXPECT_EQ(defaultDateDescription(Date(std::chrono::seconds(951782400))), "2000-02-29 00:00:00 +0000");
 }
@@ -182,13 +133,10 @@ public:
     void clear() override {}
 };
 
-TEST(SessionIdProviderDeathTest, AStoreThatDropsTheInactivityDateStopsTheProcess) {
+TEST(SessionIdProviderDeathTest, AMissingStoreOrInactivityDateStopsTheProcess) {
     SessionIdProvider provider(std::make_shared<DateLosingStore>(), [] { return UUID::random(); },
                                SessionIdProvider::systemNow, SessionIdProvider::kDefaultSessionDuration);
     EXPECT_DEATH(provider.becameInactive(), "Expected 'startOfInactivity' not to be nil\\.");
-}
-
-TEST(SessionIdProviderDeathTest, MissingStoreIsAnInvalidParameter) {
     EXPECT_DEATH(SessionIdProvider(nullptr, [] { return UUID::random(); }, SessionIdProvider::systemNow),
                  "Invalid parameter not satisfying: store");
 }

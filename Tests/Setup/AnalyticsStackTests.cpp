@@ -1,18 +1,19 @@
-// The composition root without a network: which configurations it refuses, where it keeps
-// its files, and that the pieces are wired to one another as the application wires them.
-// Every stack here runs on a virtual-time queue and points at a port nothing listens on;
-// the pipeline against a real gateway is covered by the end-to-end suite.
+// The composition root without a network, on a virtual-time queue: which configurations it
+// refuses, where it keeps its files, how its pieces are wired. The pipeline against a real
+// gateway is covered by the end-to-end suite.
 
 #include "Setup/AnalyticsStack.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <stdexcept>
 #include <thread>
 
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include "AnalyticsProvider/APAnalyticsController.h"
 #include "AnalyticsProvider/APEvent.h"
@@ -34,18 +35,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class FixedConnectivity final : public ConnectivityStateDetecting {
-public:
+struct FixedConnectivity final : ConnectivityStateDetecting {
     std::string connectivityStateDescription() const override { return "wifi"; }
     bool isNetworkReachable() const override { return true; }
     bool isConnectedToVPN() const override { return false; }
 };
 
 std::size_t eventFiles(const fs::path& folder) {
-    std::size_t count = 0;
-    for (const auto& entry : fs::directory_iterator(folder))
-        if (entry.path().extension() == ".event") ++count;
-    return count;
+    return std::count_if(fs::directory_iterator(folder), fs::directory_iterator(),
+                         [](const auto& entry) { return entry.path().extension() == ".event"; });
 }
 
 class AnalyticsStackTests : public ::testing::Test {
@@ -64,10 +62,11 @@ protected:
         return c;
     }
 
+    // Never null: a refused configuration fails the test.
     std::unique_ptr<AnalyticsStack> makeStack(AnalyticsStackConfiguration c) {
         std::string error;
         auto stack = AnalyticsStack::make(std::move(c), &error);
-        EXPECT_NE(stack, nullptr) << error;
+        if (!stack) throw std::runtime_error("refused: " + error);
         return stack;
     }
 
@@ -77,26 +76,26 @@ protected:
 };
 
 TEST_F(AnalyticsStackTests, refusesConfigurationsThePipelineCannotRunWith) {
-    const auto refused = [this](const std::function<void(AnalyticsStackConfiguration&)>& change,
-                                const std::string& fragment) {
+    std::ofstream(directory / "occupied") << "x";  // a state folder that is a file holds nothing
+    const std::vector<std::pair<std::function<void(AnalyticsStackConfiguration&)>, std::string>> refused = {
+        {[](auto& c) { c.environment.eventGatewayBaseURL = "127.0.0.1:8080"; }, "gateway URL"},
+        {[](auto& c) { c.environment.eventGatewayBaseURL = "ftp://127.0.0.1/"; }, "not http or https"},
+        {[](auto& c) { c.environment.eventGatewayBaseURL = "http:///v1"; }, "no host"},
+        {[](auto& c) { c.environment.minimumBatchSize = 0; }, "minimum batch size"},
+        {[](auto& c) { c.connectTimeout = std::chrono::milliseconds(0); }, "connect time-out"},
+        {[](auto& c) { c.requestTimeout = std::chrono::milliseconds(-1); }, "request time-out"},
+        {[this](auto& c) { c.stateDirectory = directory / "occupied"; }, "state folder"},
+    };
+    for (const auto& [change, fragment] : refused) {
+        SCOPED_TRACE(fragment);
         auto c = configuration();
         change(c);
         std::string error;
-        EXPECT_EQ(AnalyticsStack::make(c, &error), nullptr) << fragment;
+        EXPECT_EQ(AnalyticsStack::make(c, &error), nullptr);
         EXPECT_NE(error.find(fragment), std::string::npos) << error;
-        EXPECT_EQ(AnalyticsStack::validate(c).empty(), fragment.find("state folder") != std::string::npos);
-    };
-    refused([](auto& c) { c.environment.eventGatewayBaseURL = "127.0.0.1:8080"; }, "gateway URL");
-    refused([](auto& c) { c.environment.eventGatewayBaseURL = "ftp://127.0.0.1/"; }, "not http or https");
-    refused([](auto& c) { c.environment.eventGatewayBaseURL = "http:///v1"; }, "no host");
-    refused([](auto& c) { c.environment.minimumBatchSize = 0; }, "minimum batch size");
-    refused([](auto& c) { c.connectTimeout = std::chrono::milliseconds(0); }, "connect time-out");
-    refused([](auto& c) { c.requestTimeout = std::chrono::milliseconds(-1); }, "request time-out");
-
-    // A state folder that is a file cannot hold anything.
-    std::ofstream(directory / "occupied") << "x";
-    refused([this](auto& c) { c.stateDirectory = directory / "occupied"; }, "state folder");
-
+        // Only the state folder needs the file system to be found wrong.
+        EXPECT_EQ(AnalyticsStack::validate(c).empty(), fragment == "state folder");
+    }
     EXPECT_EQ(AnalyticsStack::validate(configuration()), "");
     auto https = configuration();
     https.environment.eventGatewayBaseURL = "https://events.example.org/base";
@@ -107,9 +106,6 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
     const fs::path state = directory / "state";
     {
         auto stack = makeStack(configuration());
-        ASSERT_NE(stack, nullptr);
-        EXPECT_EQ(stack->stateDirectory(), state);
-        EXPECT_EQ(stack->eventSerializer()->cacheDirectory(), AnalyticsStack::eventsDirectory(state));
         stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", 1}}));
         queue->runUntilIdle();
         // The session id is persisted in the state folder's user defaults, under its name space.
@@ -118,24 +114,17 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
         EXPECT_NE(console.str().find("SESSION ID: Creating new session id"), std::string::npos);
     }
     // Every entry, whatever made it (SQLite's journals included), is its owner's alone.
-    std::map<std::string, mode_t> modes;
-    modes[state.filename()] = 0;
-    struct stat info {};
-    ASSERT_EQ(::stat(state.c_str(), &info), 0);
-    modes["."] = info.st_mode & 0777;
-    for (const auto& entry : fs::recursive_directory_iterator(state)) {
-        ASSERT_EQ(::lstat(entry.path().c_str(), &info), 0);
-        auto name = fs::relative(entry.path(), state).native();
-        if (entry.path().extension() == ".event") name = "cache/events/<event>";
-        modes[name] = info.st_mode & 0777;
-    }
-    modes.erase(state.filename());
-    EXPECT_EQ(modes, (std::map<std::string, mode_t>{{".", 0700},
-                                                    {"cache", 0700},
-                                                    {"cache/events", 0700},
-                                                    {"cache/events/<event>", 0600},
-                                                    {"defaults.sqlite3", 0600},
-                                                    {"requests.sqlite3", 0600}}));
+    const auto mode = [](const fs::path& p) { return static_cast<int>(fs::symlink_status(p).permissions()) & 0777; };
+    std::map<std::string, int> modes{{".", mode(state)}};
+    for (const auto& entry : fs::recursive_directory_iterator(state))
+        modes[entry.path().extension() == ".event" ? "cache/events/<event>" : fs::relative(entry.path(), state).native()] =
+            mode(entry.path());
+    EXPECT_EQ(modes, (std::map<std::string, int>{{".", 0700},
+                                                 {"cache", 0700},
+                                                 {"cache/events", 0700},
+                                                 {"cache/events/<event>", 0600},
+                                                 {"defaults.sqlite3", 0600},
+                                                 {"requests.sqlite3", 0600}}));
 }
 
 // A full file system: writes fail, each failed event is counted and the failure logged
@@ -155,14 +144,10 @@ TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
     c.logger = logger;
     c.environment.minimumBatchSize = 1'000'000;
     { auto first = makeStack(c); }  // the state exists before the disk fills up
-    {
-        std::ofstream filler(mount / "filler", std::ios::binary);
-        const std::string block(4096, 'x');
-        while (filler.write(block.data(), block.size())) {
-        }
+    const std::string block(4096, 'x');
+    for (std::ofstream filler(mount / "filler", std::ios::binary); filler.write(block.data(), block.size());) {
     }
     auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
     for (int i = 0; i < 50; ++i) stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", i}}));
     queue->runUntilIdle();
     auto upload = stack->statistics().upload;
@@ -176,70 +161,44 @@ TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
     EXPECT_EQ(stack->statistics().upload.stored, upload.stored + 1);
 }
 
-TEST_F(AnalyticsStackTests, resolvesTheStateFolderFromTheConfigurationThenTheEnvironment) {
+// The configuration's client, user and credential are registered in instances of the
+// stack's own; a tagged event is transformed, recorded and stored on the pipeline's queue,
+// never on the caller's thread; a name outside the gateway's vocabulary is reported unused.
+TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipelinesQueue) {
+    auto recorder = std::make_shared<APEventGatewayEventRecorder>(true);
+    auto techLogger = std::make_shared<testing::RecordingTechLogger>();
     auto c = configuration();
-    c.environment.stateDirectory = directory / "from-environment";
-    EXPECT_EQ(AnalyticsStack::resolvedStateDirectory(c), directory / "state");
-    c.stateDirectory.clear();
-    EXPECT_EQ(AnalyticsStack::resolvedStateDirectory(c), directory / "from-environment");
-    auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
-    EXPECT_TRUE(fs::is_directory(directory / "from-environment" / "cache" / "events"));
-}
-
-TEST_F(AnalyticsStackTests, registersTheClientUserAndCredentialFromTheConfiguration) {
-    auto c = configuration();
+    c.recorder = recorder;
+    c.techLogger = techLogger;
     c.token = "token-1";
     c.userUrn = "quillarbor:users:7";
     auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
-    EXPECT_EQ(stack->attributeRegistry()->clientId(), 42);
-    EXPECT_EQ(stack->attributeRegistry()->userAgent(), "StackTests/1");
-    EXPECT_EQ(stack->attributeRegistry()->userUrn(), "quillarbor:users:7");
     EXPECT_EQ(stack->credentialStore()->credential(), "token-1");
-    // An instance of its own, not the process-wide one.
     EXPECT_NE(stack->attributeRegistry(), AnalyticsAttributeRegistry::sharedInstance());
-
-    auto signedOut = configuration();
-    signedOut.stateDirectory = directory / "other";
-    auto second = makeStack(signedOut);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(second->credentialStore()->credential(), std::nullopt);
-    EXPECT_EQ(second->attributeRegistry()->userUrn(), std::nullopt);
-}
-
-TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipelinesQueue) {
-    auto recorder = std::make_shared<APEventGatewayEventRecorder>(true);
-    auto c = configuration();
-    c.recorder = recorder;
-    c.userUrn = "quillarbor:users:7";
-    auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
     EXPECT_EQ(stack->controller().providerForClass<APEventGatewayAnalyticsProvider>(), stack->gatewayProvider());
 
     stack->tagEvent(APEvent::make("like", AttributeDictionary{{"track", "quillarbor:tracks:1"}, {"resource", "x"}}));
-    // Nothing happens on the caller's thread.
+    stack->tagEvent(APEvent::make("follow", AttributeDictionary::object()));
     EXPECT_EQ(recorder->recordedEvents().size(), 0u);
     EXPECT_EQ(eventFiles(stack->eventSerializer()->cacheDirectory()), 0u);
-
     queue->runUntilIdle();
     const auto recorded = recorder->recordedEvents();
     ASSERT_EQ(recorded.size(), 1u);
-    const auto& payload = recorded[0]["payload"];
     EXPECT_EQ(recorded[0]["event"], "like");
-    EXPECT_EQ(payload["track"], "quillarbor:tracks:1");
-    EXPECT_FALSE(payload.contains("resource"));
-    EXPECT_EQ(payload["client_id"], 42);
-    EXPECT_EQ(payload["user"], "quillarbor:users:7");
-    EXPECT_EQ(payload["connection_type"], "wifi");
-    EXPECT_EQ(payload["session_id"], stack->sessionIdProvider()->getSessionId().uuidString());
+    auto payload = recorded[0]["payload"];
+    EXPECT_EQ(payload.erase("ts") + payload.erase("anonymous_id"), 2u);  // their values vary
+    EXPECT_EQ(payload, (AttributeDictionary{{"track", "quillarbor:tracks:1"},
+                                            {"client_id", 42},
+                                            {"user", "quillarbor:users:7"},
+                                            {"connection_type", "wifi"},
+                                            {"session_id", stack->sessionIdProvider()->getSessionId().uuidString()}}));
     EXPECT_EQ(eventFiles(stack->eventSerializer()->cacheDirectory()), 1u);
-
+    const auto unused = techLogger->eventsNamed("unused_event");
+    ASSERT_EQ(unused.size(), 1u);
+    EXPECT_EQ(unused[0].attributes["event"], "follow");
     const auto s = stack->statistics();
-    EXPECT_EQ(s.tagged, 1u);
-    EXPECT_EQ(s.upload.stored, 1u);
-    EXPECT_EQ(s.upload.waiting, 1u);
-    EXPECT_EQ(s.upload.batchesSent, 0u);  // below the minimum batch size
+    EXPECT_EQ(std::vector<std::uint64_t>({s.tagged, s.upload.stored, s.upload.waiting, s.upload.batchesSent}),
+              std::vector<std::uint64_t>({2, 1, 1, 0}));  // below the minimum batch size
 }
 
 // Sign-in while events flow: the pipeline's own thread reads the registry while this one
@@ -252,7 +211,6 @@ TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     c.recorder = recorder;
     c.environment.minimumBatchSize = 1'000'000;
     auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
     std::thread tagger([&] {
         for (int i = 0; i < 300; ++i) stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", i}}));
     });
@@ -264,37 +222,18 @@ TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     ASSERT_TRUE(stack->drainQueue(std::chrono::seconds(30)));
     const auto recorded = recorder->recordedEvents();
     ASSERT_EQ(recorded.size(), 300u);
-    for (const auto& event : recorded) {
-        const auto& payload = event["payload"];
-        ASSERT_TRUE(payload["client_id"].is_number_integer()) << payload.dump();
-        ASSERT_TRUE(payload["user"].is_string()) << payload.dump();
-    }
+    for (const auto& event : recorded)
+        ASSERT_TRUE(event["payload"]["client_id"].is_number_integer() && event["payload"]["user"].is_string()) << event;
     EXPECT_EQ(stack->statistics().upload.stored, 300u);
 }
 
-TEST_F(AnalyticsStackTests, aNameOutsideTheGatewayVocabularyReachesNoStoreAndIsReportedUnused) {
-    auto techLogger = std::make_shared<testing::RecordingTechLogger>();
-    auto c = configuration();
-    c.techLogger = techLogger;
-    auto stack = makeStack(c);
-    ASSERT_NE(stack, nullptr);
-    stack->tagEvent(APEvent::make("follow", AttributeDictionary::object()));
-    queue->runUntilIdle();
-    EXPECT_EQ(eventFiles(stack->eventSerializer()->cacheDirectory()), 0u);
-    ASSERT_EQ(techLogger->eventsNamed("unused_event").size(), 1u);
-    EXPECT_EQ(techLogger->eventsNamed("unused_event")[0].attributes["event"], "follow");
-}
-
 TEST_F(AnalyticsStackTests, twoStacksInOneProcessKeepTheirEventsApart) {
-    auto first = makeStack(configuration());
     auto c = configuration();
     c.stateDirectory = directory / "second";
     auto secondQueue = std::make_shared<VirtualTimeSerialQueue>();
     c.queue = secondQueue;
+    auto first = makeStack(configuration());
     auto second = makeStack(c);
-    ASSERT_NE(first, nullptr);
-    ASSERT_NE(second, nullptr);
-
     first->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "a"}}));
     first->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "b"}}));
     second->tagEvent(APEvent::make("search", AttributeDictionary{{"query", "c"}}));
@@ -304,18 +243,25 @@ TEST_F(AnalyticsStackTests, twoStacksInOneProcessKeepTheirEventsApart) {
     EXPECT_EQ(eventFiles(second->eventSerializer()->cacheDirectory()), 1u);
 }
 
+// The state folder comes from the configuration, else from the environment: a new stack
+// named either way over the same folder finds the stored events and the session.
 TEST_F(AnalyticsStackTests, aNewStackOverTheSameFolderFindsTheStoredEventsAndTheSession) {
     std::optional<UUID> session;
     {
         auto stack = makeStack(configuration());
-        ASSERT_NE(stack, nullptr);
         session = stack->sessionIdProvider()->getSessionId();
         stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "a"}}));
         queue->runUntilIdle();
     }
+    auto c = configuration();
+    c.environment.stateDirectory = directory / "from-environment";
+    EXPECT_EQ(AnalyticsStack::resolvedStateDirectory(c), directory / "state");
+    c.environment.stateDirectory = c.stateDirectory;
+    c.stateDirectory.clear();
+    EXPECT_EQ(AnalyticsStack::resolvedStateDirectory(c), directory / "state");
     queue = std::make_shared<VirtualTimeSerialQueue>();
-    auto stack = makeStack(configuration());
-    ASSERT_NE(stack, nullptr);
+    c.queue = queue;
+    auto stack = makeStack(c);
     EXPECT_EQ(stack->statistics().upload.waiting, 1u);
     EXPECT_EQ(stack->sessionIdProvider()->getSessionId(), session);
 }

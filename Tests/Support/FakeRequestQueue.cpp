@@ -2,11 +2,6 @@
 
 namespace kt::testing {
 
-bool FakeRequestQueue::isNetworkReachable() const {
-    std::lock_guard lock(mutex_);
-    return reachable_;
-}
-
 void FakeRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCallback) {
     std::optional<int> automatic;
     {
@@ -16,31 +11,6 @@ void FakeRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCal
         if (!automatic) pendingCallbacks_.push_back(std::move(resultCallback));
     }
     if (automatic && resultCallback) resultCallback(*automatic);
-}
-
-void FakeRequestQueue::setReachable(bool reachable) {
-    std::lock_guard lock(mutex_);
-    reachable_ = reachable;
-}
-
-void FakeRequestQueue::setAutomaticResult(std::optional<int> code) {
-    std::lock_guard lock(mutex_);
-    automaticResult_ = code;
-}
-
-std::vector<HTTPRequest> FakeRequestQueue::sentRequests() const {
-    std::lock_guard lock(mutex_);
-    return sent_;
-}
-
-std::size_t FakeRequestQueue::sentCount() const {
-    std::lock_guard lock(mutex_);
-    return sent_.size();
-}
-
-std::size_t FakeRequestQueue::pendingCount() const {
-    std::lock_guard lock(mutex_);
-    return pendingCallbacks_.size();
 }
 
 bool FakeRequestQueue::respond(int code) {

@@ -16,19 +16,19 @@ class FakeRequestQueue final : public RequestQueueing {
 public:
     explicit FakeRequestQueue(bool reachable = true) : reachable_(reachable) {}
 
-    bool isNetworkReachable() const override;
+    bool isNetworkReachable() const override { std::lock_guard lock(mutex_); return reachable_; }
     void sendRequest(HTTPRequest request, ResultCallback resultCallback) override;
 
-    void setReachable(bool reachable);
+    void setReachable(bool reachable) { std::lock_guard lock(mutex_); reachable_ = reachable; }
     /// Answer every later request at once, on the sending thread, with `code`; nullopt
     /// goes back to holding requests until `respond`.
-    void setAutomaticResult(std::optional<int> code);
+    void setAutomaticResult(std::optional<int> code) { std::lock_guard lock(mutex_); automaticResult_ = code; }
 
     /// Every request sent so far, answered or not, in sending order.
-    std::vector<HTTPRequest> sentRequests() const;
-    std::size_t sentCount() const;
+    std::vector<HTTPRequest> sentRequests() const { std::lock_guard lock(mutex_); return sent_; }
+    std::size_t sentCount() const { std::lock_guard lock(mutex_); return sent_.size(); }
     /// Requests not answered yet.
-    std::size_t pendingCount() const;
+    std::size_t pendingCount() const { std::lock_guard lock(mutex_); return pendingCallbacks_.size(); }
     /// Answers the oldest unanswered request with `code` (outside the lock). False when
     /// none is pending.
     bool respond(int code);

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,19 +27,18 @@ class RecordingLogger final : public KTLogger {
 public:
     explicit RecordingLogger(int threshold = 0) : threshold_(threshold) {}
 
-    bool isEnabled(int level) const override;
+    bool isEnabled(int level) const override { std::lock_guard lock(mutex_); return level >= threshold_; }
     void logWithLevel(int level, std::string_view file, int line, std::string_view function,
                       std::string_view message) override;
 
-    void setThreshold(int threshold);
-    std::vector<LogRecord> records() const;
+    void setThreshold(int threshold) { std::lock_guard lock(mutex_); threshold_ = threshold; }
+    std::vector<LogRecord> records() const { std::lock_guard lock(mutex_); return records_; }
     /// The messages, optionally only those of one level.
-    std::vector<std::string> messages() const;
-    std::vector<std::string> messages(int level) const;
+    std::vector<std::string> messages(std::optional<int> level = std::nullopt) const;
     /// True when some message contains `fragment`.
     bool contains(std::string_view fragment) const;
-    std::size_t count() const;
-    void clear();
+    std::size_t count() const { std::lock_guard lock(mutex_); return records_.size(); }
+    void clear() { std::lock_guard lock(mutex_); records_.clear(); }
     /// Waits until at least `count` lines were recorded; false on time-out. For tests of
     /// work done on a real thread.
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;

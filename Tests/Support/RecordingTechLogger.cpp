@@ -8,11 +8,6 @@ void RecordingTechLogger::logEvent(const TechEvent& event) {
     recorded_.notify_all();
 }
 
-std::vector<TechEvent> RecordingTechLogger::events() const {
-    std::lock_guard lock(mutex_);
-    return events_;
-}
-
 std::vector<TechEvent> RecordingTechLogger::eventsNamed(const std::string& name) const {
     std::lock_guard lock(mutex_);
     std::vector<TechEvent> result;
@@ -20,16 +15,6 @@ std::vector<TechEvent> RecordingTechLogger::eventsNamed(const std::string& name)
         if (event.name == name)
             result.push_back(event);
     return result;
-}
-
-std::size_t RecordingTechLogger::count() const {
-    std::lock_guard lock(mutex_);
-    return events_.size();
-}
-
-void RecordingTechLogger::clear() {
-    std::lock_guard lock(mutex_);
-    events_.clear();
 }
 
 bool RecordingTechLogger::waitForCount(std::size_t count, std::chrono::milliseconds timeout) const {

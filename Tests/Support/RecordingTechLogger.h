@@ -19,10 +19,10 @@ public:
 
     void logEvent(const TechEvent& event) override;
 
-    std::vector<TechEvent> events() const;
+    std::vector<TechEvent> events() const { std::lock_guard lock(mutex_); return events_; }
     std::vector<TechEvent> eventsNamed(const std::string& name) const;
-    std::size_t count() const;
-    void clear();
+    std::size_t count() const { std::lock_guard lock(mutex_); return events_.size(); }
+    void clear() { std::lock_guard lock(mutex_); events_.clear(); }
     /// Waits until at least `count` events were recorded; false on time-out.
     bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;
 

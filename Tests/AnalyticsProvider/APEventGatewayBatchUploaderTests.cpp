@@ -245,16 +245,6 @@ TEST_F(APEventGatewayBatchUploaderTests, AnswersAndTimersAfterTheUploaderIsGoneD
     EXPECT_EQ(requestQueue->sentCount(), 1u);
 }
 
-TEST_F(APEventGatewayBatchUploaderTests, ARestartUploadsWhatWasStored) {
-    requestQueue->setReachable(false);
-    for (int n = 1; n <= 2; ++n) upload(makeUploader(1, false), event(n));
-    requestQueue->setReachable(true);
-    useStore();
-    flush(makeUploader(10, false));
-    ASSERT_EQ(requestQueue->sentCount(), 1u);
-    EXPECT_EQ(sentNumbers(0), (Numbers{1, 2}));
-}
-
 TEST_F(APEventGatewayBatchUploaderTests, AFlushReadsOnlyWhatIsNotInFlightAndListsNothing) {
     auto folder = std::make_shared<CountingFolder>();
     useStore(std::make_shared<ExtendedFileAttributes>(), folder);
@@ -370,10 +360,6 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
         EXPECT_EQ(stats.waiting, 0u);
         EXPECT_EQ(stats.delivered, c.reason ? 0u : 1u);
     }
-}
-
-TEST_F(APEventGatewayBatchUploaderTests, UploadingNothingIsAProgrammingError) {
-    EXPECT_DEATH(makeUploader(1, false)->uploadEvent(nullptr), "Invalid parameter not satisfying: event");
 }
 
 }  // namespace

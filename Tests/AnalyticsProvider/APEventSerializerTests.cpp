@@ -247,21 +247,13 @@ TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
     EXPECT_EQ(filesIn(directory), 0u);
 }
 
-TEST(APSerializedEventTests, EqualityHashArchiveAndParameterChecks) {
+TEST(APSerializedEventTests, EqualityHashAndParameterChecks) {
     auto e = APEvent::make("like", AttributeDictionary{{"n", 1}});
     APSerializedEvent a(e, "/tmp/x.event");
     APSerializedEvent b(APEvent::make("like", AttributeDictionary{{"n", 1}}), "/tmp/x.event");
     EXPECT_EQ(a, b);
     EXPECT_EQ(a.hash(), b.hash());
     EXPECT_FALSE(a == APSerializedEvent(e, "/tmp/y.event"));
-
-    KeyedArchiver coder(APSerializedEvent::kClassName);
-    a.encodeWithCoder(coder);
-    std::string error;
-    auto decoder = KeyedUnarchiver::fromBytes(
-        coder.finish(), {APSerializedEvent::kClassName, APEvent::kClassName, "dictionary", "number", "string"}, &error);
-    ASSERT_TRUE(decoder) << error;
-    EXPECT_EQ(APSerializedEvent::decode(*decoder), a);
 
     EXPECT_DEATH(APSerializedEvent(nullptr, "/tmp/x.event"), "Invalid parameter not satisfying: event");
     EXPECT_DEATH(APSerializedEvent(e, ""), "Invalid parameter not satisfying: eventURL");

@@ -66,16 +66,15 @@ protected:
     void SetUp() override { dependencies.set(DependencyKeys::statsigManager, std::shared_ptr<StatsigManaging>(statsig)); }
 };
 
-TEST_F(AnalyticsAttributeRegistryTest, FlagOffOrMissingNeverTouchesTheExperimentService) {
+TEST_F(AnalyticsAttributeRegistryTest, OnlyTheFlagOnSendsTheURNsIdentifierOrNoUserToTheExperimentService) {
     registry.registerUserUrn("quillarbor:users:7");  // no flag service registered at all
     setFlag(false);
     registry.registerUserUrn("quillarbor:users:8");
     registry.registerUserUrn(std::nullopt);
     drainUpdates();
     EXPECT_TRUE(statsig->waitForUpdates(0).empty());
-}
 
-TEST_F(AnalyticsAttributeRegistryTest, FlagOnSendsTheURNsIdentifierOrNoUser) {
+    // With the flag on: the URN's identifier, or no user.
     setFlag(true);
     for (const auto& urn : {std::optional<std::string>("quillarbor:users:7"), std::optional<std::string>(),
                             std::optional<std::string>("not a urn")}) {
@@ -84,18 +83,6 @@ TEST_F(AnalyticsAttributeRegistryTest, FlagOnSendsTheURNsIdentifierOrNoUser) {
         EXPECT_EQ(registry.userUrn(), urn);  // an unparseable URN is still the registered user
     }
     EXPECT_EQ(statsig->waitForUpdates(3), (std::vector<std::optional<std::string>>{"7", std::nullopt, std::nullopt}));
-}
-
-TEST_F(AnalyticsAttributeRegistryTest, RegisteringDoesNotWaitForTheExperimentService) {
-    setFlag(true);
-    statsig->holdNextUpdate();
-    registry.registerUserUrn("quillarbor:users:7");  // returns while the update is pending
-    registry.registerUserUrn("quillarbor:users:9");
-    EXPECT_EQ(registry.userUrn(), "quillarbor:users:9");
-    EXPECT_EQ(statsig->waitForUpdates(1).front(), "7");
-    statsig->releaseHeldUpdate();
-    EXPECT_EQ(statsig->waitForUpdates(2), (std::vector<std::optional<std::string>>{"7", "9"}));
-    drainUpdates();
 }
 
 TEST_F(AnalyticsAttributeRegistryTest, AnUpdateThatNeverCompletesHoldsBackTheNextOnlyUntilTheTimeOut) {
@@ -135,24 +122,6 @@ TEST_F(AnalyticsAttributeRegistryTest, ReadersSeeWholeRegistrationsWhileTheAppRe
     EXPECT_EQ(registry.clientId(), 19999);
     EXPECT_EQ(registry.userAgent(), "KTAnalytics/19999 (a user agent long enough to allocate)");
     EXPECT_EQ(registry.userUrn(), "quillarbor:users:19999");
-}
-
-TEST(AnalyticsAttributeRegistrySharedTest, SharedRegistryUsesTheSharedDependencies) {
-    // Re-executed in a fresh process: the shared registry and dependencies are process-wide.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            auto statsig = std::make_shared<RecordingStatsigManager>();
-            DependencyRegistry::shared().set(DependencyKeys::statsigManager, std::shared_ptr<StatsigManaging>(statsig));
-            DependencyRegistry::shared().set(DependencyKeys::featureFlags,
-                                             std::shared_ptr<FeatureFlags>(std::make_shared<StaticFeatureFlags>(true)));
-            AnalyticsAttributeRegistry::shared().registerUserUrn("quillarbor:users:55");
-            const bool same = &AnalyticsAttributeRegistry::shared() == AnalyticsAttributeRegistry::sharedInstance().get();
-            const auto updates = statsig->waitForUpdates(1);
-            const bool updated = updates.size() == 1 && updates[0] == "55";
-            std::_Exit(same && updated ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -1,15 +1,12 @@
 #include "AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
 
-#include <atomic>
 #include <cmath>
 #include <limits>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "AnalyticsProvider/APEvent.h"
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/AnonymousID.h"
 #include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
 #include "KTFoundation/AnalyticsIdProviding.h"
 #include "KTFoundation/ConnectivityStateDetecting.h"
@@ -121,34 +118,6 @@ TEST(MillisecondsSince1970Test, DropsTheFractionOfAMillisecondTowardZeroAndStops
     EXPECT_DEATH(millisecondsSince1970(std::numeric_limits<double>::infinity()), "either infinite or NaN");
     EXPECT_DEATH(millisecondsSince1970(9223372036854775.808), "greater than Int64.max");
     EXPECT_DEATH(millisecondsSince1970(-1e17), "less than Int64.min");
-}
-
-// Re-executed in a fresh process: the ids' sources are process-wide, and the quillarbor id
-// is computed once per process.
-TEST(AnonymousIDTest, QuillarborIdIsComputedOnceEvenUnderConcurrentFirstUseAndSegmentIdOnEveryCall) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            std::atomic<int> computed{0};
-            const bool sourceSet = AnonymousID::setQuillarborAnonymousIdSource([&computed] {
-                return std::optional<std::string>("ID-" + std::to_string(++computed));
-            });
-            std::vector<std::optional<std::string>> seen(8);
-            std::vector<std::thread> threads;
-            for (std::size_t i = 0; i < seen.size(); ++i)
-                threads.emplace_back([&seen, i] { seen[i] = AnonymousID::quillarborAnonymousId(); });
-            for (auto& t : threads) t.join();
-            bool ok = sourceSet && AnonymousID::segmentAnonymousId().empty();
-            for (const auto& id : seen) ok = ok && id == std::optional<std::string>("ID-1");
-            ok = ok && !AnonymousID::setQuillarborAnonymousIdSource([] { return std::nullopt; });  // too late
-            ok = ok && AnonymousID::quillarborAnonymousId() == std::optional<std::string>("ID-1") && computed == 1;
-            std::string current = "first";
-            AnonymousID::setSegmentAnonymousIdSource([&current] { return current; });
-            ok = ok && AnonymousID::segmentAnonymousId() == "first";
-            current = "second";
-            std::exit(ok && AnonymousID::segmentAnonymousId() == "second" ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ FirebaseAnalyticsEvent event(const std::string& name, AttributeDictionary parame
     return FirebaseAnalyticsEvent(FirebaseAnalyticsEventName(name), std::move(parameters), extraUserInfo);
 }
 
-TEST(FirebaseAnalyticsEvent, MissingParametersAreAnEmptyDictionary) {
+TEST(FirebaseAnalyticsEvent, MissingParametersAreAnEmptyDictionaryEqualityIsLooseAndDescriptionsSorted) {
     const FirebaseAnalyticsEvent empty;
     EXPECT_EQ(empty.name(), "");
     EXPECT_TRUE(empty.shouldIncludeExtraUserInfo());
@@ -22,17 +22,12 @@ TEST(FirebaseAnalyticsEvent, MissingParametersAreAnEmptyDictionary) {
         EXPECT_TRUE(e->parameters().empty());
     }
     EXPECT_DEATH(event("a", AttributeValue::array({1, 2})), "parameters.is_object\\(\\)");
-}
 
-// Deduplicating callers rely on the loose rule: name and parameter count only.
-TEST(FirebaseAnalyticsEvent, EqualityComparesNameAndParameterCountOnly) {
+    // Deduplicating callers rely on the loose rule: name and parameter count only.
     EXPECT_EQ(event("a", {{"x", 1}}, true), event("a", {{"y", "z"}}, false));
     EXPECT_FALSE(event("a") == event("a", {{"x", 1}}));
     EXPECT_FALSE(event("a", {{"x", 1}}) == event("b", {{"x", 1}}));
     EXPECT_FALSE(event("a").isEqual(nullptr));
-}
-
-TEST(FirebaseAnalyticsEvent, DescriptionNamesTheEventAndItsSortedParameters) {
     EXPECT_EQ(event("track_like").description(), "name: track_like, parameters: [:]");
     EXPECT_EQ(event("e", {{"b", true}, {"a", "x"}}).description(), R"(name: e, parameters: ["a": "x", "b": true])");
 }

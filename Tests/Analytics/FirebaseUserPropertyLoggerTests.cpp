@@ -55,25 +55,16 @@ TEST_F(FirebaseUserPropertyLoggerTest, SendsTheSevenPropertiesInOrderOnEveryCall
 
     const std::string version = OperatingSystemVersion::current().string();
     EXPECT_EQ(provider->userProperties(), (std::vector<std::pair<std::string, std::string>>{
-                                              {"ios_version", version},
-                                              {"subscription_status", "std_band"},
-                                              {"creator_sub_status", "lyra_max_yearly"},
-                                              {"grove_people", "true"},
-                                              {"is_authenticated", "yes"},
-                                              {"brindle_likes_screen", "true"},
-                                              {"ios_beta_program", "false"},
-                                              {"ios_version", version},
-                                              {"subscription_status", "none"},
-                                              {"creator_sub_status", "lyra_max_yearly"},
-                                              {"grove_people", "false"},
-                                              {"is_authenticated", "no"},
-                                              {"brindle_likes_screen", "true"},
-                                              {"ios_beta_program", "true"},
-                                          }));
+        {"ios_version", version}, {"subscription_status", "std_band"}, {"creator_sub_status", "lyra_max_yearly"},
+        {"grove_people", "true"}, {"is_authenticated", "yes"}, {"brindle_likes_screen", "true"},
+        {"ios_beta_program", "false"},
+        {"ios_version", version}, {"subscription_status", "none"}, {"creator_sub_status", "lyra_max_yearly"},
+        {"grove_people", "false"}, {"is_authenticated", "no"}, {"brindle_likes_screen", "true"},
+        {"ios_beta_program", "true"}}));
     EXPECT_EQ(provider->calls().size(), 14u);  // properties only: no events, no screens
 }
 
-TEST_F(FirebaseUserPropertyLoggerTest, EveryPlanHasItsDashboardValue) {
+TEST_F(FirebaseUserPropertyLoggerTest, EveryPlanHasItsDashboardValueAndAnUnknownOneStopsTheProcess) {
     const std::pair<PlanType, std::string> listener[] = {
         {PlanType::none, "none"},        {PlanType::standardBand, "std_band"},   {PlanType::peakBand, "peak_band"},
         {PlanType::peakBandStudent, "peak_band"}, {PlanType::legacy, "unknown"}, {PlanType::unknown, "unknown"},
@@ -91,9 +82,6 @@ TEST_F(FirebaseUserPropertyLoggerTest, EveryPlanHasItsDashboardValue) {
         plans->creator = plan;
         EXPECT_EQ(logOnce()["creator_sub_status"], text) << static_cast<int>(plan);
     }
-}
-
-TEST_F(FirebaseUserPropertyLoggerTest, UnknownListenerPlanStopsTheProcess) {
     plans->plan = static_cast<PlanType>(6);
     EXPECT_DEATH(logger.log(), "unexpected enum case 'PlanType\\(rawValue: 6\\)'");
 }

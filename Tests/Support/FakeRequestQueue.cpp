@@ -2,17 +2,6 @@
 
 namespace kt::testing {
 
-void FakeRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCallback) {
-    std::optional<int> automatic;
-    {
-        std::lock_guard lock(mutex_);
-        sent_.push_back(std::move(request));
-        automatic = automaticResult_;
-        if (!automatic) pendingCallbacks_.push_back(std::move(resultCallback));
-    }
-    if (automatic && resultCallback) resultCallback(*automatic);
-}
-
 bool FakeRequestQueue::respond(int code) {
     ResultCallback callback;
     {

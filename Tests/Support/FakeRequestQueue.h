@@ -1,10 +1,9 @@
 #pragma once
 // A RequestQueueing that sends nothing: it keeps each request with its callback until the
-// test answers it, or answers at once with a fixed code. State belongs to the instance.
+// test answers it. State belongs to the instance.
 
 #include <cstddef>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 #include "KTData/RequestQueue.h"
@@ -17,12 +16,13 @@ public:
     explicit FakeRequestQueue(bool reachable = true) : reachable_(reachable) {}
 
     bool isNetworkReachable() const override { std::lock_guard lock(mutex_); return reachable_; }
-    void sendRequest(HTTPRequest request, ResultCallback resultCallback) override;
+    void sendRequest(HTTPRequest request, ResultCallback resultCallback) override {
+        std::lock_guard lock(mutex_);
+        sent_.push_back(std::move(request));
+        pendingCallbacks_.push_back(std::move(resultCallback));
+    }
 
     void setReachable(bool reachable) { std::lock_guard lock(mutex_); reachable_ = reachable; }
-    /// Answer every later request at once, on the sending thread, with `code`; nullopt
-    /// goes back to holding requests until `respond`.
-    void setAutomaticResult(std::optional<int> code) { std::lock_guard lock(mutex_); automaticResult_ = code; }
 
     /// Every request sent so far, answered or not, in sending order.
     std::vector<HTTPRequest> sentRequests() const { std::lock_guard lock(mutex_); return sent_; }
@@ -38,7 +38,6 @@ public:
 private:
     mutable std::mutex mutex_;
     bool reachable_;                                // guarded by mutex_
-    std::optional<int> automaticResult_;            // guarded by mutex_
     std::vector<HTTPRequest> sent_;                 // guarded by mutex_
     std::vector<ResultCallback> pendingCallbacks_;  // guarded by mutex_
 };

@@ -1,9 +1,6 @@
 #pragma once
 // A KTLogger that keeps every line it is given, for tests that check what was logged.
 
-#include <condition_variable>
-#include <cstddef>
-#include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -27,26 +24,34 @@ class RecordingLogger final : public KTLogger {
 public:
     explicit RecordingLogger(int threshold = 0) : threshold_(threshold) {}
 
-    bool isEnabled(int level) const override { std::lock_guard lock(mutex_); return level >= threshold_; }
+    bool isEnabled(int level) const override { return level >= threshold_; }
     void logWithLevel(int level, std::string_view file, int line, std::string_view function,
-                      std::string_view message) override;
+                      std::string_view message) override {
+        std::lock_guard lock(mutex_);
+        if (level >= threshold_)
+            records_.push_back({level, std::string(file), line, std::string(function), std::string(message)});
+    }
 
-    void setThreshold(int threshold) { std::lock_guard lock(mutex_); threshold_ = threshold; }
     std::vector<LogRecord> records() const { std::lock_guard lock(mutex_); return records_; }
     /// The messages, optionally only those of one level.
-    std::vector<std::string> messages(std::optional<int> level = std::nullopt) const;
+    std::vector<std::string> messages(std::optional<int> level = std::nullopt) const {
+        std::vector<std::string> result;
+        for (const auto& record : records())
+            if (!level || record.level == *level) result.push_back(record.message);
+        return result;
+    }
     /// True when some message contains `fragment`.
-    bool contains(std::string_view fragment) const;
+    bool contains(std::string_view fragment) const {
+        for (const auto& message : messages())
+            if (message.find(fragment) != std::string::npos) return true;
+        return false;
+    }
     std::size_t count() const { std::lock_guard lock(mutex_); return records_.size(); }
     void clear() { std::lock_guard lock(mutex_); records_.clear(); }
-    /// Waits until at least `count` lines were recorded; false on time-out. For tests of
-    /// work done on a real thread.
-    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;
 
 private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable recorded_;
-    int threshold_;                  // guarded by mutex_
+    const int threshold_;
     std::vector<LogRecord> records_;  // guarded by mutex_
 };
 

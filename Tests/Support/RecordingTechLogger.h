@@ -1,9 +1,6 @@
 #pragma once
 // A TechLogging that keeps every technical event, for tests that check what was reported.
 
-#include <chrono>
-#include <condition_variable>
-#include <cstddef>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -15,20 +12,19 @@ namespace kt::testing {
 /// Thread-safe.
 class RecordingTechLogger final : public TechLogging {
 public:
-    RecordingTechLogger() = default;
-
-    void logEvent(const TechEvent& event) override;
+    void logEvent(const TechEvent& event) override { std::lock_guard lock(mutex_); events_.push_back(event); }
 
     std::vector<TechEvent> events() const { std::lock_guard lock(mutex_); return events_; }
-    std::vector<TechEvent> eventsNamed(const std::string& name) const;
+    std::vector<TechEvent> eventsNamed(const std::string& name) const {
+        std::vector<TechEvent> result;
+        for (const auto& event : events())
+            if (event.name == name) result.push_back(event);
+        return result;
+    }
     std::size_t count() const { std::lock_guard lock(mutex_); return events_.size(); }
-    void clear() { std::lock_guard lock(mutex_); events_.clear(); }
-    /// Waits until at least `count` events were recorded; false on time-out.
-    bool waitForCount(std::size_t count, std::chrono::milliseconds timeout) const;
 
 private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable recorded_;
     std::vector<TechEvent> events_;  // guarded by mutex_
 };
 

@@ -39,7 +39,7 @@ TEST(FirebaseABExperimentProvider, CatalogueListsEachExperimentWithItsKeysAndVar
     }
 }
 
-TEST(FirebaseABExperiments, RawValuesMatchWholeTextAndCase) {
+TEST(FirebaseABExperiments, RawValuesMatchWholeTextAndCaseWhateverTheReassignedVariants) {
     EXPECT_EQ(UpsellVariantExperiment::fromRawValue("variantD"), UpsellVariantExperiment::variantD);
     EXPECT_EQ(UpsellVariantExperiment::fromRawValue("control"), std::nullopt);  // no control case here
     for (const char* text : {"discountedprice", "control ", ""})
@@ -48,9 +48,8 @@ TEST(FirebaseABExperiments, RawValuesMatchWholeTextAndCase) {
     std::unordered_set<PriceTestExperiment> seen{PriceTestExperiment::control, PriceTestExperiment::discountedPrice,
                                                  *PriceTestExperiment::fromRawValue("control")};
     EXPECT_EQ(seen.size(), 2u);
-}
 
-TEST(FirebaseABExperiments, ReassignedKeysAndVariantsAreSeenByEveryReaderButLeaveTheCasesAlone) {
+    // Reassigned keys and variants are seen by every reader but leave the cases alone.
     const auto catalogueEntry = FirebaseABExperimentType::of<GracePeriodExperiment>();
     GracePeriodExperiment::setId("grace_v2");
     GracePeriodExperiment::setRemoteValueId(std::nullopt);

@@ -47,13 +47,12 @@ protected:
 
 TEST_F(FirebaseABManagerTest, RemoteAnswersAreStoredAsTextUnderBothKeys) {
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), std::nullopt);
-    manager.updateAssignments(remote({{"dev_ab_price_test", "discountedPrice"},
-                                      {"dev_ab_offline_sync_grace_period_test", "variantA"},
-                                      {graceSecondsKey, "3600"},
-                                      {"ios_upsell_experiment_variant", "variantZ"},
-                                      {"dev_listen_ad_free_upsell_copy", "Control"},
-                                      {"unrelated_key", "x"}}),
-                              catalogue);
+    const Dictionary answered{{"dev_ab_price_test", "discountedPrice"}, {"dev_ab_offline_sync_grace_period_test", "variantA"},
+                              {graceSecondsKey, "3600"}, {"ios_upsell_experiment_variant", "variantZ"},
+                              {"dev_listen_ad_free_upsell_copy", "Control"}};
+    auto withUnrelated = answered;
+    withUnrelated["unrelated_key"] = "x";
+    manager.updateAssignments(remote(withUnrelated), catalogue);
 
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
     EXPECT_EQ(manager.assignment(catalogue[1]), "variantA");
@@ -61,20 +60,15 @@ TEST_F(FirebaseABManagerTest, RemoteAnswersAreStoredAsTextUnderBothKeys) {
     // Stored unvalidated; only the reading side refuses a text that names no variant.
     EXPECT_EQ(manager.assignment<UpsellVariantExperiment>(), std::nullopt);
     EXPECT_EQ(manager.assignment<ListenAdFreeUpsellCopyExperiment>(), std::nullopt);
-    EXPECT_EQ(defaults->stringDictionary(remoteKey), (Dictionary{{"dev_ab_price_test", "discountedPrice"},
-                                                                 {"dev_ab_offline_sync_grace_period_test", "variantA"},
-                                                                 {graceSecondsKey, "3600"},
-                                                                 {"ios_upsell_experiment_variant", "variantZ"},
-                                                                 {"dev_listen_ad_free_upsell_copy", "Control"}}));
+    EXPECT_EQ(defaults->stringDictionary(remoteKey), answered);
     EXPECT_EQ(defaults->object(overrideKey), std::nullopt);
 }
 
 TEST_F(FirebaseABManagerTest, OverrideWinsOverEveryUpdateAndAnInvalidOverrideHidesTheRemoteValue) {
     manager.setOverride("variantA", "dev_ab_offline_sync_grace_period_test");
     manager.setOverride("noSuchVariant", "dev_ab_price_test");
-    manager.updateAssignments(remote({{"dev_ab_offline_sync_grace_period_test", "control"},
-                                      {"dev_ab_price_test", "discountedPrice"}}),
-                              catalogue);
+    manager.updateAssignments(
+        remote({{"dev_ab_offline_sync_grace_period_test", "control"}, {"dev_ab_price_test", "discountedPrice"}}), catalogue);
 
     EXPECT_EQ(manager.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), std::nullopt);
@@ -85,22 +79,19 @@ TEST_F(FirebaseABManagerTest, OverrideWinsOverEveryUpdateAndAnInvalidOverrideHid
     EXPECT_EQ(defaults->stringDictionary(overrideKey), Dictionary{});  // an empty dictionary, not nothing
 }
 
+// A key remote config stops answering keeps its value and is written back with the next
+// answer; an update with no answer at all leaves the defaults empty but serves from memory.
 TEST_F(FirebaseABManagerTest, AKeyRemoteConfigStopsAnsweringKeepsItsValueAndIsWrittenBackWithTheNextAnswer) {
-    manager.updateAssignments(remote({{"dev_ab_price_test", "discountedPrice"},
-                                      {"dev_ab_offline_sync_grace_period_test", "control"}}),
-                              catalogue);
+    manager.updateAssignments(
+        remote({{"dev_ab_price_test", "discountedPrice"}, {"dev_ab_offline_sync_grace_period_test", "control"}}), catalogue);
     manager.updateAssignments(remote({{"dev_ab_offline_sync_grace_period_test", "variantA"}}), catalogue);
 
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
     EXPECT_EQ(manager.assignment<GracePeriodExperiment>(), GracePeriodExperiment::variantA);
-    EXPECT_EQ(defaults->stringDictionary(remoteKey), (Dictionary{{"dev_ab_price_test", "discountedPrice"},
-                                                                 {"dev_ab_offline_sync_grace_period_test", "variantA"}}));
-}
+    EXPECT_EQ(defaults->stringDictionary(remoteKey),
+              (Dictionary{{"dev_ab_price_test", "discountedPrice"}, {"dev_ab_offline_sync_grace_period_test", "variantA"}}));
 
-TEST_F(FirebaseABManagerTest, AnUpdateWithNoAnswerLeavesDefaultsEmptyButServesFromMemory) {
-    manager.updateAssignments(remote({{"dev_ab_price_test", "discountedPrice"}}), catalogue);
     manager.updateAssignments(remote({}), catalogue);
-
     EXPECT_EQ(defaults->object(remoteKey), std::nullopt);
     EXPECT_EQ(manager.assignment<PriceTestExperiment>(), PriceTestExperiment::discountedPrice);
     EXPECT_EQ(FirebaseABManager(defaults).assignment<PriceTestExperiment>(), std::nullopt);  // the next start

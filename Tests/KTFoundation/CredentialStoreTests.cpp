@@ -58,6 +58,7 @@ TEST(CredentialStoreTests, FileStoreKeepsTheTokenInAnOwnerOnlyFileAndRefusesHead
     EXPECT_FALSE(std::filesystem::exists(path));
     store.setCredential(std::nullopt);
     EXPECT_EQ(logger->count(), logged) << "signing out twice is no error";
+    EXPECT_EQ(OAuthHelper::authHeaderForToken("2-29xxx-abc"), "Bearer 2-29xxx-abc");
 }
 
 TEST(CredentialStoreTests, InMemoryStoreIsSafeFromSeveralThreads) {
@@ -73,10 +74,6 @@ TEST(CredentialStoreTests, InMemoryStoreIsSafeFromSeveralThreads) {
     threads.clear();  // joins them
     store.setCredential(std::nullopt);
     EXPECT_EQ(store.credential(), std::nullopt);
-}
-
-TEST(OAuthHelperTests, AuthorizationValueUsesTheBearerScheme) {
-    EXPECT_EQ(OAuthHelper::authHeaderForToken("2-29xxx-abc"), "Bearer 2-29xxx-abc");
 }
 
 }  // namespace

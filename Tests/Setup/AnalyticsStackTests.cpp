@@ -227,31 +227,26 @@ TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     EXPECT_EQ(stack->statistics().upload.stored, 300u);
 }
 
-TEST_F(AnalyticsStackTests, twoStacksInOneProcessKeepTheirEventsApart) {
-    auto c = configuration();
-    c.stateDirectory = directory / "second";
-    auto secondQueue = std::make_shared<VirtualTimeSerialQueue>();
-    c.queue = secondQueue;
-    auto first = makeStack(configuration());
-    auto second = makeStack(c);
-    first->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "a"}}));
-    first->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "b"}}));
-    second->tagEvent(APEvent::make("search", AttributeDictionary{{"query", "c"}}));
-    queue->runUntilIdle();
-    secondQueue->runUntilIdle();
-    EXPECT_EQ(eventFiles(first->eventSerializer()->cacheDirectory()), 2u);
-    EXPECT_EQ(eventFiles(second->eventSerializer()->cacheDirectory()), 1u);
-}
-
-// The state folder comes from the configuration, else from the environment: a new stack
-// named either way over the same folder finds the stored events and the session.
-TEST_F(AnalyticsStackTests, aNewStackOverTheSameFolderFindsTheStoredEventsAndTheSession) {
+// Two stacks in one process keep their events apart. The state folder comes from the
+// configuration, else from the environment: a new stack named either way over the same
+// folder finds the stored events and the session.
+TEST_F(AnalyticsStackTests, twoStacksKeepTheirEventsApartAndANewOneOverTheSameFolderFindsThemAndTheSession) {
     std::optional<UUID> session;
     {
+        auto c = configuration();
+        c.stateDirectory = directory / "second";
+        auto secondQueue = std::make_shared<VirtualTimeSerialQueue>();
+        c.queue = secondQueue;
         auto stack = makeStack(configuration());
+        auto second = makeStack(c);
         session = stack->sessionIdProvider()->getSessionId();
         stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "a"}}));
+        stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page", "b"}}));
+        second->tagEvent(APEvent::make("search", AttributeDictionary{{"query", "c"}}));
         queue->runUntilIdle();
+        secondQueue->runUntilIdle();
+        EXPECT_EQ(eventFiles(stack->eventSerializer()->cacheDirectory()), 2u);
+        EXPECT_EQ(eventFiles(second->eventSerializer()->cacheDirectory()), 1u);
     }
     auto c = configuration();
     c.environment.stateDirectory = directory / "from-environment";
@@ -262,7 +257,7 @@ TEST_F(AnalyticsStackTests, aNewStackOverTheSameFolderFindsTheStoredEventsAndThe
     queue = std::make_shared<VirtualTimeSerialQueue>();
     c.queue = queue;
     auto stack = makeStack(c);
-    EXPECT_EQ(stack->statistics().upload.waiting, 1u);
+    EXPECT_EQ(stack->statistics().upload.waiting, 2u);
     EXPECT_EQ(stack->sessionIdProvider()->getSessionId(), session);
 }
 

@@ -22,6 +22,8 @@ namespace {
 using nlohmann::json;
 
 std::string gzip(const std::string& text) { return GzipCodec::gzippedData(text).value(); }
+// The answer's status, or -1 when there was none.
+int status(const httplib::Result& result) { return result ? result->status : -1; }
 
 json element(const std::string& name, json payload = json::object()) {
     return json{{"event", name}, {"version", "v1.27.36"}, {"payload", std::move(payload)}};
@@ -79,24 +81,17 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
     const json batch = json::array({element("play", {{"track", "quillarbor:tracks:1"}}), element("like")});
     const json withSentAt{{"events", json::array({element("a")})}, {"sent_at", "2024-01-01T00:00:00.000Z"}};
     const std::string bodies[] = {gzip(batch.dump()), gzip(withSentAt.dump())};
-    auto result = upload(*gateway, bodies[0]);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->status, 200);
-    result = upload(*gateway, bodies[1], {});  // gzip is recognised without the header too
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->status, 200);
+    EXPECT_EQ(status(upload(*gateway, bodies[0])), 200);
+    EXPECT_EQ(status(upload(*gateway, bodies[1], {})), 200);  // gzip is recognised without the header too
     httplib::Client client(gateway->baseURL());
-    for (auto [path, status] : {std::pair{"/track/impression?ad=1", 200}, {"/track/click/deeper?x=y", 200},
+    for (auto [path, expected] : {std::pair{"/track/impression?ad=1", 200}, {"/track/click/deeper?x=y", 200},
                                 {"/elsewhere", 404}, {"/tracking?limit=1001", 400},
                                 // A listing limit outside 0 to 1000 is refused.
                                 {"/events?limit=abc", 400}, {"/events?limit=-1", 400}, {"/events?limit=", 400},
                                 {"/events?limit=1001", 400}, {"/events?limit=100000000", 400},
                                 {"/events?limit=18446744073709551616", 400}, {"/events?limit=0", 200},
-                                {"/events?limit=1000", 200}}) {
-        result = client.Get(path);
-        ASSERT_TRUE(result) << path;
-        EXPECT_EQ(result->status, status) << path;
-    }
+                                {"/events?limit=1000", 200}})
+        EXPECT_EQ(status(client.Get(path)), expected) << path;
 
     EXPECT_EQ(getJSON(*gateway, "/stats"),
               (json{{"requests", 2}, {"events", 3}, {"bytes_compressed", bodies[0].size() + bodies[1].size()},
@@ -140,11 +135,7 @@ TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400And
         {"object with a third member", gzip(R"({"events":[],"sent_at":"t","more":1})")},
         {"empty body", ""},
     };
-    for (const auto& [why, body] : bad) {
-        auto result = upload(*gateway, body);
-        ASSERT_TRUE(result) << why;
-        EXPECT_EQ(result->status, 400) << why;
-    }
+    for (const auto& [why, body] : bad) EXPECT_EQ(status(upload(*gateway, body)), 400) << why;
     const GatewayStatistics stats = gateway->stats();
     EXPECT_EQ(stats.rejected, bad.size());
     EXPECT_EQ(stats.requests, bad.size());
@@ -157,11 +148,8 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerWithTheFailStatusAndTheSam
     const std::string body = gzip(json::array({element("play")}).dump());
     auto gateway = startGateway({.failRate = 1.0, .failStatus = 429, .seed = 7});
     httplib::Client client(gateway->baseURL());
-    auto uploaded = upload(*gateway, body);
-    auto tracked = client.Get("/track/impression?id=1");
-    ASSERT_TRUE(uploaded && tracked);
-    EXPECT_EQ(uploaded->status, 429);
-    EXPECT_EQ(tracked->status, 429);
+    EXPECT_EQ(status(upload(*gateway, body)), 429);
+    EXPECT_EQ(status(client.Get("/track/impression?id=1")), 429);
     EXPECT_EQ(getJSON(*gateway, "/stats"),  // inspection is never failed
               (json{{"requests", 1}, {"events", 0}, {"bytes_compressed", 0}, {"bytes_raw", 0},
                     {"failures_injected", 2}, {"rejected", 0}, {"tracking_requests", 0},
@@ -170,10 +158,7 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerWithTheFailStatusAndTheSam
     auto outcomes = [&](std::uint64_t seed) {
         auto halfFailing = startGateway({.failRate = 0.5, .seed = seed});
         std::vector<int> statuses;
-        for (int i = 0; i < 24; ++i) {
-            auto result = upload(*halfFailing, body);
-            statuses.push_back(result ? result->status : -1);
-        }
+        for (int i = 0; i < 24; ++i) statuses.push_back(status(upload(*halfFailing, body)));
         return statuses;
     };
     const std::vector<int> first = outcomes(42);
@@ -186,11 +171,9 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerWithTheFailStatusAndTheSam
 TEST_F(DevelopmentGatewayTests, aListingStopsAtItsByteBudgetKeepingTheNewest) {
     // Each event stores some 2,200 bytes of payload and headers: two fit in 5,000, three do not.
     auto gateway = startGateway({.maxListingBytes = 5000});
-    for (const char* name : {"a", "b", "c", "d"}) {
-        auto result = upload(*gateway, gzip(json::array({element(name, {{"text", std::string(2000, 'x')}})}).dump()));
-        ASSERT_TRUE(result);
-        EXPECT_EQ(result->status, 200);
-    }
+    for (const char* name : {"a", "b", "c", "d"})
+        EXPECT_EQ(status(upload(*gateway, gzip(json::array({element(name, {{"text", std::string(2000, 'x')}})}).dump()))),
+                  200);
     const json events = getJSON(*gateway, "/events?limit=10");
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0]["event"], "c");
@@ -267,8 +250,7 @@ TEST_F(DevelopmentGatewayTests, idleAndSlowConnectionsDoNotKeepOthersWaiting) {
     auto result = client.Get("/stats");
     for (int s : stalled) close(s);
     EXPECT_EQ(stalled.size(), 64u);
-    ASSERT_TRUE(result) << "no answer within 5 s while stalled connections are open";
-    EXPECT_EQ(result->status, 200);
+    EXPECT_EQ(status(result), 200) << "no answer within 5 s while stalled connections are open";
 }
 
 TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSurviveARestart) {
@@ -276,13 +258,11 @@ TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSu
     const std::string dbPath = (directory / "gateway.sqlite").string();
     {
         auto gateway = startGateway({.dbPath = dbPath});
-        auto uploaded = upload(*gateway, gzip(json::array({element("first"), element("second")}).dump()),
-                               {{"Content-Encoding", "gzip"}, {"authorization", "Bearer " + secret}});
+        EXPECT_EQ(status(upload(*gateway, gzip(json::array({element("first"), element("second")}).dump()),
+                                {{"Content-Encoding", "gzip"}, {"authorization", "Bearer " + secret}})),
+                  200);
         httplib::Client client(gateway->baseURL());
-        auto tracked = client.Get("/track/impression", {{"Authorization", "Bearer " + secret}});
-        ASSERT_TRUE(uploaded && tracked);
-        EXPECT_EQ(uploaded->status, 200);
-        EXPECT_EQ(tracked->status, 200);
+        EXPECT_EQ(status(client.Get("/track/impression", {{"Authorization", "Bearer " + secret}})), 200);
     }
     auto restarted = startGateway({.dbPath = dbPath});
     EXPECT_EQ(restarted->stats().events, 0u);  // counts are per run

@@ -109,8 +109,7 @@ public:
 
 TEST_F(APEventGatewayBatchUploaderTests, ReachingTheMinimumUploadsAtOnceAndWithoutTimerNothingElse) {
     auto uploader = makeUploader(3, false);
-    upload(uploader, event(1));
-    upload(uploader, event(2));
+    for (int n : {1, 2}) upload(uploader, event(n));
     queue->advance(120s);
     EXPECT_EQ(requestQueue->sentCount(), 0u);
     upload(uploader, event(3));
@@ -161,8 +160,7 @@ TEST_F(APEventGatewayBatchUploaderTests, ACountTheFileRefusesIsKeptInMemoryForAl
 TEST_F(APEventGatewayBatchUploaderTests, ARejectedBatchIsDeletedAndReportedOnlyWhenAlone) {
     auto uploader = makeUploader(2, false);
     for (bool alpha : {false, true}) {
-        upload(uploader, event(1));
-        upload(uploader, event(2));
+        for (int n : {1, 2}) upload(uploader, event(n));
         environment->alpha = alpha;
         respond(3);
         EXPECT_EQ(serializer->serializedEventsCount(), 0u);
@@ -175,8 +173,7 @@ TEST_F(APEventGatewayBatchUploaderTests, ARejectedBatchIsDeletedAndReportedOnlyW
 TEST_F(APEventGatewayBatchUploaderTests, AlphaBuildsSendOneEventPerRequestAndReportInvalidOnes) {
     environment->alpha = true;
     auto uploader = makeUploader(2, false);
-    upload(uploader, event(1));
-    upload(uploader, event(2));
+    for (int n : {1, 2}) upload(uploader, event(n));
     ASSERT_EQ(requestQueue->sentCount(), 1u);
     const Numbers first = sentNumbers(0);
     ASSERT_EQ(first.size(), 1u);
@@ -201,8 +198,7 @@ TEST_F(APEventGatewayBatchUploaderTests, AlphaBuildsSendOneEventPerRequestAndRep
 // not sent twice, and the answer for the batch settles it.
 TEST_F(APEventGatewayBatchUploaderTests, AnEventStoredAgainWhileInFlightIsNotSentTwice) {
     auto uploader = makeUploader(1, false);
-    upload(uploader, event(1));
-    upload(uploader, event(1));
+    for (int n : {1, 1}) upload(uploader, event(n));
     flush(uploader);
     EXPECT_EQ(requestQueue->sentCount(), 1u);
     EXPECT_EQ(uploader->numberOfEventsWaitingToBeUploaded(), 0u);

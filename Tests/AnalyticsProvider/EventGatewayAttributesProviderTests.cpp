@@ -9,20 +9,12 @@
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 #include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
 #include "KTFoundation/AnalyticsIdProviding.h"
-#include "KTFoundation/ConnectivityStateDetecting.h"
 #include "Middleware/AssignedABTestVariantIDProviding.h"
 #include "Platform/SerialQueue.h"
+#include "Support/FakeConnectivity.h"
 
 namespace kt {
 namespace {
-
-struct FakeConnectivity final : ConnectivityStateDetecting {
-    std::string connectivityStateDescription() const override { return description; }
-    bool isNetworkReachable() const override { return true; }
-    bool isConnectedToVPN() const override { return vpn; }
-    std::string description = "wifi";
-    bool vpn = false;
-};
 
 struct CountingSessionIdProvider final : SessionIdProviding {
     UUID getSessionId() override {
@@ -51,7 +43,7 @@ protected:
     // Its queue only runs experiment-service updates, which these tests never trigger.
     std::shared_ptr<AnalyticsAttributeRegistry> registry =
         std::make_shared<AnalyticsAttributeRegistry>(dependencies, std::make_shared<VirtualTimeSerialQueue>());
-    std::shared_ptr<FakeConnectivity> connectivity = std::make_shared<FakeConnectivity>();
+    std::shared_ptr<testing::FakeConnectivity> connectivity = std::make_shared<testing::FakeConnectivity>();
     std::shared_ptr<CountingSessionIdProvider> sessions = std::make_shared<CountingSessionIdProvider>();
     std::optional<std::string> anonymousId;
     std::optional<std::string> analyticsId;

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "KTFoundation/ConnectivityStateDetecting.h"
+#include "Support/FakeConnectivity.h"
 
 namespace kt {
 namespace {
@@ -25,17 +25,6 @@ using namespace std::chrono_literals;
 
 // Generous: these waits only guard against a hang, they measure nothing.
 constexpr auto kDeadline = 30s;
-
-class FixedConnectivity final : public ConnectivityStateDetecting {
-public:
-    explicit FixedConnectivity(bool reachable) : reachable_(reachable) {}
-    std::string connectivityStateDescription() const override { return reachable_ ? "ethernet" : "none"; }
-    bool isNetworkReachable() const override { return reachable_; }
-    bool isConnectedToVPN() const override { return false; }
-
-private:
-    bool reachable_;
-};
 
 // Collects result codes and the threads they arrived on.
 class Results {
@@ -146,8 +135,8 @@ TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCall
 }
 
 TEST(CurlRequestQueueTests, aLoopbackGatewayIsReachableWhateverTheDetectorSays) {
-    const auto offline = std::make_shared<FixedConnectivity>(false);
-    const auto online = std::make_shared<FixedConnectivity>(true);
+    const auto offline = std::make_shared<testing::FakeConnectivity>(false);
+    const auto online = std::make_shared<testing::FakeConnectivity>(true);
     for (const char* base : {"http://127.0.0.1:8080", "http://127.3.4.5", "http://localhost:9000/base",
                              "http://LOCALHOST", "http://[::1]:8080"}) {
         CurlRequestQueue queue({.baseURL = base}, offline, nullptr);

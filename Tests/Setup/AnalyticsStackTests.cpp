@@ -22,10 +22,10 @@
 #include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 #include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "KTFoundation/ConnectivityStateDetecting.h"
 #include "KTFoundation/CredentialStore.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
+#include "Support/FakeConnectivity.h"
 #include "Support/RecordingLogger.h"
 #include "Support/RecordingTechLogger.h"
 #include "Support/TemporaryDirectory.h"
@@ -34,12 +34,6 @@ namespace kt {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct FixedConnectivity final : ConnectivityStateDetecting {
-    std::string connectivityStateDescription() const override { return "wifi"; }
-    bool isNetworkReachable() const override { return true; }
-    bool isConnectedToVPN() const override { return false; }
-};
 
 std::size_t eventFiles(const fs::path& folder) {
     return std::count_if(fs::directory_iterator(folder), fs::directory_iterator(),
@@ -57,7 +51,7 @@ protected:
         c.environment.minimumBatchSize = 50;
         c.stateDirectory = directory / "state";
         c.queue = queue;
-        c.connectivity = std::make_shared<FixedConnectivity>();
+        c.connectivity = std::make_shared<testing::FakeConnectivity>();
         c.console = &console;
         return c;
     }

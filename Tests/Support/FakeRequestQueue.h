@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "KTData/RequestQueue.h"
@@ -29,11 +30,27 @@ public:
     std::size_t sentCount() const { std::lock_guard lock(mutex_); return sent_.size(); }
     /// Requests not answered yet.
     std::size_t pendingCount() const { std::lock_guard lock(mutex_); return pendingCallbacks_.size(); }
-    /// Answers the oldest unanswered request with `code` (outside the lock). False when
-    /// none is pending.
-    bool respond(int code);
-    /// Answers every pending request with `code`; the number answered.
-    std::size_t respondToAll(int code);
+    /// Answers the oldest unanswered request with `code` (outside the lock, as callbacks may
+    /// send again). False when none is pending.
+    bool respond(int code) {
+        ResultCallback callback;
+        {
+            std::lock_guard lock(mutex_);
+            if (pendingCallbacks_.empty()) return false;
+            callback = std::move(pendingCallbacks_.front());
+            pendingCallbacks_.erase(pendingCallbacks_.begin());
+        }
+        if (callback) callback(code);
+        return true;
+    }
+    /// Answers every request pending now with `code`.
+    void respondToAll(int code) {
+        std::unique_lock lock(mutex_);
+        auto callbacks = std::exchange(pendingCallbacks_, {});
+        lock.unlock();
+        for (auto& callback : callbacks)
+            if (callback) callback(code);
+    }
 
 private:
     mutable std::mutex mutex_;

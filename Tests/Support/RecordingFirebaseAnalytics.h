@@ -25,20 +25,34 @@ struct FirebaseCall {
 
 class RecordingFirebaseAnalytics final : public FirebaseAnalyticsWrapping, public FirebaseAnalyticsProviding {
 public:
+    using Kind = FirebaseCall::Kind;
     void logEventWithName(const std::string& name, const AttributeDictionary& parameters,
-                          bool shouldIncludeExtraUserInfo) override;
-    void trackScreenWithName(const std::string& name) override;
-    void setUserIdentifier(const std::string& identifier) override;
-    void setUserProperty(const std::string& value, const std::string& forName) override;
-    void logEventWithName(const std::string& name, const AttributeDictionary& parameters) override;
-    void setScreenName(const std::string& screenName, const std::string& screenClass) override;
+                          bool shouldIncludeExtraUserInfo) override {
+        record({Kind::event, name, parameters, shouldIncludeExtraUserInfo, {}});
+    }
+    void trackScreenWithName(const std::string& name) override { record({Kind::screen, name, {}, std::nullopt, {}}); }
+    void setUserIdentifier(const std::string& id) override { record({Kind::userIdentifier, id, {}, std::nullopt, {}}); }
+    void setUserProperty(const std::string& value, const std::string& forName) override {
+        record({Kind::userProperty, forName, {}, std::nullopt, value});
+    }
+    void logEventWithName(const std::string& name, const AttributeDictionary& parameters) override {
+        record({Kind::event, name, parameters, std::nullopt, {}});
+    }
+    void setScreenName(const std::string& screenName, const std::string& screenClass) override {
+        record({Kind::screenName, screenName, {}, std::nullopt, screenClass});
+    }
 
-    std::vector<FirebaseCall> calls() const;
+    std::vector<FirebaseCall> calls() const { std::lock_guard lock(mutex_); return calls_; }
     /// (name, value) of every user property set, in order.
-    std::vector<std::pair<std::string, std::string>> userProperties() const;
+    std::vector<std::pair<std::string, std::string>> userProperties() const {
+        std::vector<std::pair<std::string, std::string>> properties;
+        for (const auto& call : calls())
+            if (call.kind == Kind::userProperty) properties.emplace_back(call.name, call.value);
+        return properties;
+    }
 
 private:
-    void record(FirebaseCall call);
+    void record(FirebaseCall call) { std::lock_guard lock(mutex_); calls_.push_back(std::move(call)); }
     mutable std::mutex mutex_;
     std::vector<FirebaseCall> calls_;
 };

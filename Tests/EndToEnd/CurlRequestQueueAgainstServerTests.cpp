@@ -9,12 +9,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <mutex>
-#include <set>
 #include <thread>
 #include <vector>
+
+#include "Support/ResultCollector.h"
 
 namespace kt {
 namespace {
@@ -75,28 +75,6 @@ private:
     int mostAtOnce_ = 0;
 };
 
-// Result codes by the key each request was sent with.
-class Results {
-public:
-    RequestQueueing::ResultCallback callback(int key) {
-        return [this, key](int code) {
-            std::lock_guard lock(mutex_);
-            codes_[key] = code;
-            changed_.notify_all();
-        };
-    }
-    std::map<int, int> waitFor(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, 60s, [&] { return codes_.size() >= count; });  // guards against a hang only
-        return codes_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<int, int> codes_;
-};
-
 HTTPRequest post(const std::string& url, std::string body) {
     HTTPRequest request;
     request.url = url;
@@ -110,7 +88,7 @@ HTTPRequest post(const std::string& url, std::string body) {
 TEST(CurlRequestQueueAgainstServerTests, statusCodesBecomeResultCodes) {
     StatusServer server;
     CurlRequestQueue queue({.baseURL = server.url(200)}, nullptr, nullptr);
-    Results results;
+    testing::ResultCollector results;
     const std::map<int, int> expected{{200, 0}, {204, 0}, {400, 3}, {404, 3}, {408, 2}, {429, 2}, {500, 2}, {503, 2}};
     for (const auto& [status, code] : expected) queue.sendRequest(post(server.url(status), "[]"), results.callback(status));
     EXPECT_EQ(results.waitFor(expected.size()), expected);
@@ -124,7 +102,7 @@ TEST(CurlRequestQueueAgainstServerTests, statusCodesBecomeResultCodes) {
 TEST(CurlRequestQueueAgainstServerTests, requestsArriveAsBuiltAndOneAfterAnotherShareAConnection) {
     StatusServer server;
     CurlRequestQueue queue({}, nullptr, nullptr);
-    Results results;
+    testing::ResultCollector results;
     const std::string body("\x1f\x8b\x08\x00 binary \x00 bytes", 20);
     HTTPRequest withBody = post(server.url(200), body);
     withBody.setValue("Bearer abc", "Authorization");
@@ -153,7 +131,7 @@ TEST(CurlRequestQueueAgainstServerTests, requestsArriveAsBuiltAndOneAfterAnother
 TEST(CurlRequestQueueAgainstServerTests, manyRequestsFromSeveralThreadsAreAllAnsweredNoMoreThanTheLimitAtOnce) {
     StatusServer server;
     CurlRequestQueue queue({.maximumConcurrentRequests = 6}, nullptr, nullptr);
-    Results results;
+    testing::ResultCollector results;
     constexpr int kCount = 200;
     std::vector<std::jthread> posters;
     for (int t = 0; t < 4; ++t)

@@ -11,51 +11,18 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "Support/FakeConnectivity.h"
+#include "Support/ResultCollector.h"
 
 namespace kt {
 namespace {
 
 using namespace std::chrono_literals;
 
-// Generous: these waits only guard against a hang, they measure nothing.
-constexpr auto kDeadline = 30s;
-
-// Collects result codes and the threads they arrived on.
-class Results {
-public:
-    RequestQueueing::ResultCallback callback() {
-        return [this](int code) {
-            std::lock_guard lock(mutex_);
-            codes_.push_back(code);
-            threads_.push_back(std::this_thread::get_id());
-            changed_.notify_all();
-        };
-    }
-    bool waitFor(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kDeadline, [&] { return codes_.size() >= count; });
-    }
-    std::vector<int> codes() const {
-        std::lock_guard lock(mutex_);
-        return codes_;
-    }
-    std::vector<std::thread::id> threads() const {
-        std::lock_guard lock(mutex_);
-        return threads_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<int> codes_;
-    std::vector<std::thread::id> threads_;
-};
+using Codes = std::map<int, int>;
 
 // A loopback TCP port. Listening without ever accepting makes a server that takes the
 // connection (the kernel completes it) and never answers; closing it leaves a port that
@@ -102,36 +69,34 @@ TEST(CurlRequestQueueTests, aRefusedConnectionAnUnsendableURLOrASilentServerIsCo
     closed.close();  // nothing listens on that port any more
 
     CurlRequestQueue queue({.totalTimeout = 200ms}, nullptr, nullptr);
-    Results results;
+    testing::ResultCollector results;
+    int key = 0;
     for (const auto& target : {url, std::string("file:///etc/passwd"), std::string("not a url at all")})
-        queue.sendRequest(postTo(target), results.callback());
-    ASSERT_TRUE(results.waitFor(3));
+        queue.sendRequest(postTo(target), results.callback(key++));
+    EXPECT_EQ(results.waitFor(3), (Codes{{0, 2}, {1, 2}, {2, 2}}));
     EXPECT_EQ(queue.statistics().failed, 3u);
-    for (int i = 0; i < 2; ++i) queue.sendRequest(postTo(silent.url()), results.callback());
-    ASSERT_TRUE(results.waitFor(5));
-
-    EXPECT_EQ(results.codes(), (std::vector<int>{2, 2, 2, 2, 2}));
+    for (; key < 5; ++key) queue.sendRequest(postTo(silent.url()), results.callback(key));
+    EXPECT_EQ(results.waitFor(5), (Codes{{0, 2}, {1, 2}, {2, 2}, {3, 2}, {4, 2}}));
     for (const auto& thread : results.threads()) EXPECT_NE(thread, std::this_thread::get_id());
     EXPECT_EQ(queue.statistics().requestsSent, 0u);
 }
 
 TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCallbacksPost) {
     LoopbackSocket silent(true);
-    Results results;
-    Results postedDuringShutdown;
+    testing::ResultCollector results, postedDuringShutdown;
     {
         // Only the shutdown ends these transfers; with two at a time some wait, never started.
         CurlRequestQueue queue({.totalTimeout = 10min, .shutdownTimeout = 50ms, .maximumConcurrentRequests = 2},
                                nullptr, nullptr);
-        for (int i = 0; i < 4; ++i) queue.sendRequest(postTo(silent.url()), results.callback());
+        for (int i = 0; i < 4; ++i) queue.sendRequest(postTo(silent.url()), results.callback(i));
         queue.sendRequest(postTo(silent.url()), [&queue, &postedDuringShutdown, &results](int code) {
-            queue.sendRequest(postTo("http://127.0.0.1:1/"), postedDuringShutdown.callback());
-            results.callback()(code);
+            queue.sendRequest(postTo("http://127.0.0.1:1/"), postedDuringShutdown.callback(0));
+            results.callback(4)(code);
         });
     }
     // The destructor has joined the worker: every callback has run.
-    EXPECT_EQ(results.codes(), (std::vector<int>{2, 2, 2, 2, 2}));
-    EXPECT_EQ(postedDuringShutdown.codes(), std::vector<int>{2});
+    EXPECT_EQ(results.codes(), (Codes{{0, 2}, {1, 2}, {2, 2}, {3, 2}, {4, 2}}));
+    EXPECT_EQ(postedDuringShutdown.codes(), (Codes{{0, 2}}));
 }
 
 TEST(CurlRequestQueueTests, aLoopbackGatewayIsReachableWhateverTheDetectorSays) {

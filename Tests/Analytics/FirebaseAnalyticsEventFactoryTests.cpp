@@ -40,8 +40,7 @@ TEST(FirebaseAnalyticsEventName, EveryConstantCarriesItsWireName) {
     for (const auto& [constant, text] : table) EXPECT_EQ(constant().name(), text);
 }
 
-// Every factory operation, with the name and parameters the event must carry. Parameters
-// are also compared as text, because 1500 and 1500.0 compare equal as values.
+// Also compared as text, because 1500 and 1500.0 compare equal as values.
 TEST(FirebaseAnalyticsEventFactory, EveryOperationBuildsItsEvent) {
     const FirebaseAnalyticsEventFactory f;
 #define E(call) [&] { return f.call; }

@@ -75,8 +75,6 @@ protected:
     }
 };
 
-// Tagging only queues the work; the queue records (when recording) then uploads the
-// transformed form, in tag order. A flush goes straight to the uploader.
 TEST_F(APEventGatewayAnalyticsProviderTests, RecordsThenUploadsTheTransformedFormInTagOrder) {
     provider->tagEvent(event("like"));
     provider->tagEvent(event("pageview"));

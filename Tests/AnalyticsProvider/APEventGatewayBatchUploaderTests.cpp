@@ -130,8 +130,7 @@ TEST_F(APEventGatewayBatchUploaderTests, UnreachableNetworkSendsAndQueuesNothing
     EXPECT_EQ(requestQueue->sentCount(), 1u);
 }
 
-// An event is dropped after its third failed attempt (any code but 0 and 3), also when its
-// file refuses the count: it is then kept in memory, and the refusal logged once.
+// Any code but 0 and 3 is a failed attempt. A refused count is logged once.
 TEST_F(APEventGatewayBatchUploaderTests, ACountTheFileRefusesIsKeptInMemoryForAllThreeAttempts) {
     for (bool refusing : {false, true}) {
         SCOPED_TRACE(refusing ? "refused" : "stored");
@@ -155,8 +154,7 @@ TEST_F(APEventGatewayBatchUploaderTests, ACountTheFileRefusesIsKeptInMemoryForAl
     EXPECT_EQ(techLogger->count(), 0u);
 }
 
-// Off alpha a rejected batch is deleted unreported; a batch of several rejected on alpha
-// (the build changed its mind while it was out) is only warned about.
+// Several rejected on alpha: the build changed its mind while they were out.
 TEST_F(APEventGatewayBatchUploaderTests, ARejectedBatchIsDeletedAndReportedOnlyWhenAlone) {
     auto uploader = makeUploader(2, false);
     for (bool alpha : {false, true}) {
@@ -194,8 +192,6 @@ TEST_F(APEventGatewayBatchUploaderTests, AlphaBuildsSendOneEventPerRequestAndRep
     EXPECT_EQ(techLogger->count(), 1u);
 }
 
-// The same event stored again while its file is in flight collapses into that file: it is
-// not sent twice, and the answer for the batch settles it.
 TEST_F(APEventGatewayBatchUploaderTests, AnEventStoredAgainWhileInFlightIsNotSentTwice) {
     auto uploader = makeUploader(1, false);
     for (int n : {1, 1}) upload(uploader, event(n));
@@ -271,8 +267,7 @@ TEST_F(APEventGatewayBatchUploaderTests, AFlushReadsOnlyWhatIsNotInFlightAndList
     EXPECT_EQ(folder->lists, 0);
 }
 
-// Fewer events than the minimum wait for the flush every 60 seconds, which lists the folder
-// once and so also finds what another process of the application stored.
+// Listing finds what another process of the application stored.
 TEST_F(APEventGatewayBatchUploaderTests, TheTimedFlushListsTheFolderOnceAndFindsForeignFiles) {
     auto folder = std::make_shared<CountingFolder>();
     useStore(std::make_shared<ExtendedFileAttributes>(), folder);

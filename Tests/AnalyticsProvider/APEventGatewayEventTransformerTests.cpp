@@ -20,9 +20,7 @@ private:
     AttributeDictionary base_;
 };
 
-// Base values win; "resource", "resource_id" and "set" go, from either side; an event
-// without attributes gets an empty dictionary. The base is read for every event, so its
-// sources (the session id above all) see each one.
+// The base is read for every event, so its sources (the session id above all) see each one.
 TEST(APEventGatewayEventTransformerTest, MergesTheBaseAttributesIntoACopy) {
     struct Case {
         AttributeDictionary base;

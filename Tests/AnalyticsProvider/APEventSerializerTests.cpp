@@ -50,8 +50,6 @@ protected:
     std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
 };
 
-// One owner-only file named by the digest of its contents, in an owner-only folder made
-// when missing; the same event stored again collapses into it and starts its count over.
 TEST_F(APEventSerializerTests, StoresOneOwnerOnlyFileNamedByTheDigestOfItsContents) {
     EXPECT_EQ(directory, temp / "caches" / "events");
     EXPECT_EQ(modeOf(directory), 0700u);
@@ -99,7 +97,6 @@ TEST_F(APEventSerializerTests, RetryCountIsAnEightByteNativeAttributeThatOutlive
     EXPECT_EQ(restarted.increaseRetryCount(stored), std::nullopt);  // a vanished event keeps no count
 }
 
-// Files that do not decode are deleted when read, unless the reader skips them.
 TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
     writeFile(directory / "garbage.event", "not an archive");
     // Null markers and dates are not among the classes the store reads back.
@@ -128,9 +125,7 @@ TEST_F(APEventSerializerTests, UndecodableFilesAreDeletedWhenRead) {
     EXPECT_TRUE(logger->contains("unable to unarchive analytics object at file://" + (directory / "garbage.event").native()));
 }
 
-// Only what the store made is read: entries of other kinds named like events are never
-// opened in a way that blocks, never followed, never marked, and removed (a folder only
-// when empty). The real event beside them is read as usual.
+// Entries named like events are never opened in a way that blocks, followed or marked.
 TEST_F(APEventSerializerTests, EntriesTheStoreDidNotMakeAreNeitherReadNorFollowed) {
     const fs::path outside = temp / "outside";
     fs::create_directories(outside);
@@ -167,9 +162,7 @@ TEST_F(APEventSerializerTests, EntriesTheStoreDidNotMakeAreNeitherReadNorFollowe
     EXPECT_EQ(serializer.statistics().foreignEntriesRemoved, 5u);
 }
 
-// The count takes ".event" names only; the listing also reads a plain "event" suffix.
-// Leftovers of a killed write are removed at start once old: another process may still
-// be writing a recent one.
+// Leftovers of a killed write go only once old: another process may be writing a recent one.
 TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferentlyAndOldTemporaryFilesGo) {
     writeFile(directory / "notes.txt", "hello");
     writeBytes(directory / "a.event", event("like")->archivedData());
@@ -190,9 +183,7 @@ TEST_F(APEventSerializerTests, CountAndListingFilterNamesDifferentlyAndOldTempor
     EXPECT_TRUE(fs::exists(directory / "notes.txt"));
 }
 
-// Without user attributes (found by asking the folder, or on first use when the folder
-// did not exist yet) the count lives in a hidden 8-byte sidecar: it survives a restart,
-// starts over when the event is stored again, and goes with the event.
+// As on tmpfs of older kernels or some network mounts; found on first use of a new folder too.
 TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSidecar) {
     APEventSerializer fresh(temp / "fresh", logger, std::make_shared<UnsupportedAttributes>());
     EXPECT_FALSE(fresh.usesRetryCountFiles());
@@ -223,8 +214,7 @@ TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSideca
     EXPECT_EQ(filesIn(directory), 0u);
 }
 
-// A delivered event's file is kept hidden and written over by the next event: the new
-// event must not inherit the old one's retry count or bytes, and nothing is left behind.
+// A delivered event's file is kept hidden as a spare and written over by the next event.
 TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
     auto serializer = std::make_unique<APEventSerializer>(directory, logger);
     auto first = *serializer->serializeEvent(event("like", 1));

@@ -92,8 +92,7 @@ TEST(APEventBuilderTests, AddAttributeTakesTheFiveKindsAndTheRestIsFatal) {
     EXPECT_DEATH(APEventBuilder::builder().build(), "Invalid parameter not satisfying: name");
 }
 
-// The short description goes into reports: only non-empty strings of the relevant keys
-// and of the extra ones asked for.
+// Reports carry it: only non-empty strings of the relevant keys and the extra ones asked for.
 TEST(APEventFormatterTests, ShortDescriptions) {
     struct Case {
         std::shared_ptr<const APEvent> event;

@@ -36,7 +36,6 @@ struct RecordingStatsigManager final : StatsigManaging {
     }
     void releaseHeldUpdate() { heldUpdate_.set_value(); }
 
-    /// Waits (bounded) until `count` updates arrived; returns them.
     std::vector<std::optional<std::string>> waitForUpdates(std::size_t count) {
         std::unique_lock lock(mutex_);
         changed_.wait_for(lock, 10s, [&] { return updates_.size() >= count; });
@@ -55,7 +54,6 @@ protected:
         dependencies.set(DependencyKeys::featureFlags, std::shared_ptr<FeatureFlags>(std::make_shared<StaticFeatureFlags>(enabled)));
     }
 
-    /// Runs every update started so far.
     void drainUpdates() { ASSERT_TRUE(queue->drain(10s)); }
 
     DependencyRegistry dependencies;
@@ -74,7 +72,6 @@ TEST_F(AnalyticsAttributeRegistryTest, OnlyTheFlagOnSendsTheURNsIdentifierOrNoUs
     drainUpdates();
     EXPECT_TRUE(statsig->waitForUpdates(0).empty());
 
-    // With the flag on: the URN's identifier, or no user.
     setFlag(true);
     for (const auto& urn : {std::optional<std::string>("quillarbor:users:7"), std::optional<std::string>(),
                             std::optional<std::string>("not a urn")}) {
@@ -96,8 +93,7 @@ TEST_F(AnalyticsAttributeRegistryTest, AnUpdateThatNeverCompletesHoldsBackTheNex
     drainUpdates();
 }
 
-// Registrations on one thread while another reads, as the pipeline's queue does: a reader
-// must always see a client id with its own user agent. Run under ThreadSanitizer too.
+// As the pipeline's queue reads while the app registers. Run under ThreadSanitizer too.
 TEST_F(AnalyticsAttributeRegistryTest, ReadersSeeWholeRegistrationsWhileTheAppRegisters) {
     std::atomic<bool> done{false};
     std::thread writer([&] {

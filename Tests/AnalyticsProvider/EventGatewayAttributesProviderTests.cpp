@@ -50,8 +50,6 @@ protected:
     double seconds = 1700000000.25;
 };
 
-// Each source with a value gives its attribute, read again on every call; the variants are
-// joined in their order with plain commas.
 TEST_F(EventGatewayAttributesProviderTest, GivesAnAttributeForEachSourceWithAValueReadOnEachCall) {
     auto bare = makeProvider();
     EXPECT_EQ(bare->baseAttributes(*event("pageview")),

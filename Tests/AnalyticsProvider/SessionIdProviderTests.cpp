@@ -42,8 +42,6 @@ protected:
     std::ostringstream console;
 };
 
-// One id, kept across calls, a restart (a new provider over the same defaults) and a short
-// inactivity; a stored id that is no UUID is replaced. Each step writes its console line.
 TEST_F(SessionIdProviderTest, OneIdIsKeptAcrossCallsRestartsAndShortInactivity) {
     defaults->set("not-a-uuid", "session_id_provider.identifier");
     auto provider = makeProvider();
@@ -66,7 +64,6 @@ TEST_F(SessionIdProviderTest, OneIdIsKeptAcrossCallsRestartsAndShortInactivity) 
                              "SESSION ID: User became active. Resetting stored start of inactivity.\n");
 }
 
-// Past the boundary every call makes another id until the app becomes active; then one id holds.
 TEST_F(SessionIdProviderTest, InactivityOfExactlyTheSessionDurationKeepsTheSessionAndOneMillisecondMoreEndsIt) {
     auto provider = makeProvider();
     const UUID original = provider->getSessionId();

@@ -1,7 +1,4 @@
-// The whole gateway pipeline, built by the composition root, against the development
-// gateway on loopback: what arrives is what was sent, with the wire format's headers; the
-// result codes drive reports, retries and drops; stored events survive a restart; the
-// 60-second timer sends a short batch.
+// The whole pipeline, built by the composition root, against the development gateway.
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -161,7 +158,6 @@ TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEach
     stack->tagEvent(APEvent::make("like", AttributeDictionary{{"track", "quillarbor:tracks:1"}}));
     stack->tagEvent(APEvent::make("repost", AttributeDictionary{{"track", "quillarbor:tracks:2"}}));
     stack->flush();
-    // Rejected events are deleted, not retried: the store empties.
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
 
     const auto upload = stack->statistics().upload;

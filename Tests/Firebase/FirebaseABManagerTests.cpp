@@ -79,9 +79,7 @@ TEST_F(FirebaseABManagerTest, OverrideWinsOverEveryUpdateAndAnInvalidOverrideHid
     EXPECT_EQ(defaults->stringDictionary(overrideKey), Dictionary{});  // an empty dictionary, not nothing
 }
 
-// A key remote config stops answering keeps its value and is written back with the next
-// answer; an update with no answer at all leaves the defaults empty but serves from memory.
-TEST_F(FirebaseABManagerTest, AKeyRemoteConfigStopsAnsweringKeepsItsValueAndIsWrittenBackWithTheNextAnswer) {
+TEST_F(FirebaseABManagerTest, AKeyNoLongerAnsweredKeepsItsValueAndAnEmptyAnswerIsServedFromMemoryOnly) {
     manager.updateAssignments(
         remote({{"dev_ab_price_test", "discountedPrice"}, {"dev_ab_offline_sync_grace_period_test", "control"}}), catalogue);
     manager.updateAssignments(remote({{"dev_ab_offline_sync_grace_period_test", "variantA"}}), catalogue);

@@ -62,7 +62,6 @@ HTTPRequest postTo(const std::string& url) {
     return request;
 }
 
-// A refused connection, a URL that cannot be sent and a server that never answers are all code 2.
 TEST(CurlRequestQueueTests, aRefusedConnectionAnUnsendableURLOrASilentServerIsCodeTwoOnTheWorkerThread) {
     LoopbackSocket closed(false), silent(true);
     const std::string url = closed.url();

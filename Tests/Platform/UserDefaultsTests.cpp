@@ -72,7 +72,6 @@ TEST_F(UserDefaultsTests, ValuesSurviveReopeningTypedGettersAnswerOnlyForTheirKi
     EXPECT_FALSE(reopened->date("negative"));
     for (const char* key : {"mixed", "nested", "missing"}) EXPECT_FALSE(reopened->stringDictionary(key)) << key;
 
-    // Null removes; a prefix selects keys.
     for (const char* key : {"ns.a", "ns.b", "nsx.c", "other"}) reopened->set(1, key);
     reopened->set(nullptr, "other");
     reopened->removeObject("ns.b");

@@ -121,8 +121,6 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
                                                  {"requests.sqlite3", 0600}}));
 }
 
-// A full file system: writes fail, each failed event is counted and the failure logged
-// once, opening the state again never crashes, and storing resumes when space returns.
 TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
     const fs::path mount = directory / "small";
     fs::create_directories(mount);
@@ -155,9 +153,7 @@ TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
     EXPECT_EQ(stack->statistics().upload.stored, upload.stored + 1);
 }
 
-// The configuration's client, user and credential are registered in instances of the
-// stack's own; a tagged event is transformed, recorded and stored on the pipeline's queue,
-// never on the caller's thread; a name outside the gateway's vocabulary is reported unused.
+// The configuration's registrations go to instances of the stack's own.
 TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipelinesQueue) {
     auto recorder = std::make_shared<APEventGatewayEventRecorder>(true);
     auto techLogger = std::make_shared<testing::RecordingTechLogger>();
@@ -195,9 +191,7 @@ TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipel
               std::vector<std::uint64_t>({2, 1, 1, 0}));  // below the minimum batch size
 }
 
-// Sign-in while events flow: the pipeline's own thread reads the registry while this one
-// registers. Every stored event carries a whole registration. Run under ThreadSanitizer
-// (see the README) to show the two threads share nothing unguarded.
+// Run under ThreadSanitizer (see the README) to show the two threads share nothing unguarded.
 TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     auto recorder = std::make_shared<APEventGatewayEventRecorder>(true);
     auto c = configuration();
@@ -221,9 +215,7 @@ TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     EXPECT_EQ(stack->statistics().upload.stored, 300u);
 }
 
-// Two stacks in one process keep their events apart. The state folder comes from the
-// configuration, else from the environment: a new stack named either way over the same
-// folder finds the stored events and the session.
+// The state folder comes from the configuration, else from the environment.
 TEST_F(AnalyticsStackTests, twoStacksKeepTheirEventsApartAndANewOneOverTheSameFolderFindsThemAndTheSession) {
     std::optional<UUID> session;
     {

@@ -25,10 +25,8 @@ public:
 
     void setReachable(bool reachable) { std::lock_guard lock(mutex_); reachable_ = reachable; }
 
-    /// Every request sent so far, answered or not, in sending order.
     std::vector<HTTPRequest> sentRequests() const { std::lock_guard lock(mutex_); return sent_; }
     std::size_t sentCount() const { std::lock_guard lock(mutex_); return sent_.size(); }
-    /// Requests not answered yet.
     std::size_t pendingCount() const { std::lock_guard lock(mutex_); return pendingCallbacks_.size(); }
     /// Answers the oldest unanswered request with `code` (outside the lock, as callbacks may
     /// send again). False when none is pending.

@@ -14,12 +14,9 @@ namespace kt::testing {
 struct FirebaseCall {
     enum class Kind { event, screen, userIdentifier, userProperty, screenName };
     Kind kind;
-    /// Event name, screen name, user property name or user identifier.
     std::string name;
     AttributeDictionary parameters;
-    /// Set only for events logged through FirebaseAnalyticsWrapping.
     std::optional<bool> shouldIncludeExtraUserInfo;
-    /// User property value or screen class.
     std::string value;
 };
 
@@ -43,7 +40,6 @@ public:
     }
 
     std::vector<FirebaseCall> calls() const { std::lock_guard lock(mutex_); return calls_; }
-    /// (name, value) of every user property set, in order.
     std::vector<std::pair<std::string, std::string>> userProperties() const {
         std::vector<std::pair<std::string, std::string>> properties;
         for (const auto& call : calls())

@@ -33,14 +33,12 @@ public:
     }
 
     std::vector<LogRecord> records() const { std::lock_guard lock(mutex_); return records_; }
-    /// The messages, optionally only those of one level.
     std::vector<std::string> messages(std::optional<int> level = std::nullopt) const {
         std::vector<std::string> result;
         for (const auto& record : records())
             if (!level || record.level == *level) result.push_back(record.message);
         return result;
     }
-    /// True when some message contains `fragment`.
     bool contains(std::string_view fragment) const {
         for (const auto& message : messages())
             if (message.find(fragment) != std::string::npos) return true;

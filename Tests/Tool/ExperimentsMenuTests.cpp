@@ -84,7 +84,6 @@ TEST_F(ExperimentsMenuSessionTest, ArrowsWrapEachScreenKeepsItsCursorAndNumbersC
     EXPECT_EQ(session.cursor(), 3u);         // back on the row it came from
     EXPECT_EQ(FirebaseABManager(defaults).assignment<UpsellVariantExperiment>(), UpsellVariantExperiment::variantC);
 
-    // Numbers choose directly; out-of-range numbers are refused.
     session.handle(decodeKey("9"));
     EXPECT_EQ(screen().back(), "no choice 9 here");
     EXPECT_EQ(navigation->depth(), 1u);

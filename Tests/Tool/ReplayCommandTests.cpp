@@ -130,7 +130,6 @@ protected:
     // The address of a port that was just in use and is closed now.
     static std::string unreachable() { return startGateway()->baseURL(); }
 
-    // Replays `lines` against `gateway` with this test's state folder.
     testing::ToolRun replay(const std::vector<std::string>& lines, const std::string& gateway,
                             const std::vector<std::string>& options) {
         const fs::path file = directory / ("lines-" + std::to_string(files_++) + ".jsonl");

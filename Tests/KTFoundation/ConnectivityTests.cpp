@@ -1,6 +1,7 @@
 #include "KTFoundation/ConnectivityStateDetecting.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -11,12 +12,7 @@ namespace {
 NetworkInterfaceState up(std::string name, bool wireless = false) { return {std::move(name), true, false, true, wireless}; }
 
 TEST(ConnectivityTests, ReportsTheBestConnectionAndAnyTunnelAsTheVPN) {
-    const struct {
-        std::vector<NetworkInterfaceState> interfaces;
-        const char* description;
-        bool reachable;
-        bool vpn;
-    } cases[] = {
+    const std::tuple<std::vector<NetworkInterfaceState>, const char*, bool, bool> cases[] = {
         {{up("lo"), up("eth0"), up("wlan0")}, "wifi", true, false},  // wireless wins over wired
         {{up("wlp2s0")}, "wifi", true, false},
         {{up("radio0", true)}, "wifi", true, false},  // sysfs knows better than the name
@@ -30,12 +26,12 @@ TEST(ConnectivityTests, ReportsTheBestConnectionAndAnyTunnelAsTheVPN) {
         {{{"wlan0", false, false, true, false}, {"eth0", true, false, false, false}, {"tun0", false, false, true, false}},
          "none", false, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.interfaces.front().name);
-        const auto summary = summarizeInterfaces(c.interfaces);
-        EXPECT_EQ(summary.description, c.description);
-        EXPECT_EQ(summary.isNetworkReachable, c.reachable);
-        EXPECT_EQ(summary.isConnectedToVPN, c.vpn);
+    for (const auto& [interfaces, description, reachable, vpn] : cases) {
+        SCOPED_TRACE(interfaces.front().name);
+        const auto summary = summarizeInterfaces(interfaces);
+        EXPECT_EQ(summary.description, description);
+        EXPECT_EQ(summary.isNetworkReachable, reachable);
+        EXPECT_EQ(summary.isConnectedToVPN, vpn);
     }
 }
 

@@ -1,27 +1,25 @@
 #include "KTFoundation/Urn.h"
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 namespace kt {
 namespace {
 
 TEST(UrnTests, ParsesCollectionAndIdentifierAndRefusesTextThatIsNotAUrn) {
-    const struct {
-        const char* text;
-        const char* collection;
-        const char* identifier;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"quillarbor:tracks:123", "tracks", "123"},
         {"quillarbor:system-playlists:weekly-mix", "system-playlists", "weekly-mix"},
         // The identifier keeps inner colons.
         {"quillarbor:system-playlists:daily:quillarbor:users:7", "system-playlists", "daily:quillarbor:users:7"},
     };
-    for (const auto& c : cases) {
-        const auto urn = Urn::parse(c.text);
-        ASSERT_TRUE(urn.has_value()) << c.text;
-        EXPECT_EQ(urn->collection(), c.collection);
-        EXPECT_EQ(urn->identifier(), c.identifier);
-        EXPECT_EQ(urn->analyticsString(), c.text);
+    for (const auto& [text, collection, identifier] : cases) {
+        const auto urn = Urn::parse(text);
+        ASSERT_TRUE(urn.has_value()) << text;
+        EXPECT_EQ(urn->collection(), collection);
+        EXPECT_EQ(urn->identifier(), identifier);
+        EXPECT_EQ(urn->analyticsString(), text);
     }
     EXPECT_NE(Urn::parse("quillarbor:tracks:1"), Urn::parse("quillarbor:users:1"));
     for (const char* text : {

@@ -1,6 +1,7 @@
 #include "Platform/JSONSerialization.h"
 
 #include <limits>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -35,10 +36,7 @@ TEST(JSONSerializationTests, UnrepresentableValuesAnywhereAreErrorsNotNull) {
     const JSONSafeSerialization serialization;
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
-    const struct {
-        const char* what;
-        json value;
-    } cases[] = {
+    const std::tuple<const char*, json> cases[] = {
         {"NaN at the top", json(nan)},
         {"infinity deep in an array", json::array({1, json::array({json::object({{"v", inf}})})})},
         {"negative infinity in a dictionary", json::object({{"a", json::object({{"b", -inf}})}})},
@@ -47,12 +45,12 @@ TEST(JSONSerializationTests, UnrepresentableValuesAnywhereAreErrorsNotNull) {
         {"a date", json::object({{"when", value::date(Date{})}})},
         {"raw data in an array", json::array({value::data({1, 2, 3})})},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, value] : cases) {
+        SCOPED_TRACE(what);
         std::string error;
-        EXPECT_FALSE(serialization.dataWithJSONObject(c.value, &error));
+        EXPECT_FALSE(serialization.dataWithJSONObject(value, &error));
         EXPECT_FALSE(error.empty());
-        EXPECT_FALSE(serialization.isValidJSONObject(c.value));
+        EXPECT_FALSE(serialization.isValidJSONObject(value));
     }
 }
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
+#include <tuple>
 
 #include "Firebase/FirebaseABExperiments.h"
 #include "Firebase/FirebaseABManagerMenuViewController.h"
@@ -17,12 +17,7 @@ namespace {
 
 // Terminals send arrows as escape sequences that may arrive split over several reads.
 TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
-    const struct {
-        const char* input;
-        bool moreMayFollow;
-        MenuKey key;
-        std::size_t length;
-    } cases[] = {
+    const std::tuple<const char*, bool, MenuKey, std::size_t> cases[] = {
         {"\x1b[A", true, MenuKey::up, 3},
         {"\x1b[B", true, MenuKey::down, 3},
         {"\x1b[C", true, MenuKey::enter, 3},
@@ -40,11 +35,11 @@ TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
         {"\x1b", true, MenuKey::incomplete, 0},       {"\x1b[", true, MenuKey::incomplete, 0},
         {"\x1b[1;5", true, MenuKey::incomplete, 0},   {"\x1bO", true, MenuKey::incomplete, 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::PrintToString(std::string(c.input)) + (c.moreMayFollow ? "" : ", quiet"));
-        const DecodedKey decoded = decodeKey(c.input, c.moreMayFollow);
-        EXPECT_EQ(decoded.key, c.key);
-        EXPECT_EQ(decoded.length, c.length);
+    for (const auto& [input, moreMayFollow, key, length] : cases) {
+        SCOPED_TRACE(::testing::PrintToString(std::string(input)) + (moreMayFollow ? "" : ", quiet"));
+        const DecodedKey decoded = decodeKey(input, moreMayFollow);
+        EXPECT_EQ(decoded.key, key);
+        EXPECT_EQ(decoded.length, length);
     }
 }
 

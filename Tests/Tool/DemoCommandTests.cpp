@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <set>
-
-#include "Commands/DemoSession.h"
 #include "Support/TemporaryDirectory.h"
 #include "Tool/ToolProcess.h"
 
@@ -21,19 +18,6 @@ TEST(DemoCommandTests, DeliversEverythingDespiteFailuresAndReportsEveryDestinati
                              "dev_ab_price_test", "promoted URLs", "/track/impression 9", "52hk3r (first play)",
                              "ufnrob (fifth play)", "Result: everything that should arrive arrived"})
         EXPECT_NE(run.out.find(line), std::string::npos) << line << "\n" << run.out;
-}
-
-TEST(DemoSessionTests, TheSameSeedGivesTheSameSessionOfDistinctEvents) {
-    const auto first = makeDemoSession(300, 11);
-    const auto second = makeDemoSession(300, 11);
-    ASSERT_EQ(first.size(), 300u);
-    std::set<std::string> ids;
-    for (std::size_t i = 0; i < first.size(); ++i) {
-        EXPECT_EQ(first[i]->name(), second[i]->name());
-        ASSERT_NE(first[i]->attributes(), nullptr);
-        ids.insert((*first[i]->attributes())["client_event_id"].get<std::string>());
-    }
-    EXPECT_EQ(ids.size(), first.size()) << "identical events would collapse into one stored file";
 }
 
 }  // namespace

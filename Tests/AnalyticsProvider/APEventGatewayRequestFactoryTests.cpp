@@ -53,8 +53,7 @@ TEST_F(APEventGatewayRequestFactoryTests, AGzippedPostOfTheGatewayElementsWithTh
     EXPECT_EQ(request->url, "http://127.0.0.1:8080/v1/events");
     EXPECT_EQ(request->method, "POST");
     EXPECT_EQ(request->headers, (Headers{{"User-Agent", "KTAnalyticsTests/1.0 (Linux)"},
-                                         {"Content-Type", "application/json"},
-                                         {"Content-Encoding", "gzip"},
+                                         {"Content-Type", "application/json"}, {"Content-Encoding", "gzip"},
                                          {"Authorization", "Bearer token-123"}}));
     EXPECT_TRUE(GzipCodec::isGzippedData(request->body));
     EXPECT_EQ(decodedBody(*request), elements);
@@ -69,8 +68,7 @@ TEST_F(APEventGatewayRequestFactoryTests, AGzippedPostOfTheGatewayElementsWithTh
 
 TEST_F(APEventGatewayRequestFactoryTests, ThePathIsAppendedToAnyBase) {
     for (const auto& [base, url] : std::vector<std::pair<std::string, std::string>>{
-             {"http://h:8080/", "http://h:8080/v1/events"},
-             {"https://h/api", "https://h/api/v1/events"},
+             {"http://h:8080/", "http://h:8080/v1/events"}, {"https://h/api", "https://h/api/v1/events"},
              {"https://h/api/?x=1", "https://h/api/v1/events?x=1"}})
         EXPECT_EQ(factory(false, base).requestForEvents(batch)->url, url);
 }

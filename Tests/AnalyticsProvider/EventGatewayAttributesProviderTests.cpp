@@ -63,14 +63,11 @@ TEST_F(EventGatewayAttributesProviderTest, GivesAnAttributeForEachSourceWithAVal
     connectivity->description = "ethernet";
     seconds += 2.0;
     const auto attributes = makeProvider({"b-2", "a-1", "c 3"})->baseAttributes(*event("pageview"));
-    EXPECT_EQ(attributes, (AttributeDictionary{{"client_id", 42},
-                                               {"anonymous_id", "anon-1"},
+    EXPECT_EQ(attributes, (AttributeDictionary{{"client_id", 42}, {"anonymous_id", "anon-1"},
                                                {"analytics_id", "analytics-1"},
                                                {"session_id", "CDCDCDCD-CDCD-CDCD-CDCD-CDCDCDCDCD02"},
-                                               {"connection_type", "ethernet"},
-                                               {"ts", 1700000002250},
-                                               {"user", "quillarbor:users:7"},
-                                               {"part_of_variants", "b-2,a-1,c 3"}}));
+                                               {"connection_type", "ethernet"}, {"ts", 1700000002250},
+                                               {"user", "quillarbor:users:7"}, {"part_of_variants", "b-2,a-1,c 3"}}));
     EXPECT_TRUE(attributes["client_id"].is_number_integer());
     EXPECT_TRUE(attributes["ts"].is_number_integer());
     EXPECT_EQ(makeProvider({"only"})->baseAttributes(*event("x"))["part_of_variants"], "only");

@@ -113,11 +113,8 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
     for (const auto& entry : fs::recursive_directory_iterator(state))
         modes[entry.path().extension() == ".event" ? "cache/events/<event>" : fs::relative(entry.path(), state).native()] =
             mode(entry.path());
-    EXPECT_EQ(modes, (std::map<std::string, int>{{".", 0700},
-                                                 {"cache", 0700},
-                                                 {"cache/events", 0700},
-                                                 {"cache/events/<event>", 0600},
-                                                 {"defaults.sqlite3", 0600},
+    EXPECT_EQ(modes, (std::map<std::string, int>{{".", 0700}, {"cache", 0700}, {"cache/events", 0700},
+                                                 {"cache/events/<event>", 0600}, {"defaults.sqlite3", 0600},
                                                  {"requests.sqlite3", 0600}}));
 }
 
@@ -177,10 +174,8 @@ TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipel
     EXPECT_EQ(recorded[0]["event"], "like");
     auto payload = recorded[0]["payload"];
     EXPECT_EQ(payload.erase("ts") + payload.erase("anonymous_id"), 2u);  // their values vary
-    EXPECT_EQ(payload, (AttributeDictionary{{"track", "quillarbor:tracks:1"},
-                                            {"client_id", 42},
-                                            {"user", "quillarbor:users:7"},
-                                            {"connection_type", "wifi"},
+    EXPECT_EQ(payload, (AttributeDictionary{{"track", "quillarbor:tracks:1"}, {"client_id", 42},
+                                            {"user", "quillarbor:users:7"}, {"connection_type", "wifi"},
                                             {"session_id", stack->sessionIdProvider()->getSessionId().uuidString()}}));
     EXPECT_EQ(eventFiles(stack->eventSerializer()->cacheDirectory()), 1u);
     const auto unused = techLogger->eventsNamed("unused_event");

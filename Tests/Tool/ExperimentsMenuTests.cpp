@@ -18,10 +18,8 @@ namespace {
 // Terminals send arrows as escape sequences that may arrive split over several reads.
 TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
     const std::tuple<const char*, bool, MenuKey, std::size_t> cases[] = {
-        {"\x1b[A", true, MenuKey::up, 3},
-        {"\x1b[B", true, MenuKey::down, 3},
-        {"\x1b[C", true, MenuKey::enter, 3},
-        {"\x1b[D", true, MenuKey::back, 3},
+        {"\x1b[A", true, MenuKey::up, 3},    {"\x1b[B", true, MenuKey::down, 3},
+        {"\x1b[C", true, MenuKey::enter, 3}, {"\x1b[D", true, MenuKey::back, 3},
         {"\x1bOA", true, MenuKey::up, 3},             // application cursor mode
         {"\x1bOB\x1bOA", true, MenuKey::down, 3},     // only the first key is decoded
         {"\x1b[1;5B", true, MenuKey::down, 6},        // with a modifier
@@ -29,8 +27,7 @@ TEST(DecodeKey, EscapeSequencesAreDecodedWholeOrWaitedFor) {
         {"\x1b[\x01", true, MenuKey::ignored, 2},     // malformed: dropped up to the stray byte
         {"\x1bq", true, MenuKey::back, 1},            // Escape, then q
         {"\x1b", false, MenuKey::back, 1},            // the Escape key, once the terminal went quiet
-        {"\x1b[1;5", false, MenuKey::ignored, 5},
-        {"2q", true, MenuKey::digit, 1},
+        {"\x1b[1;5", false, MenuKey::ignored, 5},   {"2q", true, MenuKey::digit, 1},
         {"", true, MenuKey::incomplete, 0},           // unfinished: wait for more
         {"\x1b", true, MenuKey::incomplete, 0},       {"\x1b[", true, MenuKey::incomplete, 0},
         {"\x1b[1;5", true, MenuKey::incomplete, 0},   {"\x1bO", true, MenuKey::incomplete, 0},

@@ -1,6 +1,7 @@
 #include "Analytics/FirebaseAnalyticsController.h"
 
 #include <atomic>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -70,12 +71,7 @@ TEST_F(FirebaseAnalyticsControllerTest, ForwardsWhatEachOperationWasGiven) {
     ASSERT_EQ(calls.size(), 5u);
     using Kind = FirebaseCall::Kind;
     // Plain named events always ask for extra user information; events carry their own flag.
-    const struct {
-        Kind kind;
-        const char* name;
-        AttributeDictionary parameters;
-        std::optional<bool> extraUserInfo;
-    } expected[] = {
+    const std::tuple<Kind, const char*, AttributeDictionary, std::optional<bool>> expected[] = {
         {Kind::event, "a", {{"x", 1}, {"y", "z"}}, true},
         {Kind::event, "braced", value::dictionary(), true},
         {Kind::event, "b", {{"has_caption", false}}, false},
@@ -83,13 +79,12 @@ TEST_F(FirebaseAnalyticsControllerTest, ForwardsWhatEachOperationWasGiven) {
         {Kind::screen, "Home", value::dictionary(), std::nullopt},
     };
     for (std::size_t i = 0; i < calls.size(); ++i) {
-        SCOPED_TRACE(expected[i].name);
-        EXPECT_EQ(calls[i].kind, expected[i].kind);
-        EXPECT_EQ(calls[i].name, expected[i].name);
-        if (calls[i].kind == Kind::event) {
-            EXPECT_EQ(calls[i].parameters.dump(), expected[i].parameters.dump());
-        }
-        EXPECT_EQ(calls[i].shouldIncludeExtraUserInfo, expected[i].extraUserInfo);
+        const auto& [kind, name, parameters, extraUserInfo] = expected[i];
+        SCOPED_TRACE(name);
+        EXPECT_EQ(calls[i].kind, kind);
+        EXPECT_EQ(calls[i].name, name);
+        if (kind == Kind::event) EXPECT_EQ(calls[i].parameters.dump(), parameters.dump());
+        EXPECT_EQ(calls[i].shouldIncludeExtraUserInfo, extraUserInfo);
     }
 }
 

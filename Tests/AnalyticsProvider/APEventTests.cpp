@@ -1,3 +1,5 @@
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 #include "AnalyticsProvider/APEvent.h"
@@ -94,12 +96,7 @@ TEST(APEventBuilderTests, AddAttributeTakesTheFiveKindsAndTheRestIsFatal) {
 
 // Reports carry it: only non-empty strings of the relevant keys and the extra ones asked for.
 TEST(APEventFormatterTests, ShortDescriptions) {
-    struct Case {
-        std::shared_ptr<const APEvent> event;
-        std::vector<std::string> extraKeys;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<std::shared_ptr<const APEvent>, std::vector<std::string>, std::string>> cases = {
         {APEvent::make("click", AttributeDictionary{{"page_name", "stream:main"}, {"click_name", 3}, {"source", ""},
                                                     {"action", nullptr}, {"unrelated", "hidden"}}),
          {}, "click {page_name = stream:main}"},
@@ -109,8 +106,8 @@ TEST(APEventFormatterTests, ShortDescriptions) {
          "audio {page_name = tracks:player; pause_reason = user; track = quillarbor:tracks:1}"},
         {APEvent::make("foreground", std::nullopt), {}, "foreground {}"},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(APEventFormatter::shortDescriptionForEvent(*c.event, c.extraKeys), c.expected);
+    for (const auto& [event, extraKeys, expected] : cases)
+        EXPECT_EQ(APEventFormatter::shortDescriptionForEvent(*event, extraKeys), expected);
 }
 
 }  // namespace

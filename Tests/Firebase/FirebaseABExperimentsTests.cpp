@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <unordered_set>
 
 namespace kt {
@@ -12,12 +13,7 @@ using Variants = std::vector<std::string>;
 // The remote-config keys and variant names are what the experiment dashboards are set up
 // with: the whole catalogue, in order.
 TEST(FirebaseABExperimentProvider, CatalogueListsEachExperimentWithItsKeysAndVariants) {
-    const struct {
-        FirebaseABExperimentType type;
-        const char* id;
-        std::optional<std::string> remoteValueId;
-        Variants variants;
-    } expected[] = {
+    const std::tuple<FirebaseABExperimentType, const char*, std::optional<std::string>, Variants> expected[] = {
         {FirebaseABExperimentType::of<PriceTestExperiment>(), "dev_ab_price_test", std::nullopt,
          {"control", "discountedPrice"}},
         {FirebaseABExperimentType::of<GracePeriodExperiment>(), "dev_ab_offline_sync_grace_period_test",
@@ -30,12 +26,13 @@ TEST(FirebaseABExperimentProvider, CatalogueListsEachExperimentWithItsKeysAndVar
     const auto all = FirebaseABExperimentProvider::all();
     ASSERT_EQ(all.size(), std::size(expected));
     for (std::size_t i = 0; i < all.size(); ++i) {
-        SCOPED_TRACE(expected[i].id);
-        EXPECT_EQ(all[i], expected[i].type);
-        EXPECT_EQ(all[i].id(), expected[i].id);
-        EXPECT_EQ(all[i].remoteValueId(), expected[i].remoteValueId);
-        EXPECT_EQ(all[i].allVariants(), expected[i].variants);
-        for (const auto& variant : expected[i].variants) EXPECT_TRUE(all[i].isRawValue(variant)) << variant;
+        const auto& [type, id, remoteValueId, variants] = expected[i];
+        SCOPED_TRACE(id);
+        EXPECT_EQ(all[i], type);
+        EXPECT_EQ(all[i].id(), id);
+        EXPECT_EQ(all[i].remoteValueId(), remoteValueId);
+        EXPECT_EQ(all[i].allVariants(), variants);
+        for (const auto& variant : variants) EXPECT_TRUE(all[i].isRawValue(variant)) << variant;
     }
 }
 

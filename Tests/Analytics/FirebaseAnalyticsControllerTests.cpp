@@ -83,7 +83,9 @@ TEST_F(FirebaseAnalyticsControllerTest, ForwardsWhatEachOperationWasGiven) {
         SCOPED_TRACE(name);
         EXPECT_EQ(calls[i].kind, kind);
         EXPECT_EQ(calls[i].name, name);
-        if (kind == Kind::event) EXPECT_EQ(calls[i].parameters.dump(), parameters.dump());
+        if (kind == Kind::event) {
+            EXPECT_EQ(calls[i].parameters.dump(), parameters.dump());
+        }
         EXPECT_EQ(calls[i].shouldIncludeExtraUserInfo, extraUserInfo);
     }
 }

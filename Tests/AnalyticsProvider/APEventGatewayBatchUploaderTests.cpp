@@ -5,6 +5,7 @@
 #include <fstream>
 #include <limits>
 #include <set>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -302,12 +303,10 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
         return v;
     };
     using Uploader = std::shared_ptr<APEventGatewayBatchUploader>;
-    struct Case {
-        const char* name;
-        std::function<void(APEventGatewayBatchUploaderTests&, const Uploader&)> act;
-        std::optional<APEventDropReason> reason;  // none: delivered
-    };
-    const std::vector<Case> cases = {
+    // (case, what happens, the reason it is dropped for or none when delivered)
+    const std::vector<std::tuple<const char*, std::function<void(APEventGatewayBatchUploaderTests&, const Uploader&)>,
+                                 std::optional<APEventDropReason>>>
+        cases = {
         // A third failure and a rejection have tests of their own above.
         {"not JSON", [](auto& t, const auto& u) { t.upload(u, event(1, std::numeric_limits<double>::infinity())); },
          APEventDropReason::notRepresentable},
@@ -336,20 +335,20 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
         {"deepest accepted", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(255))), t.respond(0); },
          std::nullopt},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, act, reason] : cases) {
+        SCOPED_TRACE(name);
         std::filesystem::remove_all(temp / "events");
         useStore();
         requestQueue = std::make_shared<testing::FakeRequestQueue>();
         auto uploader = makeUploader(1, false);
-        c.act(*this, uploader);
+        act(*this, uploader);
         const auto stats = uploader->statistics();
-        if (c.reason) {
-            EXPECT_EQ(stats.dropped(*c.reason), 1u);
+        if (reason) {
+            EXPECT_EQ(stats.dropped(*reason), 1u);
         }
-        EXPECT_EQ(stats.dropped(), c.reason ? 1u : 0u);
+        EXPECT_EQ(stats.dropped(), reason ? 1u : 0u);
         EXPECT_EQ(stats.waiting, 0u);
-        EXPECT_EQ(stats.delivered, c.reason ? 0u : 1u);
+        EXPECT_EQ(stats.delivered, reason ? 0u : 1u);
     }
 }
 

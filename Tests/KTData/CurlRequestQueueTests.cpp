@@ -67,7 +67,9 @@ TEST(CurlRequestQueueTests, aRefusedConnectionAnUnsendableURLOrASilentServerIsCo
     const std::string url = closed.url();
     closed.close();  // nothing listens on that port any more
 
-    CurlRequestQueue queue({.totalTimeout = 200ms}, nullptr, nullptr);
+    CurlRequestQueue::Configuration configuration;
+    configuration.totalTimeout = 200ms;
+    CurlRequestQueue queue(configuration, nullptr, nullptr);
     testing::ResultCollector results;
     int key = 0;
     for (const auto& target : {url, std::string("file:///etc/passwd"), std::string("not a url at all")})
@@ -84,9 +86,11 @@ TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCall
     LoopbackSocket silent(true);
     testing::ResultCollector results, postedDuringShutdown;
     {
-        // Only the shutdown ends these transfers; with two at a time some wait, never started.
-        CurlRequestQueue queue({.totalTimeout = 10min, .shutdownTimeout = 50ms, .maximumConcurrentRequests = 2},
-                               nullptr, nullptr);
+        CurlRequestQueue::Configuration configuration;
+        configuration.totalTimeout = 10min;  // only the shutdown ends these transfers
+        configuration.shutdownTimeout = 50ms;
+        configuration.maximumConcurrentRequests = 2;  // some wait, never started
+        CurlRequestQueue queue(configuration, nullptr, nullptr);
         for (int i = 0; i < 4; ++i) queue.sendRequest(postTo(silent.url()), results.callback(i));
         queue.sendRequest(postTo(silent.url()), [&queue, &postedDuringShutdown, &results](int code) {
             queue.sendRequest(postTo("http://127.0.0.1:1/"), postedDuringShutdown.callback(0));

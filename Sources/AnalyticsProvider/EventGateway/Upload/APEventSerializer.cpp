@@ -27,7 +27,8 @@ constexpr const char* kFile = "Sources/AnalyticsProvider/EventGateway/Upload/APE
 constexpr const char* kDotExtension = ".event";
 constexpr const char* kRetryCountFileExtension = ".retry";
 constexpr const char* kSparePrefix = ".spare.";
-constexpr std::size_t kMaximumSpareFiles = 512;
+// Empty files cost an inode each and no data blocks.
+constexpr std::size_t kMaximumSpareFiles = 20000;
 // An event archive is around a kilobyte; anything far larger in the folder is not ours and
 // is treated as undecodable rather than read into memory.
 constexpr std::uintmax_t kMaximumEventFileSize = 16u * 1024u * 1024u;
@@ -269,9 +270,14 @@ void APEventSerializer::removeStaleTemporaryFiles() {
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cacheDirectory_, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().native();
-        // Spare files of an earlier process hold old events: they go at once.
+        // Spare files of an earlier process are taken over (emptied first, in case it
+        // was killed between the rename and the truncation).
         if (name.starts_with(kSparePrefix)) {
-            ::unlink(it->path().c_str());
+            if (spareFiles_.size() < kMaximumSpareFiles && it->is_regular_file(ec) && !ec &&
+                ::truncate(it->path().c_str(), 0) == 0)
+                spareFiles_.push_back(it->path().native());
+            else
+                ::unlink(it->path().c_str());
             continue;
         }
         // ".<sha1>.event.XXXXXX" and ".<sha1>.retry.XXXXXX"
@@ -323,16 +329,21 @@ std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::
 
 bool APEventSerializer::removeEventFile(const fs::path& url, int& error, bool keepAsSpare) {
     // Creating a file costs most when the file system must also find a free inode among
-    // many just deleted (ext4 skips recently freed ones), so a deleted event's file is kept,
-    // hidden, for the next event to be written into. At most kMaximumSpareFiles are kept,
-    // and they are removed when the store goes (or, after a crash, at the next start).
+    // many just deleted (ext4 skips inodes freed in the last minutes), so a deleted event's
+    // file is kept, hidden and empty, for the next event to be written into. At most
+    // kMaximumSpareFiles are kept; they are removed when the store goes and taken over by
+    // the next start after a crash.
     bool removed = false;
     if (keepAsSpare && spareFiles_.size() < kMaximumSpareFiles) {
         std::string spare = (cacheDirectory_ / (kSparePrefix + std::to_string(::getpid()) + "." +
                                                 std::to_string(nextSpare_++)))
                                 .native();
         removed = ::rename(url.c_str(), spare.c_str()) == 0;
-        if (removed) spareFiles_.push_back(std::move(spare));
+        if (removed) {
+            // Emptied at once: a delivered event's bytes do not linger on disk.
+            ::truncate(spare.c_str(), 0);
+            spareFiles_.push_back(std::move(spare));
+        }
     } else {
         removed = ::unlink(url.c_str()) == 0;
     }

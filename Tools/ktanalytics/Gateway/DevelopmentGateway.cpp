@@ -409,53 +409,50 @@ struct DevelopmentGateway::Impl {
         return ok;
     }
 
-    // The newest `limit` events, oldest first; older ones are left out once the payloads and
-    // headers taken pass `byteBudget` (the newest is always taken).
-    std::vector<StoredEvent> lastEvents(std::size_t limit, std::size_t byteBudget) const {
-        std::vector<StoredEvent> result;
+    // Runs `sql` (newest first, one `LIMIT ?`) and hands each row to `row` until it returns
+    // false; the rows kept come back oldest first.
+    template <class Row, class Take>
+    std::vector<Row> newestRows(const char* sql, std::size_t limit, Take take) const {
+        std::vector<Row> result;
         std::lock_guard lock(dbMutex);
         if (db == nullptr) return result;
         sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT event, version, payload, headers, received_at FROM events "
-                                   "ORDER BY id DESC LIMIT ?",
-                               -1, &s, nullptr) != SQLITE_OK)
-            return result;
+        if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) != SQLITE_OK) return result;
         sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
         auto text = [s](int column) {
             const auto* t = sqlite3_column_text(s, column);
             return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
         };
-        std::size_t taken = 0;
-        while (sqlite3_step(s) == SQLITE_ROW) {
-            const std::size_t size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2)) +
-                                     static_cast<std::size_t>(sqlite3_column_bytes(s, 3));
-            if (!result.empty() && taken + size > byteBudget) break;
-            taken += size;
-            result.push_back(StoredEvent{text(0), text(1), text(2), text(3), text(4)});
+        while (sqlite3_step(s) == SQLITE_ROW && take(s, text, result)) {
         }
         sqlite3_finalize(s);
         std::reverse(result.begin(), result.end());
         return result;
     }
 
+    // The newest `limit` events, oldest first; older ones are left out once the payloads and
+    // headers taken pass `byteBudget` (the newest is always taken).
+    std::vector<StoredEvent> lastEvents(std::size_t limit, std::size_t byteBudget) const {
+        std::size_t taken = 0;
+        return newestRows<StoredEvent>(
+            "SELECT event, version, payload, headers, received_at FROM events ORDER BY id DESC LIMIT ?", limit,
+            [&](sqlite3_stmt* s, auto& text, std::vector<StoredEvent>& result) {
+                const std::size_t size = static_cast<std::size_t>(sqlite3_column_bytes(s, 2)) +
+                                         static_cast<std::size_t>(sqlite3_column_bytes(s, 3));
+                if (!result.empty() && taken + size > byteBudget) return false;
+                taken += size;
+                result.push_back(StoredEvent{text(0), text(1), text(2), text(3), text(4)});
+                return true;
+            });
+    }
+
     std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const {
-        std::vector<StoredTrackingRequest> result;
-        std::lock_guard lock(dbMutex);
-        if (db == nullptr) return result;
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(db, "SELECT method, target, headers, received_at FROM tracking_requests "
-                                   "ORDER BY id DESC LIMIT ?",
-                               -1, &s, nullptr) != SQLITE_OK)
-            return result;
-        sqlite3_bind_int64(s, 1, static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
-        auto text = [s](int column) {
-            const auto* t = sqlite3_column_text(s, column);
-            return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
-        };
-        while (sqlite3_step(s) == SQLITE_ROW) result.push_back({text(0), text(1), text(2), text(3)});
-        sqlite3_finalize(s);
-        std::reverse(result.begin(), result.end());
-        return result;
+        return newestRows<StoredTrackingRequest>(
+            "SELECT method, target, headers, received_at FROM tracking_requests ORDER BY id DESC LIMIT ?", limit,
+            [](sqlite3_stmt*, auto& text, std::vector<StoredTrackingRequest>& result) {
+                result.push_back({text(0), text(1), text(2), text(3)});
+                return true;
+            });
     }
 
     void handleUpload(const httplib::Request& request, httplib::Response& response,
@@ -539,18 +536,26 @@ struct DevelopmentGateway::Impl {
         response.status = 200;
     }
 
-    void handleTrackingListing(const httplib::Request& request, httplib::Response& response) {
+    // The `limit` of a listing; nullopt, with the 400 answered, when it is not 0 to 1,000.
+    std::optional<std::size_t> listingLimit(const httplib::Request& request, httplib::Response& response) const {
         std::size_t limit = kDefaultEventsLimit;
         if (request.has_param("limit")) {
             const std::string text = request.get_param_value("limit");
             const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), limit);
-            if (ec != std::errc() || end != text.data() + text.size() || text.empty() || limit > kMaximumEventsLimit)
-                return answerJSON(response, 400,
-                                  json{{"error", "limit must be an integer from 0 to " +
-                                                     std::to_string(kMaximumEventsLimit)}});
+            if (ec != std::errc() || end != text.data() + text.size() || text.empty() || limit > kMaximumEventsLimit) {
+                answerJSON(response, 400,
+                           json{{"error", "limit must be an integer from 0 to " + std::to_string(kMaximumEventsLimit)}});
+                return std::nullopt;
+            }
         }
+        return limit;
+    }
+
+    void handleTrackingListing(const httplib::Request& request, httplib::Response& response) {
+        const auto limit = listingLimit(request, response);
+        if (!limit) return;
         json listing = json::array();
-        for (const auto& r : lastTrackingRequests(limit)) {
+        for (const auto& r : lastTrackingRequests(*limit)) {
             json headers = json::parse(r.headers, nullptr, false);
             listing.push_back(json{{"method", r.method},
                                    {"target", r.target},
@@ -582,19 +587,12 @@ struct DevelopmentGateway::Impl {
     }
 
     void handleEvents(const httplib::Request& request, httplib::Response& response) {
-        std::size_t limit = kDefaultEventsLimit;
-        if (request.has_param("limit")) {
-            const std::string text = request.get_param_value("limit");
-            const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), limit);
-            if (ec != std::errc() || end != text.data() + text.size() || text.empty() || limit > kMaximumEventsLimit)
-                return answerJSON(response, 400,
-                                  json{{"error", "limit must be an integer from 0 to " +
-                                                     std::to_string(kMaximumEventsLimit)}});
-        }
+        const auto limit = listingLimit(request, response);
+        if (!limit) return;
         // Payloads go out as stored (JSON written by this gateway) rather than parsed and
         // written again, which would take many times their size in memory.
         std::string body = "[";
-        for (const StoredEvent& e : lastEvents(limit, configuration.maxListingBytes)) {
+        for (const StoredEvent& e : lastEvents(*limit, configuration.maxListingBytes)) {
             json headers = json::parse(e.headers, nullptr, false);
             if (headers.is_discarded()) headers = nullptr;
             // Databases written before credentials were masked may still hold their values.

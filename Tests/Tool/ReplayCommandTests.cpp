@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -283,6 +284,24 @@ TEST_F(ReplayToolTests, theTokenComesFromTheCommandLineAFileOrTheEnvironment) {
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_EQ(json::parse(rows[0].headers)["Authorization"], "present");
     EXPECT_EQ(json::parse(rows[0].payload)["client_id"], 1) << "the default client id, for the User-Agent";
+}
+
+// Promoted URLs are fired through the durable uploader and the milestones reported, in order.
+TEST_F(ReplayToolTests, promotedURLsAreFiredAndAttributionTokensReported) {
+    auto gateway = startGateway();
+    const auto url = [&](const char* path) { return json{{"url", gateway->baseURL() + path}}; };
+    const auto run = replay({json{{"name", "promoted_event"}, {"attributes", url("/track/impression/1")}}.dump(),
+                             R"({"name": "like"})", R"({"name": "click", "attributes": {"click_name": "follow::add"}})",
+                             R"({"name": "audio", "attributes": {"action": "play", "in_playlist": "quillarbor:system-playlists:7"}})",
+                             json{{"name", "promoted_event"}, {"attributes", url("/track/click/1")}}.dump(),
+                             R"({"name": "promoted_event", "attributes": {"no_url": true}})"},
+                            gateway->baseURL(), {"--timeout", "20"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    const json summary = summaryOf(run);
+    EXPECT_EQ(summary["promoted"], json::parse(R"({"fired":2,"delivered":2,"waiting":0,"given_up":0})"));
+    EXPECT_EQ(summary["attribution_tokens"], json::parse(R"(["k4tq7v","31x905","pqdse2"])"));
+    EXPECT_EQ(gateway->stats().trackingByPrefix,
+              (std::map<std::string, std::uint64_t>{{"/track/click", 1}, {"/track/impression", 1}}));
 }
 
 TEST_F(ReplayToolTests, aRunThatCannotStartSaysWhyAndExitsWithTwo) {

@@ -3,10 +3,12 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -270,9 +272,11 @@ void APEventSerializer::removeStaleTemporaryFiles() {
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cacheDirectory_, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().native();
-        // Spare files of an earlier process are taken over (emptied first, in case it
-        // was killed between the rename and the truncation).
+        // Spare files of a process that has ended are taken over (emptied first, in case
+        // it was killed between the rename and the truncation); a running one's are its own.
         if (name.starts_with(kSparePrefix)) {
+            const long owner = std::strtol(name.c_str() + std::strlen(kSparePrefix), nullptr, 10);
+            if (owner > 0 && owner != ::getpid() && ::kill(static_cast<pid_t>(owner), 0) == 0) continue;
             if (spareFiles_.size() < kMaximumSpareFiles && it->is_regular_file(ec) && !ec &&
                 ::truncate(it->path().c_str(), 0) == 0)
                 spareFiles_.push_back(it->path().native());

@@ -21,6 +21,13 @@
 #include <fstream>
 
 #include "AnalyticsProvider/APEvent.h"
+#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTData/RequestQueue.h"
+#include "KTFoundation/DependencyRegistry.h"
+#include "Platform/SerialQueue.h"
 #include "BenchmarkSupport.h"
 #include "Gateway/DevelopmentGateway.h"
 
@@ -131,6 +138,53 @@ void BM_Upload10000StoredEventsToABareSink(benchmark::State& state) {
     serving.join();
 }
 
+// Holds every request it is given and answers none: what is measured is building them.
+class HoldingRequestQueue final : public RequestQueueing {
+public:
+    bool isNetworkReachable() const override { return true; }
+    void sendRequest(HTTPRequest request, ResultCallback) override { held.push_back(std::move(request)); }
+    std::vector<HTTPRequest> held;
+};
+
+// Building the one request for 10,000 stored events (reading them back, writing and
+// compressing the body), on the benchmark's own thread: the peak memory of that alone.
+void BM_BuildTheRequestFor10000StoredEvents(benchmark::State& state) {
+    long peakGrowth = 0;
+    std::uint64_t gzipped = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        ScratchDirectory directory("kt-bench-build");
+        storeEvents(directory.path() / "state", state);
+        DependencyRegistry dependencies;
+        auto serializer = std::make_shared<APEventSerializer>(
+            AnalyticsStack::eventsDirectory(directory.path() / "state"), nullptr);
+        auto factory = std::make_shared<APEventGatewayRequestFactory>(
+            "http://127.0.0.1:9", std::make_shared<AnalyticsAttributeRegistry>(dependencies), JSONSafeSerialization(),
+            nullptr, APEventGatewayRequestFactory::DateFormatter{}, true);
+        auto requests = std::make_shared<HoldingRequestQueue>();
+        auto queue = std::make_shared<VirtualTimeSerialQueue>();
+        auto uploader = APEventGatewayBatchUploader::make(serializer, factory, requests, {}, 1'000'000, nullptr, queue,
+                                                          nullptr, false, nullptr);
+        resetPeakResident();
+        const long residentBefore = maxResidentKilobytes();
+        state.ResumeTiming();
+
+        uploader->flush();
+        queue->runUntilIdle();
+
+        state.PauseTiming();
+        peakGrowth = std::max(peakGrowth, maxResidentKilobytes() - residentBefore);
+        if (requests->held.size() != 1 || uploader->statistics().inFlight != static_cast<std::uint64_t>(kStoredEvents))
+            state.SkipWithError("not one request for every stored event");
+        else
+            gzipped = requests->held[0].body.size();
+        state.ResumeTiming();
+    }
+    state.counters["peak_rss_growth_MiB"] = static_cast<double>(peakGrowth) / 1024.0;
+    state.counters["body_gzip_KiB"] = static_cast<double>(gzipped) / 1024.0;
+}
+
+BENCHMARK(BM_BuildTheRequestFor10000StoredEvents)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Upload10000StoredEvents)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_Upload10000StoredEventsToABareSink)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -100,6 +100,8 @@ awk -F, '
     }
     n = "BM_Upload10000StoredEvents/iterations:3/real_time"
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB (gzip %.0f KiB of %.0f KiB)\n", "upload 10,000 stored events to the development gateway", fmt_time(real[n], unit[n]), rss[n], gz[n], raw[n]
+    n = "BM_BuildTheRequestFor10000StoredEvents/iterations:3/real_time"
+    if (n in real) printf "%-58s %s, peak RSS +%.1f MiB   (target: at most +16 MiB)\n", "build the request for 10,000 stored events", fmt_time(real[n], unit[n]), rss[n]
     n = "BM_Upload10000StoredEventsToABareSink/iterations:3/real_time"
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB\n", "the same to a bare sink (the SDK alone)", fmt_time(real[n], unit[n]), rss[n]
   }

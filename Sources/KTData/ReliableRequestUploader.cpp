@@ -14,10 +14,10 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
-#include "Platform/OwnerOnlyFiles.h"
-
 #include "KTFoundation/LogMacros.h"
+#include "Platform/Backoff.h"
 #include "Platform/Fatal.h"
+#include "Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 
@@ -139,14 +139,6 @@ struct ReliableRequestUploader::State {
         step("DELETE FROM requests WHERE id = ?", [id](sqlite3_stmt* s) { sqlite3_bind_int64(s, 1, id); });
     }
 
-    std::chrono::milliseconds retryDelay(int attempts) {
-        auto delay = configuration.firstRetryDelay;
-        for (int i = 1; i < attempts && delay < configuration.longestRetryDelay; ++i) delay *= 2;
-        delay = std::min(delay, configuration.longestRetryDelay);
-        std::uniform_real_distribution<double> spread(0.8, 1.2);
-        return std::chrono::milliseconds(static_cast<std::int64_t>(static_cast<double>(delay.count()) * spread(jitter)));
-    }
-
     // The answer to one attempt, on the request queue's thread.
     void answer(std::int64_t id, int attempts, double createdAt, const std::string& url, int code) {
         std::lock_guard lock(mutex);
@@ -167,7 +159,10 @@ struct ReliableRequestUploader::State {
                        "{} given up after {} attempts over {:.0f} s", url, attempts, age);
                 remove(id);
             } else {
-                const double next = secondsNow() + std::chrono::duration<double>(retryDelay(attempts)).count();
+                const double next = secondsNow() + std::chrono::duration<double>(jitteredBackoff(configuration.firstRetryDelay, 2,
+                                                                               configuration.longestRetryDelay, attempts,
+                                                                               jitter))
+                                         .count();
                 step("UPDATE requests SET attempts = ?, next_attempt_at = ? WHERE id = ?", [&](sqlite3_stmt* s) {
                     sqlite3_bind_int(s, 1, attempts);
                     sqlite3_bind_double(s, 2, next);

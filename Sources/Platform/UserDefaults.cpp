@@ -8,16 +8,11 @@
 #include <system_error>
 
 #include <pwd.h>
-#include <sys/stat.h>
-#include <tuple>
-#include <chrono>
-#include <optional>
 #include <sqlite3.h>
-
-#include "Platform/OwnerOnlyFiles.h"
 #include <unistd.h>
 
 #include "Platform/Fatal.h"
+#include "Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 
@@ -66,11 +61,6 @@ struct UserDefaults::Impl {
     // see each other's writes.
     mutable std::unordered_map<std::string, std::optional<AttributeValue>> cache;
     mutable long long cachedVersion = -1;
-    // The database file and what it looked like when the cache was last checked: a file
-    // that has not changed since needs no look by SQLite (which costs a lock, a journal
-    // check and a read of the header on every read in rollback-journal mode).
-    std::string filePath;
-    mutable std::optional<std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int64_t>> fileSignature;
 
     Impl() = default;
     Impl(const Impl&) = delete;
@@ -104,7 +94,6 @@ struct UserDefaults::Impl {
         }
 
         auto impl = std::make_unique<Impl>();
-        if (path != ":memory:") impl->filePath = path.native();
         const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
         if (sqlite3_open_v2(path.c_str(), &impl->db, flags, nullptr) != SQLITE_OK) {
             if (error != nullptr)
@@ -137,22 +126,6 @@ struct UserDefaults::Impl {
 
     // The callers below hold `mutex`.
     void validateCache() const {
-        if (!filePath.empty()) {
-            struct stat info {};
-            std::optional<std::tuple<std::int64_t, std::int64_t, std::int64_t, std::int64_t>> now;
-            if (::stat(filePath.c_str(), &info) == 0)
-                now = std::tuple{static_cast<std::int64_t>(info.st_ino), static_cast<std::int64_t>(info.st_size),
-                                 static_cast<std::int64_t>(info.st_mtim.tv_sec),
-                                 static_cast<std::int64_t>(info.st_mtim.tv_nsec)};
-            // File times are coarse (a few milliseconds): a file changed that recently may
-            // change again without its time moving, so only an older one is trusted.
-            const auto modified = std::chrono::system_clock::time_point(
-                std::chrono::duration_cast<std::chrono::system_clock::duration>(
-                    std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec)));
-            const bool settled = std::chrono::system_clock::now() - modified > std::chrono::milliseconds(100);
-            if (now && settled && now == fileSignature && cachedVersion >= 0) return;
-            fileSignature = settled ? now : std::nullopt;
-        }
         long long version = -1;
         {
             StatementUse use(dataVersion);

@@ -33,6 +33,7 @@
 #include "KTFoundation/KeyValueStoring.h"
 #include "KTFoundation/LogMacros.h"
 #include "Middleware/AssignedABTestVariantIDProviding.h"
+#include "Platform/Backoff.h"
 #include "Platform/OwnerOnlyFiles.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
@@ -315,7 +316,7 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     std::optional<AnalyticsStackStatistics> reported;
     std::uint64_t failedBatchesSeen = uploader_->statistics().batchesFailed;
-    std::chrono::milliseconds pause{0};
+    int retries = 0;
     std::minstd_rand jitter(std::random_device{}());
     // The signal generation when the last flush was issued; kNoFlush once that is settled.
     constexpr std::uint64_t kNoFlush = ~std::uint64_t{0};
@@ -337,13 +338,9 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
             // growing moment first: each attempt costs every waiting event one of its three.
             if (upload.batchesFailed != failedBatchesSeen) {
                 failedBatchesSeen = upload.batchesFailed;
-                pause = pause == std::chrono::milliseconds::zero()
-                            ? configuration_.firstRetryPause
-                            : std::min(pause * kRetryPauseGrowth, configuration_.longestRetryPause);
-                std::uniform_real_distribution<double> spread(0.8, 1.2);
-                const auto jittered = std::chrono::milliseconds(
-                    static_cast<std::int64_t>(static_cast<double>(pause.count()) * spread(jitter)));
-                const auto until = std::min(deadline, Clock::now() + jittered);
+                const auto pause = jitteredBackoff(configuration_.firstRetryPause, kRetryPauseGrowth,
+                                                   configuration_.longestRetryPause, ++retries, jitter);
+                const auto until = std::min(deadline, Clock::now() + pause);
                 // Results still arrive meanwhile (the 60-second flush may send): wait them out.
                 while (Clock::now() < until) waitForResult(signalGeneration(), until);
                 if (Clock::now() >= deadline) break;
@@ -375,8 +372,8 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
     return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled;
 }
 
-APEventDropCounts AnalyticsStack::recordedDrops(UserDefaults& defaults) {
-    UserDefaultsStore ledger(std::shared_ptr<UserDefaults>(&defaults, [](UserDefaults*) {}), kDropLedgerNameSpace);
+APEventDropCounts AnalyticsStack::recordedDrops(std::shared_ptr<UserDefaults> defaults) {
+    UserDefaultsStore ledger(std::move(defaults), kDropLedgerNameSpace);
     APEventDropCounts counts;
     for (std::size_t i = 0; i < kEventDropReasonCount; ++i)
         counts.counts[i] = static_cast<std::uint64_t>(

@@ -182,7 +182,7 @@ public:
     /// The user defaults file of a state folder.
     static constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
     /// The drops recorded in a state folder's user defaults by every run so far.
-    static APEventDropCounts recordedDrops(UserDefaults& defaults);
+    static APEventDropCounts recordedDrops(std::shared_ptr<UserDefaults> defaults);
     /// Adds this stack's drops since the last call to the state folder's ledger. Done by
     /// `waitUntilDelivered` and on destruction too.
     void recordDrops();

@@ -70,52 +70,26 @@ std::shared_ptr<const EventNameSet> APEventGatewayAnalyticsProvider::trackedEven
 void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
     const std::size_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     if (pending > peakPending_.load(std::memory_order_relaxed)) peakPending_.store(pending, std::memory_order_relaxed);
-    if (pending > kCompactAbove) {
-        postCompact(event);
+    const AttributeDictionary* attributes = event->attributes();
+    // The encoder recurses, so an event nested too deeply goes the ordinary way, where it is
+    // refused and counted.
+    if (pending <= kCompactAbove || !attributes ||
+        value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth)) {
+        queue_->async([weak = weak_from_this(), event] {
+            if (auto self = weak.lock()) {
+                self->pending_.fetch_sub(1, std::memory_order_relaxed);
+                self->process(*event);
+            }
+        });
         return;
     }
-    queue_->async([weak = weak_from_this(), event] {
-        if (auto self = weak.lock()) {
-            self->pending_.fetch_sub(1, std::memory_order_relaxed);
-            self->process(*event);
-        }
-    });
-}
-
-namespace {
-
-// Only a name: what a work item needs to count an event it cannot carry.
-class NamedOnly final : public APEventDescripting {
-public:
-    explicit NamedOnly(std::string name) : name_(std::move(name)) {}
-    const std::string& name() const override { return name_; }
-    const AttributeDictionary* attributes() const override { return nullptr; }
-
-private:
-    std::string name_;
-};
-
-}  // namespace
-
-void APEventGatewayAnalyticsProvider::postCompact(const std::shared_ptr<const APEventDescripting>& event) {
-    const AttributeDictionary* attributes = event->attributes();
-    // The encoder recurses, so the depth is looked at first, on the caller's thread too.
-    const bool tooDeep = attributes && value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth);
-    std::optional<Bytes> encoded;
-    if (attributes && !tooDeep) encoded = AttributeValue::to_cbor(*attributes);
-    queue_->async([weak = weak_from_this(), name = event->name(), encoded = std::move(encoded), tooDeep] {
+    queue_->async([weak = weak_from_this(), name = event->name(), encoded = AttributeValue::to_cbor(*attributes)] {
         auto self = weak.lock();
         if (!self) return;
         self->pending_.fetch_sub(1, std::memory_order_relaxed);
-        if (tooDeep) {
-            self->uploader_->discardEvent(NamedOnly(name), APEventDropReason::tooDeeplyNested);
-            return;
-        }
-        std::optional<AttributeDictionary> decoded;
         // Dates and data travel as tagged byte strings and come back as what they were.
-        if (encoded)
-            decoded = AttributeValue::from_cbor(*encoded, true, true, AttributeValue::cbor_tag_handler_t::store);
-        self->process(*APEvent::make(name, std::move(decoded)));
+        self->transformAndUpload(
+            *APEvent::make(name, AttributeValue::from_cbor(encoded, true, true, AttributeValue::cbor_tag_handler_t::store)));
     });
 }
 
@@ -126,6 +100,10 @@ void APEventGatewayAnalyticsProvider::process(const APEventDescripting& event) {
         uploader_->discardEvent(event, APEventDropReason::tooDeeplyNested);
         return;
     }
+    transformAndUpload(event);
+}
+
+void APEventGatewayAnalyticsProvider::transformAndUpload(const APEventDescripting& event) {
     auto transformed = std::dynamic_pointer_cast<const APEvent>(eventTransformer_->transform(event));
     if (!transformed) return;  // nothing, or not an event the gateway can take
     if (recorder_->recording()) recorder_->recordEvent(transformed->eventGatewayDictionary());

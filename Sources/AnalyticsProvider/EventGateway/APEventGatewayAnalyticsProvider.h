@@ -57,7 +57,7 @@ public:
 
 private:
     void process(const APEventDescripting& event);
-    void postCompact(const std::shared_ptr<const APEventDescripting>& event);
+    void transformAndUpload(const APEventDescripting& event);
 
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> peakPending_{0};

@@ -70,7 +70,7 @@ void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     if (!fs::is_regular_file(path, ec)) return;
     auto defaults = UserDefaults::open(path);
     if (!defaults) return;
-    const auto drops = AnalyticsStack::recordedDrops(*defaults);
+    const auto drops = AnalyticsStack::recordedDrops(defaults);
     out << "dropped by earlier runs: " << drops.total();
     std::string reasons;
     for (std::size_t i = 0; i < kEventDropReasonCount; ++i) {

@@ -105,8 +105,6 @@ public:
     std::size_t numberOfEventsWaitingToBeUploaded() const;
     /// On the queue: every stored event that is not in flight (reads the files back).
     APSerializedEventSet serializedEventsNotQueued() const;
-    /// On the queue: how many stored files wait outside the in-flight set, as the index knows.
-    std::size_t numberOfIndexedEventsNotQueued() const { return notQueuedNames_.size(); }
     /// On the queue: the events in flight. Once its request is built, an event in flight is
     /// held by its name and file only (alpha builds keep the whole event).
     const APSerializedEventSet& queuedEvents() const { return queuedEvents_; }

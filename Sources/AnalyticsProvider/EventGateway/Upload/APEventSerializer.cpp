@@ -196,7 +196,6 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
 }
 
 void APEventSerializer::noteWriteFailure(int error) {
-    counters_.writeFailures.fetch_add(1, std::memory_order_relaxed);
     if (writesFailing_) return;
     writesFailing_ = true;
     KT_LOG(logger_, 2, kFile, "-[APEventSerializer serializeEvent:]",
@@ -234,14 +233,6 @@ std::vector<std::string> APEventSerializer::relistReadableNames() {
     names.reserve(paths.size());
     for (auto& path : paths) names.push_back(path.filename().native());
     return names;
-}
-
-std::vector<APSerializedEvent> APEventSerializer::serializedEventsNamed(const std::vector<std::string>& names) {
-    std::vector<APSerializedEvent> result;
-    result.reserve(names.size());
-    for (const auto& name : names)
-        if (auto stored = serializedEventNamed(name)) result.push_back(std::move(*stored));
-    return result;
 }
 
 std::optional<APSerializedEvent> APEventSerializer::serializedEventNamed(const std::string& name) {
@@ -299,12 +290,11 @@ APSerializedEventSet APEventSerializer::serializedEvents() { return serializedEv
 APSerializedEventSet APEventSerializer::serializedEvents(const std::function<bool(const fs::path&)>& skip) {
     std::vector<fs::path> urls;
     relist(&urls);
-    std::vector<std::string> names;
-    names.reserve(urls.size());
+    APSerializedEventSet events;
     for (const auto& url : urls)
-        if (!skip || !skip(url)) names.push_back(url.filename().native());
-    auto events = serializedEventsNamed(names);
-    return APSerializedEventSet(std::make_move_iterator(events.begin()), std::make_move_iterator(events.end()));
+        if (!skip || !skip(url))
+            if (auto stored = serializedEventNamed(url.filename().native())) events.insert(std::move(*stored));
+    return events;
 }
 
 std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::path& url) const {
@@ -447,7 +437,7 @@ std::optional<std::uint64_t> APEventSerializer::increaseRetryCount(const APSeria
 APEventStoreStatistics APEventSerializer::statistics() const {
     const auto load = [](const std::atomic<std::uint64_t>& c) { return c.load(std::memory_order_relaxed); };
     return {load(counters_.unreadableDeleted), load(counters_.foreignEntriesRemoved),
-            load(counters_.retryCountsInMemory), load(counters_.writeFailures)};
+            load(counters_.retryCountsInMemory)};
 }
 
 }  // namespace kt

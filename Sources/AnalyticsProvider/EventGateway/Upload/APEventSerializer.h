@@ -46,7 +46,6 @@ struct APEventStoreStatistics {
     std::uint64_t unreadableDeleted = 0;     ///< files deleted because they could not be read back
     std::uint64_t foreignEntriesRemoved = 0; ///< links, FIFOs, empty folders removed from the folder
     std::uint64_t retryCountsInMemory = 0;   ///< counts kept in memory because the file refused them
-    std::uint64_t writeFailures = 0;         ///< events that could not be written
 };
 
 class APEventSerializer {
@@ -75,10 +74,8 @@ public:
     /// Nullopt when it cannot be archived or written; `failure`, when given, says why.
     std::optional<APSerializedEvent> serializeEvent(const std::shared_ptr<const APEvent>& event,
                                                     APEventStoreFailure* failure = nullptr);
-    /// Reads back the stored files of the given names, each once. Files that cannot be
-    /// decoded are deleted on the spot and counted; names whose file is gone are skipped.
-    std::vector<APSerializedEvent> serializedEventsNamed(const std::vector<std::string>& names);
-    /// The same for one name: nullopt when the file is gone, not ours or undecodable.
+    /// Reads back the stored file of that name. Nullopt when the file is gone, not ours or
+    /// undecodable (then deleted on the spot and counted).
     std::optional<APSerializedEvent> serializedEventNamed(const std::string& name);
     /// Lists the folder again (the index follows it) and returns the names that reading
     /// back takes: every plain file whose name ends in "event", with or without the dot.
@@ -143,8 +140,7 @@ private:
     bool writesFailing_ = false;
 
     struct Counters {
-        std::atomic<std::uint64_t> unreadableDeleted{0}, foreignEntriesRemoved{0}, retryCountsInMemory{0},
-            writeFailures{0};
+        std::atomic<std::uint64_t> unreadableDeleted{0}, foreignEntriesRemoved{0}, retryCountsInMemory{0};
     };
     Counters counters_;
 };

@@ -121,14 +121,8 @@ std::string GzipWriter::finish() {
     auto& z = stream_->z;
     z.next_in = nullptr;
     z.avail_in = 0;
-    int status = Z_OK;
-    while (status != Z_STREAM_END) {
-        if (output_.size() - z.total_out < kDeflateChunk / 4) output_.resize(output_.size() + kDeflateChunk);
-        z.next_out = reinterpret_cast<Bytef*>(output_.data()) + z.total_out;
-        z.avail_out = static_cast<uInt>(output_.size() - z.total_out);
-        status = deflate(&z, Z_FINISH);
-        if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) break;
-    }
+    // With no input left, Z_FINISH ends the stream once it leaves room in the buffer.
+    deflateInto(Z_FINISH);
     output_.resize(z.total_out);
     deflateEnd(&z);
     stream_->valid = false;

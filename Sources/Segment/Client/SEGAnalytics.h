@@ -1,0 +1,94 @@
+#pragma once
+// The product-analytics client: speaks the public batch tracking API. Calls hand the
+// message to the client's own worker and return; there the source middlewares run, the
+// message is persisted under the state folder, batched and uploaded (gzip JSON) through
+// the shared request queue, with retries and back-off.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Platform/HTTPRequest.h"
+#include "Segment/Client/SEGPayload.h"
+#include "Segment/SegmentAnalyticsProtocol.h"
+
+namespace kt {
+
+class KTLogger;
+class RequestQueueing;
+class SerialQueue;
+
+struct SEGAnalyticsConfiguration {
+    static SEGAnalyticsConfiguration configurationWithWriteKey(std::string writeKey);
+
+    std::string writeKey;
+    /// The API's base URL; uploads go to "<apiHost>/batch". A value without a scheme is
+    /// taken as https.
+    std::string apiHost = "https://api.segment.io/v1";
+    std::vector<std::shared_ptr<SEGMiddleware>> sourceMiddleware;
+    /// Makes the request for an upload URL; its headers win over the client's.
+    std::function<HTTPRequest(const std::string& url)> requestFactory;
+    /// Upload once this many messages wait.
+    std::size_t flushAt = 20;
+    std::chrono::milliseconds flushInterval = std::chrono::seconds(30);
+    /// When full, the oldest waiting message is dropped (counted as "queue_full").
+    std::size_t maxQueueSize = 1000;
+
+    void use(std::shared_ptr<SEGIntegrationFactory> factory) { factories.push_back(std::move(factory)); }
+    std::vector<std::shared_ptr<SEGIntegrationFactory>> factories;
+};
+
+/// What the client needs from the process around it.
+struct SEGAnalyticsDependencies {
+    /// Uploads go through it; its result code is the outcome (delivered, failed, rejected).
+    std::shared_ptr<RequestQueueing> requestQueue;
+    /// The queue and the anonymous id are kept below it (created owner-only).
+    std::filesystem::path stateDirectory;
+    /// May be null.
+    std::shared_ptr<KTLogger> logger;
+    /// The client's worker; null makes a thread of its own. Tests pass a virtual-time queue.
+    std::shared_ptr<SerialQueue> worker;
+};
+
+/// Counts only ever grow, but `waiting`.
+struct SEGAnalyticsStatistics {
+    std::uint64_t tracked = 0;    // identify and track calls accepted
+    std::uint64_t persisted = 0;  // messages stored in the queue
+    std::uint64_t delivered = 0;  // messages in batches answered 2xx
+    std::uint64_t batchesSent = 0;
+    std::uint64_t bytesSent = 0;  // gzip body bytes of the batches sent
+    std::uint64_t retries = 0;    // batches kept for another try
+    /// Messages removed without delivery, by reason: "queue_full", "too_large",
+    /// "rejected", "dropped_by_middleware", "not_persisted".
+    std::map<std::string, std::uint64_t> droppedByReason;
+    std::uint64_t waiting = 0;  // messages persisted and not yet delivered or dropped
+};
+
+class SEGAnalytics final : public SegmentAnalyticsProtocol {
+public:
+    SEGAnalytics(SEGAnalyticsConfiguration configuration, SEGAnalyticsDependencies dependencies);
+    ~SEGAnalytics() override;
+
+    void identify(const std::string& userId, const std::optional<AttributeValue>& traits,
+                  const std::optional<AttributeValue>& options) override;
+    void track(const std::string& event, const std::optional<AttributeValue>& properties,
+               const std::optional<AttributeValue>& options) override;
+    std::string getAnonymousId() override;
+    void flush() override;
+
+    SEGAnalyticsStatistics statistics() const;
+    const SEGAnalyticsConfiguration& configuration() const;
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace kt

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+#include "Platform/AttributeValue.h"
+#include "TrackingArchitecture/TrackingEvent.h"
+
+namespace kt {
+
+class EventBrokering {
+public:
+    virtual ~EventBrokering() = default;
+    EventBrokering() = default;
+    EventBrokering(const EventBrokering&) = delete;
+    EventBrokering& operator=(const EventBrokering&) = delete;
+
+    virtual void track(const TrackingEvent& event) = 0;
+    /// `traits` is a JSON object; null values inside it are sent as null.
+    virtual void identify(const std::string& userId, const AttributeValue& traits) = 0;
+    virtual void flush() = 0;
+};
+
+}  // namespace kt

@@ -1,0 +1,37 @@
+#include "TrackingArchitecture/EventSender.h"
+
+#include <unordered_set>
+
+#include "Platform/Fatal.h"
+#include "Segment/SegmentWrapper.h"
+#include "TrackingArchitecture/EventBroker.h"
+
+namespace kt {
+
+EventSender::EventSender() : EventSender(std::make_shared<EventBroker>(SegmentWrapper::shared())) {}
+
+EventSender::EventSender(std::shared_ptr<EventBrokering> eventBroker) : eventBroker_(std::move(eventBroker)) {
+    KT_PARAMETER_ASSERT(eventBroker_);
+}
+
+void EventSender::flush() { eventBroker_->flush(); }
+
+void EventSender::identify(const std::string& userId, const AttributeValue& traits) {
+    eventBroker_->identify(userId, traits.is_object() ? traits : AttributeValue::object());
+}
+
+TrackingProperties uniqueProperties(TrackingProperties pairs) {
+    std::unordered_set<std::string_view> keys;
+    keys.reserve(pairs.size());
+    for (const auto& [key, value] : pairs)
+        if (!keys.insert(key).second) fatalError("Duplicate property key '" + key + "' in a tracking event");
+    return pairs;
+}
+
+void EventSender::send(std::string name, std::int64_t version, TrackingProperties pairs,
+                       std::vector<std::string> thirdParties) const {
+    eventBroker_->track(TrackingEvent{std::move(name), version, uniqueProperties(std::move(pairs)),
+                                      std::move(thirdParties)});
+}
+
+}  // namespace kt

@@ -1,0 +1,31 @@
+#pragma once
+// What the application calls to report an event of the tracking plan.
+
+#include <string>
+
+#include "Platform/AttributeValue.h"
+
+namespace kt {
+
+class EventSending {
+public:
+    virtual ~EventSending() = default;
+    EventSending() = default;
+    EventSending(const EventSending&) = delete;
+    EventSending& operator=(const EventSending&) = delete;
+
+    virtual void flush() = 0;
+};
+
+class IdentityEventSending {
+public:
+    virtual ~IdentityEventSending() = default;
+    IdentityEventSending() = default;
+    IdentityEventSending(const IdentityEventSending&) = delete;
+    IdentityEventSending& operator=(const IdentityEventSending&) = delete;
+
+    /// `traits` is a JSON object.
+    virtual void identify(const std::string& userId, const AttributeValue& traits) = 0;
+};
+
+}  // namespace kt

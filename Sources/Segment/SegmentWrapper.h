@@ -13,7 +13,23 @@
 namespace kt {
 
 class KTLogger;
+class KeychainCredentialStoring;
+class SegmentMiddlewareMaking;
 struct SEGAnalyticsConfiguration;
+struct SEGAnalyticsDependencies;
+
+/// What a wrapper's client is configured from.
+struct SegmentWrapperSetup {
+    std::string writeKey;
+    /// The client's API URL; empty: the client's default.
+    std::string apiHost;
+    /// The host that replaces the API host in upload URLs; absent: uploads go out unchanged.
+    std::optional<std::string> replacementAPIHost;
+    std::shared_ptr<KeychainCredentialStoring> keychain;
+    /// Null: a SegmentMiddlewareFactory over the hooks and shared instances.
+    std::shared_ptr<SegmentMiddlewareMaking> middlewareFactory;
+    std::shared_ptr<KTLogger> logger;
+};
 
 class SegmentWrapper final : public SegmentWrapping {
 public:
@@ -25,9 +41,14 @@ public:
     /// `SegmentDependencyProvider`; lives for the process.
     static std::shared_ptr<SegmentWrapper> shared();
 
-    /// The configuration the shared instance is built with: write key, the context
-    /// middleware, the request rewriter when the hook names a host, the integrations.
-    static SEGAnalyticsConfiguration makeConfiguration(const std::string& writeKey, const std::string& apiHost);
+    /// The client configuration: write key, the factory's source middlewares, the request
+    /// rewriter when a replacement host is given (no request factory otherwise), the
+    /// factory's integrations in order.
+    static SEGAnalyticsConfiguration makeConfiguration(const SegmentWrapperSetup& setup);
+    /// A wrapper over a new client made from `setup`. A null factory in `setup` means one
+    /// over the hooks, whose "kt" anonymous id is this client's.
+    static std::shared_ptr<SegmentWrapper> make(SegmentWrapperSetup setup, SEGAnalyticsDependencies dependencies,
+                                                std::shared_ptr<SegmentEventRecording> eventRecorder);
 
     void track(const std::string& name, std::int64_t version, const std::optional<AttributeValue>& properties,
                const SegmentIntegrations& integrations) override;

@@ -41,6 +41,7 @@ SegmentWrapper::SegmentWrapper(std::shared_ptr<SegmentAnalyticsProtocol> segment
 SEGAnalyticsConfiguration SegmentWrapper::makeConfiguration(const SegmentWrapperSetup& setup) {
     auto configuration = SEGAnalyticsConfiguration::configurationWithWriteKey(setup.writeKey);
     if (!setup.apiHost.empty()) configuration.apiHost = setup.apiHost;
+    configuration.flushAt = setup.flushAt;
     if (setup.middlewareFactory) configuration.sourceMiddleware = setup.middlewareFactory->makeSourceMiddleware();
     if (setup.replacementAPIHost) {
         configuration.requestFactory = SegmentRequestRewriter::make(setup.keychain, configuration.apiHost,
@@ -51,7 +52,8 @@ SEGAnalyticsConfiguration SegmentWrapper::makeConfiguration(const SegmentWrapper
     return configuration;
 }
 
-std::shared_ptr<SegmentWrapper> SegmentWrapper::make(SegmentWrapperSetup setup, SEGAnalyticsDependencies dependencies,
+std::shared_ptr<SegmentWrapper> SegmentWrapper::make(SegmentWrapperSetup setup, SegmentMiddlewareSources sources,
+                                                     SEGAnalyticsDependencies dependencies,
                                                      std::shared_ptr<SegmentEventRecording> eventRecorder) {
     // The context middleware reports the anonymous id of the client it is configured into,
     // which exists only afterwards.
@@ -60,15 +62,14 @@ std::shared_ptr<SegmentWrapper> SegmentWrapper::make(SegmentWrapperSetup setup, 
         std::weak_ptr<SEGAnalytics> client;
     };
     auto slot = std::make_shared<ClientSlot>();
-    if (!setup.middlewareFactory) {
-        auto anonymousId = [slot] {
+    if (!sources.anonymousId) {
+        sources.anonymousId = [slot] {
             std::lock_guard lock(slot->mutex);
             auto client = slot->client.lock();
             return client ? client->getAnonymousId() : std::string();
         };
-        setup.middlewareFactory = std::make_shared<SegmentMiddlewareFactory>(
-            SegmentMiddlewareFactory::sourcesFromHooks(anonymousId, setup.logger));
     }
+    setup.middlewareFactory = std::make_shared<SegmentMiddlewareFactory>(std::move(sources));
     auto client = std::make_shared<SEGAnalytics>(makeConfiguration(setup), std::move(dependencies));
     {
         std::lock_guard lock(slot->mutex);
@@ -83,8 +84,8 @@ std::shared_ptr<SegmentWrapper> SegmentWrapper::shared() {
         setup.writeKey = KTEnvironment::sharedInstance()->segmentWriteKey;
         setup.replacementAPIHost = SegmentDependencyProvider::rewriteToEventGatewayHost();
         setup.keychain = SegmentDependencyProvider::keychain();
-        auto wrapper = make(std::move(setup), SegmentDependencyProvider::clientDependencies(),
-                            SegmentEventRecorder::shared());
+        auto wrapper = make(std::move(setup), SegmentMiddlewareFactory::sourcesFromHooks(nullptr, nullptr),
+                            SegmentDependencyProvider::clientDependencies(), SegmentEventRecorder::shared());
         AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
             auto wrapper = weak.lock();
             return wrapper ? wrapper->anonymousId() : std::string();

@@ -8,13 +8,13 @@
 
 #include "Segment/SegmentAnalyticsProtocol.h"
 #include "Segment/SegmentEventRecorder.h"
+#include "Segment/SegmentMiddlewareFactory.h"
 #include "Segment/SegmentWrapping.h"
 
 namespace kt {
 
 class KTLogger;
 class KeychainCredentialStoring;
-class SegmentMiddlewareMaking;
 struct SEGAnalyticsConfiguration;
 struct SEGAnalyticsDependencies;
 
@@ -26,9 +26,11 @@ struct SegmentWrapperSetup {
     /// The host that replaces the API host in upload URLs; absent: uploads go out unchanged.
     std::optional<std::string> replacementAPIHost;
     std::shared_ptr<KeychainCredentialStoring> keychain;
-    /// Null: a SegmentMiddlewareFactory over the hooks and shared instances.
+    /// Its middlewares and integrations configure the client; null: none.
     std::shared_ptr<SegmentMiddlewareMaking> middlewareFactory;
     std::shared_ptr<KTLogger> logger;
+    /// Upload once this many messages wait.
+    std::size_t flushAt = 20;
 };
 
 class SegmentWrapper final : public SegmentWrapping {
@@ -45,9 +47,10 @@ public:
     /// rewriter when a replacement host is given (no request factory otherwise), the
     /// factory's integrations in order.
     static SEGAnalyticsConfiguration makeConfiguration(const SegmentWrapperSetup& setup);
-    /// A wrapper over a new client made from `setup`. A null factory in `setup` means one
-    /// over the hooks, whose "kt" anonymous id is this client's.
-    static std::shared_ptr<SegmentWrapper> make(SegmentWrapperSetup setup, SEGAnalyticsDependencies dependencies,
+    /// A wrapper over a new client made from `setup`, with a SegmentMiddlewareFactory over
+    /// `sources` (an empty anonymous-id source there reports this client's id).
+    static std::shared_ptr<SegmentWrapper> make(SegmentWrapperSetup setup, SegmentMiddlewareSources sources,
+                                                SEGAnalyticsDependencies dependencies,
                                                 std::shared_ptr<SegmentEventRecording> eventRecorder);
 
     void track(const std::string& name, std::int64_t version, const std::optional<AttributeValue>& properties,

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iomanip>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 
 #include "Analytics/ConsoleFirebaseAnalytics.h"
@@ -28,7 +29,11 @@
 #include "Gateway/DevelopmentGateway.h"
 #include "KTFoundation/PersistedPrivacySettings.h"
 #include "Platform/UserDefaults.h"
+#include "KTFoundation/FirebaseAnalyticsControlling.h"
+#include "Segment/MoEngageEventLogging.h"
+#include "Segment/SegmentWrapper.h"
 #include "Setup/AnalyticsStack.h"
+#include "TrackingArchitecture/EventSender.h"
 
 namespace kt::tool {
 
@@ -42,6 +47,41 @@ struct DemoOptions {
     int timeoutSeconds = 60;
     std::string stateDir;
     bool verbose = false;
+};
+
+// The device-mode destinations of the tracking plan: each call becomes a line of the report.
+struct IntegrationLines {
+    std::mutex mutex;
+    std::ostringstream lines;
+    std::size_t firebase = 0, moEngage = 0;
+    void add(std::size_t& counter, const char* destination, const std::string& name, const AttributeValue& values) {
+        std::lock_guard lock(mutex);
+        ++counter;
+        lines << destination << name << " " << values.dump() << "\n";
+    }
+};
+
+class FirebaseIntegrationConsole final : public FirebaseAnalyticsControlling {
+public:
+    explicit FirebaseIntegrationConsole(std::shared_ptr<IntegrationLines> lines) : lines_(std::move(lines)) {}
+    void logEvent(const std::string& name, const AttributeDictionary& parameters) override {
+        lines_->add(lines_->firebase, "firebase   ", name, parameters);
+    }
+    void trackScreen(const std::string& name) override { logEvent("screen_view", {{"screen_name", name}}); }
+
+private:
+    std::shared_ptr<IntegrationLines> lines_;
+};
+
+class MoEngageIntegrationConsole final : public MoEngageEventLogging {
+public:
+    explicit MoEngageIntegrationConsole(std::shared_ptr<IntegrationLines> lines) : lines_(std::move(lines)) {}
+    void logEvent(const std::string& name, const AttributeValue& properties) override {
+        lines_->add(lines_->moEngage, "mo-engage  ", name, properties);
+    }
+
+private:
+    std::shared_ptr<IntegrationLines> lines_;
 };
 
 class TemporaryState {
@@ -127,6 +167,29 @@ std::size_t playFirebase(FirebaseAnalyticsController& controller, PersistedPriva
     return calls;
 }
 
+// The tracking plan's road: a sign-in, then screens, likes and downloads, some of them
+// addressed to the engagement and Firebase integrations as well. The number of messages.
+std::size_t playTrackingPlan(EventSender& sender) {
+    std::size_t messages = 0;
+    sender.identify("quillarbor:users:7", AttributeValue{{"plan", "go+"}, {"country", "DE"}});
+    ++messages;
+    const char* screens[] = {"Home", "Library Liked Tracks", "Search Results", "User Profile Tracks"};
+    for (int i = 0; i < 8; ++i) {
+        sender.send("Screen Viewed", 1, {{"name", AttributeValue(screens[i % 4])}, {"referrer", std::nullopt}});
+        sender.send("Track Liked", 1,
+                    {{"source", AttributeValue("stream")},
+                     {"track_urn", AttributeValue("quillarbor:tracks:" + std::to_string(700 + i))}},
+                    i % 2 ? std::vector<std::string>{"firebase"} : std::vector<std::string>{});
+        messages += 2;
+    }
+    sender.send("Playlist Added To Downloads", 1, {{"playlist_urn", AttributeValue("quillarbor:playlists:42")}},
+                {"mo-engage"});
+    sender.send("Checkout Started", 1,
+                {{"product_id", AttributeValue("go_plus")},
+                 {"providers", AttributeValue{{"MoEngage", true}, {"Firebase", true}, {"Other", true}}}});
+    return messages + 2;
+}
+
 int runDemo(const DemoOptions& options) {
     std::ostream& out = std::cout;
     TemporaryState state(options.stateDir);
@@ -160,6 +223,10 @@ int runDemo(const DemoOptions& options) {
     // The demo's failures are injected at random, not outages: a short pause is enough.
     configuration.firstRetryPause = std::chrono::milliseconds(500);
     configuration.requestFirstRetryDelay = std::chrono::milliseconds(200);
+    configuration.environment.segmentWriteKey = "demo-write-key";
+    auto integrationLines = std::make_shared<IntegrationLines>();
+    configuration.firebaseAnalyticsController = std::make_shared<FirebaseIntegrationConsole>(integrationLines);
+    configuration.moEngageEventLogger = std::make_shared<MoEngageIntegrationConsole>(integrationLines);
     auto player = std::make_shared<ScriptedPlaybackService>();
     auto tokens = std::make_shared<TokenRecorder>();
     configuration.playbackService = player;
@@ -214,6 +281,12 @@ int runDemo(const DemoOptions& options) {
     }
     out << "  6 tracks played past 5 s (and one ad, which never counts)\n\n";
 
+    // The tracking plan, through the broker and the product-analytics client, re-addressed
+    // to the development gateway.
+    out << "Tracking plan\n";
+    const std::size_t planMessages = playTrackingPlan(*stack->eventSender());
+    out << "  " << planMessages << " messages (a sign-in, screens, likes, a download, a checkout)\n\n";
+
     stack->flush();
     const bool drained = stack->waitUntilDelivered(std::chrono::seconds(options.timeoutSeconds));
     const auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -259,6 +332,13 @@ int runDemo(const DemoOptions& options) {
         << std::setw(8) << promoted.fired - promoted.notStored << std::setw(10) << promoted.delivered << std::setw(9)
         << "-" << std::setw(11) << "-" << std::setw(11) << "-" << std::setw(9) << promoted.retried << std::setw(9)
         << promoted.givenUp + promoted.rejected << "\n";
+    const auto messages = stack->statistics().segment;
+    std::uint64_t messagesDropped = 0;
+    for (const auto& [reason, count] : messages.droppedByReason) messagesDropped += count;
+    out << "  " << std::left << std::setw(16) << "product analytics" << std::right << std::setw(7)
+        << messages.tracked << std::setw(8) << messages.persisted << std::setw(10) << messages.delivered
+        << std::setw(9) << messages.batchesSent << std::setw(11) << "-" << std::setw(11) << messages.bytesSent
+        << std::setw(9) << messages.retries << std::setw(9) << messagesDropped << "\n";
     out << "  " << std::left << std::setw(16) << "firebase" << std::right << std::setw(8) << firebaseCalls
         << std::setw(8) << "-" << std::setw(10) << counts.forwarded << std::setw(9) << "-" << std::setw(11) << "-"
         << std::setw(11) << "-" << std::setw(9) << "-" << std::setw(9) << counts.suppressed
@@ -280,6 +360,24 @@ int runDemo(const DemoOptions& options) {
     out << ")\n\n";
 
     out << "Attribution tokens, in order\n  " << describeTokens(tokens->tokens()) << "\n\n";
+
+    const auto received = gateway.lastMessages(planMessages + 10);
+    out << "Tracking plan at the gateway\n  " << gatewayStats.messages << " messages in " << gatewayStats.batchRequests
+        << " batches, " << gatewayStats.duplicateMessages << " duplicates\n";
+    if (!received.empty()) {
+        out << "  \"kt\" context of the last: " << received.back().kt << "\n";
+        std::map<std::string, std::size_t> byName;
+        for (const auto& m : received) ++byName[m.type == "track" ? m.name : "(" + m.type + ")"];
+        for (const auto& [name, count] : byName) out << "  " << std::setw(4) << count << "  " << name << "\n";
+    }
+    out << "  integration calls: firebase " << integrationLines->firebase << ", mo-engage "
+        << integrationLines->moEngage << "\n";
+    {
+        std::lock_guard lock(integrationLines->mutex);
+        std::istringstream integrationText(integrationLines->lines.str());
+        for (std::string line; std::getline(integrationText, line);) out << "    " << line << "\n";
+    }
+    out << "\n";
 
     out << std::defaultfloat << std::setprecision(6) << "Experiments\n";
     for (const auto& experiment : FirebaseABExperimentProvider::all()) {
@@ -305,7 +403,12 @@ int runDemo(const DemoOptions& options) {
         std::count(emitted.begin(), emitted.end(), EventToken::firstPlayToken) == 1 &&
         std::count(emitted.begin(), emitted.end(), EventToken::fifthPlayToken) == 1;
     const bool firebaseOk = counts.forwarded + counts.suppressed == firebaseCalls && counts.forwarded == firebaseCalls / 2;
-    const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk;
+    // Every tracking-plan message arrived once; five were addressed to Firebase (four likes
+    // and the checkout) and two to the engagement SDK (the download and the checkout).
+    const bool planOk = messages.delivered == planMessages && messages.waiting == 0 && messagesDropped == 0 &&
+                        gatewayStats.messages == planMessages && gatewayStats.duplicateMessages == 0 &&
+                        integrationLines->firebase == 5 && integrationLines->moEngage == 2;
+    const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk && planOk;
     out << "\nResult: " << (ok ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
     stack.reset();
     gateway.stop();

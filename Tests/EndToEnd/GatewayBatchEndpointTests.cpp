@@ -4,6 +4,9 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <thread>
+#include <vector>
+
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 
 namespace kt::gateway {
@@ -150,6 +153,24 @@ TEST_F(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegratio
                     {"bytes_raw", first.size() + second.size()}, {"failures_injected", 0}, {"rejected", 0},
                     {"tracking_requests", 0}, {"tracking_by_prefix", json::object()}, {"batch_requests", 2},
                     {"messages", 4}, {"duplicate_messages", 1}}));
+}
+
+TEST_F(GatewayBatchEndpointTests, concurrentBatchesOfOneMessageIdAreAllStoredAndAllButOneCountedAsDuplicates) {
+    auto gateway = startGateway();
+    const std::string body = gzip(batchOf({track("same", "Play")}));
+    std::vector<int> statuses(8);
+    {
+        std::vector<std::jthread> senders;
+        for (int& s : statuses)
+            senders.emplace_back([&] {
+                auto result = post(*gateway, body, kGzip);
+                s = result ? result->status : -1;
+            });
+    }
+    EXPECT_EQ(statuses, std::vector<int>(8, 200));
+    EXPECT_EQ(gateway->stats().messages, 8u);
+    EXPECT_EQ(gateway->stats().duplicateMessages, 7u);
+    EXPECT_EQ(gateway->lastMessages(100).size(), 8u);
 }
 
 TEST_F(GatewayBatchEndpointTests, injectedFailuresApplyToBatchesAndStoreNothing) {

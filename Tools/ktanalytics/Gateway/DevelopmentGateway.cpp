@@ -37,6 +37,8 @@ constexpr const char* kSetAsideEncoding = "X-Gateway-Received-Content-Encoding";
 // (unknown paths, unreadable requests).
 thread_local bool tLoggedByHandler = false;
 thread_local std::size_t tEventsStored = 0;
+thread_local std::size_t tMessagesStored = 0;
+thread_local std::size_t tDuplicatesStored = 0;
 constexpr std::size_t kDefaultEventsLimit = 100;
 // A body past its limit is still read and dropped up to this much, so an honest client gets
 // its 413 on a connection left in step; past it the connection is given up.
@@ -258,6 +260,71 @@ const json* uploadElements(const json& document, std::string& why) {
     return events;
 }
 
+bool startsLikeGzip(const std::string& body) {
+    return body.size() >= 2 && static_cast<unsigned char>(body[0]) == 0x1f &&
+           static_cast<unsigned char>(body[1]) == 0x8b;
+}
+
+// The message types of the batch tracking API; each is stored under its own type.
+constexpr const char* kMessageTypes[] = {"track", "identify", "screen", "page", "group", "alias"};
+
+// Whether `document` is a batch envelope whose every message has the shape the batch API
+// gives it; otherwise `why` says what is wrong and with which message. One bad message
+// refuses the whole batch, as the API does.
+const json* batchMessages(const json& document, std::string& why) {
+    if (!document.is_object()) {
+        why = "the body must be an object with \"batch\"";
+        return nullptr;
+    }
+    const auto batch = document.find("batch");
+    if (batch == document.end() || !batch->is_array()) {
+        why = "\"batch\" must be an array";
+        return nullptr;
+    }
+    for (const char* key : {"sentAt", "writeKey"}) {
+        const auto member = document.find(key);
+        if (member != document.end() && !member->is_string()) {
+            why = std::string("\"") + key + "\" must be a string";
+            return nullptr;
+        }
+    }
+    for (std::size_t i = 0; i < batch->size(); ++i) {
+        const json& m = (*batch)[i];
+        auto fail = [&](const std::string& text) {
+            why = "message " + std::to_string(i) + ": " + text;
+            return nullptr;
+        };
+        if (!m.is_object()) return fail("must be an object");
+        const auto type = m.find("type");
+        if (type == m.end() || !type->is_string() ||
+            std::none_of(std::begin(kMessageTypes), std::end(kMessageTypes),
+                         [&](const char* known) { return *type == known; }))
+            return fail("\"type\" must be one of track, identify, screen, page, group, alias");
+        const auto messageId = m.find("messageId");
+        if (messageId == m.end() || !messageId->is_string()) return fail("\"messageId\" must be a string");
+        // A null id counts as absent; one of the two must be there.
+        bool identified = false;
+        for (const char* key : {"anonymousId", "userId"}) {
+            const auto id = m.find(key);
+            if (id == m.end() || id->is_null()) continue;
+            if (!id->is_string()) return fail(std::string("\"") + key + "\" must be a string");
+            identified = true;
+        }
+        if (!identified) return fail("\"anonymousId\" or \"userId\" is required");
+        if (*type == "track") {
+            const auto event = m.find("event");
+            if (event == m.end() || !event->is_string()) return fail("a track needs an \"event\" string");
+        }
+        for (const char* key : {"properties", "traits", "context", "integrations"}) {
+            const auto member = m.find(key);
+            if (member != m.end() && !member->is_object()) return fail(std::string("\"") + key + "\" must be an object");
+        }
+        const auto timestamp = m.find("timestamp");
+        if (timestamp != m.end() && !timestamp->is_string()) return fail("\"timestamp\" must be a string");
+    }
+    return &*batch;
+}
+
 bool isCredential(const std::string& header) {
     for (const char* name : {"Authorization", "Proxy-Authorization", "Cookie"})
         if (strcasecmp(header.c_str(), name) == 0) return true;
@@ -281,6 +348,26 @@ void answerJSON(httplib::Response& response, int status, const json& body) {
     response.status = status;
     response.set_content(dumped(body), "application/json");
 }
+
+json eventsRefusal(const std::string& why) { return json{{"error", why}}; }
+json batchRefusal(const std::string& why) { return json{{"success", false}, {"error", why}}; }
+
+// What differs between the upload endpoints on the road they share.
+struct UploadRoad {
+    std::uint64_t GatewayStatistics::*requests;
+    // A batch may come as plain JSON; an events upload must be gzip.
+    bool plainAllowed;
+    json (*refusal)(const std::string& why);
+};
+
+constexpr UploadRoad kEventsRoad{&GatewayStatistics::requests, false, eventsRefusal};
+constexpr UploadRoad kBatchRoad{&GatewayStatistics::batchRequests, true, batchRefusal};
+
+struct ReceivedBody {
+    std::size_t received = 0;  // bytes as sent
+    std::size_t raw = 0;       // after gunzip
+    bool gzip = false;
+};
 
 }  // namespace
 
@@ -341,7 +428,14 @@ struct DevelopmentGateway::Impl {
         // Each upload commits once; WAL with NORMAL syncing keeps those commits cheap and
         // loses at most the last ones on a power cut, never the file.
         if (!configuration.dbPath.empty() && !exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;")) return false;
-        return exec("CREATE TABLE IF NOT EXISTS events ("
+        return exec("CREATE TABLE IF NOT EXISTS messages ("
+                    "id INTEGER PRIMARY KEY AUTOINCREMENT, message_id TEXT NOT NULL, type TEXT NOT NULL, "
+                    "name TEXT NOT NULL, kt TEXT NOT NULL, integrations TEXT NOT NULL, message TEXT NOT NULL, "
+                    "headers TEXT NOT NULL, authorization TEXT NOT NULL, gzip INTEGER NOT NULL, "
+                    "received_at TEXT NOT NULL);"
+                    // Every stored message is looked up by its id to count duplicates.
+                    "CREATE INDEX IF NOT EXISTS messages_by_message_id ON messages (message_id);"
+                    "CREATE TABLE IF NOT EXISTS events ("
                     "id INTEGER PRIMARY KEY AUTOINCREMENT, event TEXT NOT NULL, version TEXT NOT NULL, "
                     "payload TEXT NOT NULL, headers TEXT NOT NULL, received_at TEXT NOT NULL);"
                     "CREATE TABLE IF NOT EXISTS tracking_requests ("
@@ -383,6 +477,56 @@ struct DevelopmentGateway::Impl {
         }
         if (!ok) setError(std::string("SQLite: ") + sqlite3_errmsg(db));
         sqlite3_finalize(s);
+        if (!ok) {
+            exec("ROLLBACK");
+            return false;
+        }
+        return exec("COMMIT");
+    }
+
+    // Stores every message in one transaction; `duplicates` counts those whose id was
+    // already stored, earlier in this batch included.
+    bool storeMessages(const json& messages, const std::string& headers, const std::string& authorization,
+                       bool gzip, const std::string& receivedAt, std::size_t& duplicates) {
+        std::lock_guard lock(dbMutex);
+        if (!exec("BEGIN")) return false;
+        sqlite3_stmt* seen = nullptr;
+        sqlite3_stmt* insert = nullptr;
+        bool ok = sqlite3_prepare_v2(db, "SELECT EXISTS (SELECT 1 FROM messages WHERE message_id = ?)", -1, &seen,
+                                     nullptr) == SQLITE_OK &&
+                  sqlite3_prepare_v2(db, "INSERT INTO messages (message_id, type, name, kt, integrations, message, "
+                                         "headers, authorization, gzip, received_at) "
+                                         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", -1, &insert, nullptr) == SQLITE_OK;
+        for (std::size_t i = 0; ok && i < messages.size(); ++i) {
+            const json& m = messages[i];
+            const std::string messageId = m["messageId"].get<std::string>();
+            const std::string type = m["type"].get<std::string>();
+            const char* nameKey = type == "track" ? "event" : type == "identify" ? "userId" : nullptr;
+            const std::string name = nameKey != nullptr && m.contains(nameKey) && m[nameKey].is_string()
+                                         ? m[nameKey].get<std::string>()
+                                         : std::string();
+            const auto context = m.find("context");
+            const std::string kt =
+                context != m.end() && context->contains("kt") ? dumped((*context)["kt"]) : std::string("null");
+            const std::string integrations = m.contains("integrations") ? dumped(m["integrations"]) : "null";
+            const std::string whole = dumped(m);
+
+            sqlite3_bind_text(seen, 1, messageId.c_str(), -1, SQLITE_TRANSIENT);
+            ok = sqlite3_step(seen) == SQLITE_ROW;
+            if (ok && sqlite3_column_int(seen, 0) != 0) ++duplicates;
+            sqlite3_reset(seen);
+            int column = 0;
+            for (const std::string* text : {&messageId, &type, &name, &kt, &integrations, &whole, &headers,
+                                            &authorization})
+                sqlite3_bind_text(insert, ++column, text->c_str(), -1, SQLITE_TRANSIENT);
+            sqlite3_bind_int(insert, ++column, gzip ? 1 : 0);
+            sqlite3_bind_text(insert, ++column, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
+            ok = ok && sqlite3_step(insert) == SQLITE_DONE;
+            sqlite3_reset(insert);
+        }
+        if (!ok) setError(std::string("SQLite: ") + sqlite3_errmsg(db));
+        sqlite3_finalize(seen);
+        sqlite3_finalize(insert);
         if (!ok) {
             exec("ROLLBACK");
             return false;
@@ -446,6 +590,23 @@ struct DevelopmentGateway::Impl {
             });
     }
 
+    // As `lastEvents`, the budget counting the message, its kt, integrations and headers.
+    std::vector<StoredMessage> lastMessages(std::size_t limit, std::size_t byteBudget) const {
+        std::size_t taken = 0;
+        return newestRows<StoredMessage>(
+            "SELECT message_id, type, name, kt, integrations, message, headers, authorization, gzip, received_at "
+            "FROM messages ORDER BY id DESC LIMIT ?",
+            limit, [&](sqlite3_stmt* s, auto& text, std::vector<StoredMessage>& result) {
+                std::size_t size = 0;
+                for (int column : {3, 4, 5, 6}) size += static_cast<std::size_t>(sqlite3_column_bytes(s, column));
+                if (!result.empty() && taken + size > byteBudget) return false;
+                taken += size;
+                result.push_back(StoredMessage{text(0), text(1), text(2), text(3), text(4), text(5), text(6),
+                                               text(7), sqlite3_column_int(s, 8) != 0, text(9)});
+                return true;
+            });
+    }
+
     std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const {
         return newestRows<StoredTrackingRequest>(
             "SELECT method, target, headers, received_at FROM tracking_requests ORDER BY id DESC LIMIT ?", limit,
@@ -455,16 +616,21 @@ struct DevelopmentGateway::Impl {
             });
     }
 
-    void handleUpload(const httplib::Request& request, httplib::Response& response,
-                      const httplib::ContentReader& read) {
+    // The road both upload endpoints share: counts the request, reads the body within its
+    // limit, draws the injected failure, waits the configured delay, inflates within the raw
+    // limit, refuses deep nesting and parses. Refusals are answered here in the endpoint's
+    // shape; `accept` gets the parsed body while uploads are still decoded one at a time.
+    template <class Accept>
+    void receiveUpload(const httplib::Request& request, httplib::Response& response,
+                       const httplib::ContentReader& read, const UploadRoad& road, Accept accept) {
         {
             std::lock_guard lock(stateMutex);
-            ++statistics.requests;
+            ++(statistics.*road.requests);
         }
         std::string body;
         const BodyRead bodyRead = readBody(read, response, configuration.maxBodyBytes, body);
         if (injectFailure()) {
-            answerJSON(response, configuration.failStatus, json{{"error", "injected failure"}});
+            answerJSON(response, configuration.failStatus, road.refusal("injected failure"));
             return;
         }
         delayIfConfigured();
@@ -473,7 +639,7 @@ struct DevelopmentGateway::Impl {
                 std::lock_guard lock(stateMutex);
                 ++statistics.rejected;
             }
-            answerJSON(response, status, json{{"error", why}});
+            answerJSON(response, status, road.refusal(why));
         };
         if (bodyRead == BodyRead::tooLarge)
             return reject(413, "the body is larger than " + std::to_string(configuration.maxBodyBytes) + " bytes");
@@ -481,38 +647,83 @@ struct DevelopmentGateway::Impl {
         // Inflated and parsed, an upload takes many times its size (some 30 times for a body of
         // tiny values), so uploads are decoded one at a time; they are stored one at a time anyway.
         std::lock_guard decoding(decodeMutex);
+        ReceivedBody received{.received = body.size()};
+        const std::string encoding = request.get_header_value(kSetAsideEncoding);
         std::string raw;
-        switch (gunzip(body, configuration.maxRawBytes, raw)) {
-        case Inflated::complete:
-            break;
-        case Inflated::notGzip:
-            return reject(400, "the body is not gzip");
-        case Inflated::tooLarge:
-            return reject(413, "the body inflates to more than " + std::to_string(configuration.maxRawBytes) +
-                                   " bytes");
+        if (!road.plainAllowed || strcasecmp(encoding.c_str(), "gzip") == 0 || startsLikeGzip(body)) {
+            received.gzip = true;
+            switch (gunzip(body, configuration.maxRawBytes, raw)) {
+            case Inflated::complete:
+                break;
+            case Inflated::notGzip:
+                return reject(400, "the body is not gzip");
+            case Inflated::tooLarge:
+                return reject(413, "the body inflates to more than " + std::to_string(configuration.maxRawBytes) +
+                                       " bytes");
+            }
+        } else if (!encoding.empty() && strcasecmp(encoding.c_str(), "identity") != 0) {
+            return reject(400, "Content-Encoding " + encoding + " is not taken; send gzip or plain JSON");
+        } else {
+            raw.swap(body);
         }
+        std::string().swap(body);
         if (nestsDeeperThan(raw, kMaximumNesting))
             return reject(400, "the body nests JSON deeper than " + std::to_string(kMaximumNesting) + " levels");
         const json document = json::parse(raw, nullptr, false);
-        const std::size_t rawSize = raw.size();
+        received.raw = raw.size();
         std::string().swap(raw);
         if (document.is_discarded()) return reject(400, "the body is not JSON");
         std::string why;
-        const json* elements = uploadElements(document, why);
-        if (!elements) return reject(400, why);
+        if (!accept(document, received, why)) reject(400, why);
+    }
 
-        if (!storeEvents(*elements, dumped(headersOf(request)), utcNow())) {
-            answerJSON(response, 500, json{{"error", "storage failed"}});
-            return;
-        }
-        {
-            std::lock_guard lock(stateMutex);
-            statistics.events += elements->size();
-            statistics.bytesCompressed += body.size();
-            statistics.bytesRaw += rawSize;
-        }
-        tEventsStored = elements->size();
-        answerJSON(response, 200, json{{"accepted", elements->size()}});
+    void handleUpload(const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& read) {
+        receiveUpload(request, response, read, kEventsRoad,
+                      [&](const json& document, const ReceivedBody& received, std::string& why) {
+                          const json* elements = uploadElements(document, why);
+                          if (!elements) return false;
+                          if (!storeEvents(*elements, dumped(headersOf(request)), utcNow())) {
+                              answerJSON(response, 500, eventsRefusal("storage failed"));
+                              return true;
+                          }
+                          {
+                              std::lock_guard lock(stateMutex);
+                              statistics.events += elements->size();
+                              statistics.bytesCompressed += received.received;
+                              statistics.bytesRaw += received.raw;
+                          }
+                          tEventsStored = elements->size();
+                          answerJSON(response, 200, json{{"accepted", elements->size()}});
+                          return true;
+                      });
+    }
+
+    void handleBatch(const httplib::Request& request, httplib::Response& response,
+                     const httplib::ContentReader& read) {
+        receiveUpload(request, response, read, kBatchRoad,
+                      [&](const json& document, const ReceivedBody& received, std::string& why) {
+                          const json* messages = batchMessages(document, why);
+                          if (!messages) return false;
+                          const std::string authorization = request.has_header("Authorization") ? "present" : "";
+                          std::size_t duplicates = 0;
+                          if (!storeMessages(*messages, dumped(headersOf(request)), authorization, received.gzip,
+                                             utcNow(), duplicates)) {
+                              answerJSON(response, 500, batchRefusal("storage failed"));
+                              return true;
+                          }
+                          {
+                              std::lock_guard lock(stateMutex);
+                              statistics.messages += messages->size();
+                              statistics.duplicateMessages += duplicates;
+                              statistics.bytesCompressed += received.received;
+                              statistics.bytesRaw += received.raw;
+                          }
+                          tMessagesStored = messages->size();
+                          tDuplicatesStored = duplicates;
+                          answerJSON(response, 200, json{{"success", true}});
+                          return true;
+                      });
     }
 
     void handleTracking(const httplib::Request& request, httplib::Response& response) {
@@ -583,7 +794,10 @@ struct DevelopmentGateway::Impl {
                         {"failures_injected", s.failuresInjected},
                         {"rejected", s.rejected},
                         {"tracking_requests", s.trackingRequests},
-                        {"tracking_by_prefix", s.trackingByPrefix}});
+                        {"tracking_by_prefix", s.trackingByPrefix},
+                        {"batch_requests", s.batchRequests},
+                        {"messages", s.messages},
+                        {"duplicate_messages", s.duplicateMessages}});
     }
 
     void handleEvents(const httplib::Request& request, httplib::Response& response) {
@@ -603,6 +817,24 @@ struct DevelopmentGateway::Impl {
             body += R"({"event":)" + dumped(e.event) + R"(,"headers":)" + dumped(headers) +
                     R"(,"payload":)" + (e.payload.empty() ? "null" : e.payload) +
                     R"(,"received_at":)" + dumped(e.receivedAt) + R"(,"version":)" + dumped(e.version) + "}";
+        }
+        body += "]";
+        response.status = 200;
+        response.set_content(body, "application/json");
+    }
+
+    void handleMessages(const httplib::Request& request, httplib::Response& response) {
+        const auto limit = listingLimit(request, response);
+        if (!limit) return;
+        // As for events: the JSON texts this gateway wrote go out as stored.
+        std::string body = "[";
+        for (const StoredMessage& m : lastMessages(*limit, configuration.maxListingBytes)) {
+            if (body.size() > 1) body += ',';
+            body += R"({"authorization":)" + dumped(m.authorization) + R"(,"gzip":)" + (m.gzip ? "true" : "false") +
+                    R"(,"headers":)" + m.headers + R"(,"integrations":)" + m.integrations + R"(,"kt":)" + m.kt +
+                    R"(,"message":)" + m.message + R"(,"message_id":)" + dumped(m.messageId) + R"(,"name":)" +
+                    dumped(m.name) + R"(,"received_at":)" + dumped(m.receivedAt) + R"(,"type":)" + dumped(m.type) +
+                    "}";
         }
         body += "]";
         response.status = 200;
@@ -636,7 +868,17 @@ struct DevelopmentGateway::Impl {
             logRequest(q, r.status, tEventsStored);
             tLoggedByHandler = true;
         });
+        server.Post("/v1/batch", [this](const httplib::Request& q, httplib::Response& r,
+                                        const httplib::ContentReader& read) {
+            tMessagesStored = 0;
+            tDuplicatesStored = 0;
+            handleBatch(q, r, read);
+            logLine(q.method + " " + q.path + " " + std::to_string(r.status) + " messages=" +
+                    std::to_string(tMessagesStored) + " duplicates=" + std::to_string(tDuplicatesStored));
+            tLoggedByHandler = true;
+        });
         server.Get("/stats", logged(&Impl::handleStats));
+        server.Get("/messages", logged(&Impl::handleMessages));
         server.Get("/events", logged(&Impl::handleEvents));
         server.Get(R"(/track/.*)", logged(&Impl::handleTracking));
         server.Get("/tracking", logged(&Impl::handleTrackingListing));
@@ -745,6 +987,10 @@ GatewayStatistics DevelopmentGateway::stats() const {
 
 std::vector<StoredEvent> DevelopmentGateway::lastEvents(std::size_t limit) const {
     return impl_->lastEvents(limit, std::numeric_limits<std::size_t>::max());
+}
+
+std::vector<StoredMessage> DevelopmentGateway::lastMessages(std::size_t limit) const {
+    return impl_->lastMessages(limit, std::numeric_limits<std::size_t>::max());
 }
 
 std::vector<StoredTrackingRequest> DevelopmentGateway::lastTrackingRequests(std::size_t limit) const {

@@ -1,6 +1,6 @@
 #pragma once
 // The development event gateway: a real HTTP server (loopback by default) that takes the
-// gateway uploads, checks their shape, keeps them in SQLite, prints them live and can
+// gateway uploads and the product-analytics batches, checks their shape, keeps them in SQLite, prints them live and can
 // answer a share of them with a failure, so retries can be watched for real.
 
 #include <chrono>
@@ -46,14 +46,19 @@ inline constexpr std::size_t kMaximumNesting = 256;
 /// Largest `limit` of `GET /events`; a larger one is answered 400.
 inline constexpr std::size_t kMaximumEventsLimit = 1000;
 
-/// Counts since `start`. An upload is a `POST /v1/events`, whatever its outcome.
+/// Counts since `start`. An upload is a `POST /v1/events` and a batch a `POST /v1/batch`,
+/// whatever their outcome.
 struct GatewayStatistics {
     std::uint64_t requests = 0;
     std::uint64_t events = 0;
-    std::uint64_t bytesCompressed = 0;  // bodies of accepted uploads, as received
+    std::uint64_t bytesCompressed = 0;  // bodies of accepted uploads and batches, as received
     std::uint64_t bytesRaw = 0;         // the same bodies after gunzip
     std::uint64_t failuresInjected = 0;
-    std::uint64_t rejected = 0;         // uploads answered 400 or 413
+    std::uint64_t rejected = 0;         // uploads and batches answered 400 or 413
+    std::uint64_t batchRequests = 0;
+    std::uint64_t messages = 0;
+    /// Messages whose `messageId` was already stored (they are stored again all the same).
+    std::uint64_t duplicateMessages = 0;
     std::uint64_t trackingRequests = 0;
     /// Tracking requests by the first two segments of their path ("/track/impression").
     std::map<std::string, std::uint64_t> trackingByPrefix;
@@ -78,9 +83,28 @@ struct StoredEvent {
     std::string receivedAt;  // UTC, ISO 8601 with milliseconds
 };
 
+/// One stored message of a batch. `kt` is the JSON text of the message's `context.kt`,
+/// `integrations` that of its `integrations` (both "null" when absent), `message` the whole
+/// message and `headers` the request's headers (an object, credentials masked).
+struct StoredMessage {
+    std::string messageId;
+    std::string type;
+    std::string name;  // the `event` of a track, the `userId` of an identify, else empty
+    std::string kt;
+    std::string integrations;
+    std::string message;
+    std::string headers;
+    std::string authorization;  // "present" when the request had one, else empty
+    bool gzip = false;          // whether the body came gzip-compressed
+    std::string receivedAt;
+};
+
 /// Endpoints: `POST /v1/events` (gzip JSON: a bare array of {"event", "version",
-/// "payload"} elements, or {"events": [...], "sent_at": "..."}), `GET /stats`,
-/// `GET /events?limit=N`, and `GET /track/...` for promoted tracking URLs.
+/// "payload"} elements, or {"events": [...], "sent_at": "..."}), `POST /v1/batch` (the
+/// product-analytics batch: gzip or plain JSON {"batch": [messages], "sentAt", "writeKey"},
+/// answered {"success": true} or {"success": false, "error": "..."}), `GET /stats`,
+/// `GET /events?limit=N`, `GET /messages?limit=N`, `GET /tracking?limit=N`, and
+/// `GET /track/...` for promoted tracking URLs.
 class DevelopmentGateway {
 public:
     using Configuration = GatewayConfiguration;
@@ -104,6 +128,8 @@ public:
     GatewayStatistics stats() const;
     /// The last `limit` stored events, oldest first.
     std::vector<StoredEvent> lastEvents(std::size_t limit) const;
+    /// The last `limit` stored batch messages, oldest first.
+    std::vector<StoredMessage> lastMessages(std::size_t limit) const;
     /// The last `limit` tracking requests, oldest first.
     std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const;
     std::string lastError() const;

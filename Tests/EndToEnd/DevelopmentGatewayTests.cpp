@@ -97,7 +97,8 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
               (json{{"requests", 2}, {"events", 3}, {"bytes_compressed", bodies[0].size() + bodies[1].size()},
                     {"bytes_raw", batch.dump().size() + withSentAt.dump().size()}, {"failures_injected", 0},
                     {"rejected", 0}, {"tracking_requests", 2},
-                    {"tracking_by_prefix", {{"/track/click", 1}, {"/track/impression", 1}}}}));
+                    {"tracking_by_prefix", {{"/track/click", 1}, {"/track/impression", 1}}},
+                    {"batch_requests", 0}, {"messages", 0}, {"duplicate_messages", 0}}));
     const json tracking = getJSON(*gateway, "/tracking?limit=10");
     ASSERT_EQ(tracking.size(), 2u);
     EXPECT_EQ(tracking[1]["target"], "/track/click/deeper?x=y");
@@ -153,7 +154,8 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerWithTheFailStatusAndTheSam
     EXPECT_EQ(getJSON(*gateway, "/stats"),  // inspection is never failed
               (json{{"requests", 1}, {"events", 0}, {"bytes_compressed", 0}, {"bytes_raw", 0},
                     {"failures_injected", 2}, {"rejected", 0}, {"tracking_requests", 0},
-                    {"tracking_by_prefix", json::object()}}));
+                    {"tracking_by_prefix", json::object()}, {"batch_requests", 0}, {"messages", 0},
+                    {"duplicate_messages", 0}}));
 
     auto outcomes = [&](std::uint64_t seed) {
         auto halfFailing = startGateway({.failRate = 0.5, .seed = seed});

@@ -3,6 +3,14 @@
 // message to the client's own worker and return; there the source middlewares run, the
 // message is persisted under the state folder, batched and uploaded (gzip JSON) through
 // the shared request queue, with retries and back-off.
+//
+// On disk: "<stateDirectory>/segment/queue.sqlite3" (owner-only), a SQLite table of the
+// waiting messages as JSON plus the anonymous id and the user id. A message is committed
+// there by the worker right after the middlewares and integrations have seen it: a process
+// killed after `track` returned loses only the messages still in the worker's line, never
+// one that was committed. That window is the worker's backlog: a single call is stored
+// within about a hundred microseconds; a burst of thousands waits its turn.
+// Middlewares must call `next` before they return; a later call is ignored.
 
 #include <chrono>
 #include <cstddef>
@@ -40,6 +48,10 @@ struct SEGAnalyticsConfiguration {
     std::chrono::milliseconds flushInterval = std::chrono::seconds(30);
     /// When full, the oldest waiting message is dropped (counted as "queue_full").
     std::size_t maxQueueSize = 1000;
+    /// Pause before the first retry of a failed batch, doubled per failure up to the longest
+    /// (each spread by ±20 %).
+    std::chrono::milliseconds firstRetryDelay = std::chrono::seconds(1);
+    std::chrono::milliseconds longestRetryDelay = std::chrono::minutes(5);
 
     void use(std::shared_ptr<SEGIntegrationFactory> factory) { factories.push_back(std::move(factory)); }
     std::vector<std::shared_ptr<SEGIntegrationFactory>> factories;
@@ -67,13 +79,22 @@ struct SEGAnalyticsStatistics {
     std::uint64_t retries = 0;    // batches kept for another try
     /// Messages removed without delivery, by reason: "queue_full", "too_large",
     /// "rejected", "dropped_by_middleware", "not_persisted".
+    /// "corrupted" counts unreadable rows found at start.
     std::map<std::string, std::uint64_t> droppedByReason;
     std::uint64_t waiting = 0;  // messages persisted and not yet delivered or dropped
 };
 
 class SEGAnalytics final : public SegmentAnalyticsProtocol {
 public:
+    /// A message whose JSON is longer is dropped ("too_large").
+    static constexpr std::size_t kMaximumMessageBytes = 32 * 1024;
+    /// A batch body's JSON stays within this.
+    static constexpr std::size_t kMaximumBatchBytes = 500 * 1024;
+
+    /// Reads (or creates) the anonymous id and the queue before it returns.
     SEGAnalytics(SEGAnalyticsConfiguration configuration, SEGAnalyticsDependencies dependencies);
+    /// Stops the timer. A worker of the client's own is given a bounded wait to store what it
+    /// was handed; the tasks handed to a caller's worker still store theirs when it runs them.
     ~SEGAnalytics() override;
 
     void identify(const std::string& userId, const std::optional<AttributeValue>& traits,

@@ -1,0 +1,524 @@
+#include "Segment/Client/SEGAnalytics.h"
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <random>
+
+#include "Analytics/OperatingSystemVersion.h"
+#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTData/RequestQueue.h"
+#include "KTFoundation/KTEnvironment.h"
+#include "KTFoundation/LogMacros.h"
+#include "Platform/Backoff.h"
+#include "Platform/JSONSerialization.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/UUID.h"
+#include "Segment/Client/Detail/SEGMessageStore.h"
+#include "Segment/Client/Detail/SEGWireFormat.h"
+
+namespace kt {
+
+namespace {
+
+constexpr const char* kFile = "Sources/Segment/Client/SEGAnalytics";
+constexpr const char* kAnonymousIdKey = "anonymousId";
+constexpr const char* kUserIdKey = "userId";
+// How long destruction waits for the client's own worker to persist what it was handed.
+constexpr auto kShutdownWait = std::chrono::seconds(5);
+
+using Clock = std::chrono::system_clock;
+
+AttributeValue member(const std::optional<AttributeValue>& options, const char* key) {
+    if (options && options->is_object())
+        if (auto it = options->find(key); it != options->end() && it->is_object()) return *it;
+    return AttributeValue::object();
+}
+
+// A device-mode integration takes a message its key enables, or one that does not name it
+// while "All" is not switched off. A non-boolean value (settings for the integration)
+// enables it.
+bool integrationEnabled(const AttributeValue& integrations, const std::string& key) {
+    if (!integrations.is_object()) return true;
+    if (auto it = integrations.find(key); it != integrations.end()) return !it->is_boolean() || it->get<bool>();
+    auto all = integrations.find("All");
+    return all == integrations.end() || !all->is_boolean() || all->get<bool>();
+}
+
+AttributeValue baseContext() {
+    return {{"library", {{"name", "ktanalytics"}, {"version", kSDKVersion}}},
+            {"os", {{"name", "Linux"}, {"version", OperatingSystemVersion::current().string()}}},
+            {"locale", segment::localeTag(std::getenv("LC_ALL"), std::getenv("LANG"))},
+            {"timezone", segment::timezoneName(std::getenv("TZ"), "/etc/timezone", "/etc/localtime")}};
+}
+
+}  // namespace
+
+SEGAnalyticsConfiguration SEGAnalyticsConfiguration::configurationWithWriteKey(std::string writeKey) {
+    SEGAnalyticsConfiguration configuration;
+    configuration.writeKey = std::move(writeKey);
+    return configuration;
+}
+
+struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
+    struct Row {
+        std::int64_t id;
+        std::size_t bytes;
+    };
+
+    const SEGAnalyticsConfiguration configuration;
+    const std::shared_ptr<RequestQueueing> requestQueue;
+    const std::shared_ptr<KTLogger> logger;
+    const std::shared_ptr<SerialQueue> worker;
+    const std::shared_ptr<ThreadSerialQueue> ownWorker;  // the same queue when the client made it
+    const std::string url;
+    const AttributeValue context;
+    std::string anonymousId;  // fixed once the constructor returns
+
+    std::atomic<bool> closed{false};     // no more uploads or timers
+    std::atomic<bool> abandoned{false};  // destruction gave up waiting: skip what is left
+    std::atomic<std::uint64_t> tracked{0};
+
+    mutable std::mutex countsMutex;
+    SEGAnalyticsStatistics counts;  // guarded by countsMutex (but `tracked`)
+
+    // The worker's alone from here on (the constructor's before its first task).
+    std::unique_ptr<segment::SEGMessageStore> store;
+    std::optional<std::string> userId;
+    std::vector<std::pair<std::string, std::shared_ptr<SEGIntegration>>> integrations;
+    std::deque<Row> rows;           // waiting messages, oldest first
+    std::size_t inFlight = 0;       // the first `inFlight` rows are in the batch being sent
+    bool backingOff = false;        // a retry is scheduled; uploads wait for it
+    bool sendEverything = false;    // a flush, the timer or a retry asked for all that waits
+    int failures = 0;               // consecutive failed attempts of the batch
+    std::minstd_rand jitter{std::random_device{}()};
+
+    Impl(SEGAnalyticsConfiguration c, SEGAnalyticsDependencies d, std::shared_ptr<ThreadSerialQueue> own)
+        : configuration(std::move(c)),
+          requestQueue(std::move(d.requestQueue)),
+          logger(d.logger ? std::move(d.logger) : KTLogger::null()),
+          worker(own ? own : std::move(d.worker)),
+          ownWorker(std::move(own)),
+          url(segment::batchURL(configuration.apiHost)),
+          context(baseContext()) {}
+
+    // --- counts -------------------------------------------------------------------------
+
+    void drop(const char* reason, std::uint64_t count = 1) {
+        std::lock_guard lock(countsMutex);
+        counts.droppedByReason[reason] += count;
+        counts.waiting = rows.size();
+    }
+
+    void publishWaiting() {
+        std::lock_guard lock(countsMutex);
+        counts.waiting = rows.size();
+    }
+
+    // --- start --------------------------------------------------------------------------
+
+    void open(const std::filesystem::path& folder) {
+        std::string error;
+        store = segment::SEGMessageStore::open(folder, &error);
+        if (!store) {
+            KT_LOG(logger, 3, kFile, "-[SEGAnalytics init]", "cannot open the queue in {}: {}; messages will not be kept",
+                   folder.string(), error);
+        } else {
+            if (auto saved = store->value(kAnonymousIdKey)) anonymousId = *saved;
+            userId = store->value(kUserIdKey);
+            loadRows();
+        }
+        if (anonymousId.empty()) {
+            anonymousId = UUID::random().uuidString();
+            if (store && !store->setValue(kAnonymousIdKey, anonymousId))
+                KT_LOG(logger, 3, kFile, "-[SEGAnalytics init]", "cannot keep the anonymous id: {}", store->lastError());
+        }
+    }
+
+    // Rows from an earlier process are read as untrusted: one that is not a JSON object, or
+    // too large to send, would spoil every batch it joined.
+    void loadRows() {
+        const JSONSafeSerialization json;
+        std::vector<std::int64_t> bad;
+        for (auto& [id, text] : store->all()) {
+            auto value = text.size() <= kMaximumMessageBytes ? json.JSONObjectWithData(text) : std::nullopt;
+            if (value && value->is_object())
+                rows.push_back({id, text.size()});
+            else
+                bad.push_back(id);
+        }
+        if (!bad.empty()) {
+            store->remove(bad);
+            KT_LOG(logger, 2, kFile, "-[SEGAnalytics init]", "{} unreadable queued messages removed", bad.size());
+            drop("corrupted", bad.size());
+        }
+        publishWaiting();
+    }
+
+    void start(std::vector<std::pair<std::string, std::shared_ptr<SEGIntegration>>> made) {
+        integrations = std::move(made);
+        scheduleTimer();
+        // What an earlier process left is sent now rather than after the first interval.
+        sendEverything = !rows.empty();
+        maybeUpload();
+    }
+
+    void scheduleTimer() {
+        if (configuration.flushInterval <= std::chrono::milliseconds::zero()) return;
+        worker->asyncAfter(configuration.flushInterval, [weak = weak_from_this()] {
+            auto self = weak.lock();
+            if (!self || self->closed) return;
+            self->sendEverything = true;
+            self->maybeUpload();
+            self->scheduleTimer();
+        });
+    }
+
+    // --- messages -----------------------------------------------------------------------
+
+    void track(std::string event, std::optional<AttributeValue> properties, std::optional<AttributeValue> options,
+               Clock::time_point at) {
+        if (abandoned) return;
+        auto payload = std::make_shared<SEGTrackPayload>(std::move(event), std::move(properties),
+                                                         contextWith(options), member(options, "integrations"));
+        stamp(*payload, at);
+        process(std::move(payload));
+    }
+
+    void identify(std::string user, std::optional<AttributeValue> traits, std::optional<AttributeValue> options,
+                  Clock::time_point at) {
+        if (abandoned) return;
+        if (userId != user) {
+            userId = user;
+            if (store && !store->setValue(kUserIdKey, user))
+                KT_LOG(logger, 3, kFile, "-[SEGAnalytics identify:]", "cannot keep the user id: {}", store->lastError());
+        }
+        auto payload = std::make_shared<SEGIdentifyPayload>(std::move(user), anonymousId, std::move(traits),
+                                                            contextWith(options), member(options, "integrations"));
+        stamp(*payload, at);
+        process(std::move(payload));
+    }
+
+    AttributeValue contextWith(const std::optional<AttributeValue>& options) const {
+        AttributeValue merged = context;
+        merged.update(member(options, "context"), true);
+        return merged;
+    }
+
+    static void stamp(SEGPayload& payload, Clock::time_point at) {
+        payload.messageId = UUID::random().uuidString();
+        payload.timestamp = segment::iso8601(at);
+    }
+
+    // The middleware chain runs synchronously: a `next` called after its middleware returned
+    // finds the chain closed and is ignored (the message was already counted as dropped).
+    struct Chain {
+        std::atomic<bool> open{true};
+        std::optional<SEGContext> result;
+    };
+
+    void process(std::shared_ptr<const SEGPayload> payload) {
+        const std::string messageId = payload->messageId;
+        auto chain = std::make_shared<Chain>();
+        std::function<void(std::size_t, SEGContext)> step = [&](std::size_t index, SEGContext current) {
+            current.payload = keepingIdentity(std::move(current.payload), messageId);
+            if (index == configuration.sourceMiddleware.size() || !current.payload) {
+                chain->result = std::move(current);
+                return;
+            }
+            auto called = std::make_shared<bool>(false);
+            configuration.sourceMiddleware[index]->context(
+                std::move(current), [&step, chain, called, index, this](SEGContext next) {
+                    if (!chain->open) {
+                        KT_LOG(logger, 2, kFile, "-[SEGAnalytics run:]", "a middleware answered too late; ignored");
+                        return;
+                    }
+                    if (std::exchange(*called, true)) return;
+                    step(index + 1, std::move(next));
+                });
+        };
+        step(0, SEGContext{std::move(payload)});
+        chain->open = false;
+        if (!chain->result || !chain->result->payload) {
+            drop("dropped_by_middleware");
+            return;
+        }
+        deliver(*chain->result->payload);
+    }
+
+    // A middleware that rebuilt the payload and lost its id gets the original one back: the
+    // id is what lets the server drop a message sent twice.
+    static std::shared_ptr<const SEGPayload> keepingIdentity(std::shared_ptr<const SEGPayload> payload,
+                                                             const std::string& messageId) {
+        if (!payload || !payload->messageId.empty()) return payload;
+        std::shared_ptr<SEGPayload> copy;
+        if (const auto* t = dynamic_cast<const SEGTrackPayload*>(payload.get()))
+            copy = std::make_shared<SEGTrackPayload>(*t);
+        else if (const auto* i = dynamic_cast<const SEGIdentifyPayload*>(payload.get()))
+            copy = std::make_shared<SEGIdentifyPayload>(*i);
+        else
+            return payload;
+        copy->messageId = messageId;
+        return copy;
+    }
+
+    void deliver(const SEGPayload& payload) {
+        const auto* trackPayload = dynamic_cast<const SEGTrackPayload*>(&payload);
+        const auto* identifyPayload = dynamic_cast<const SEGIdentifyPayload*>(&payload);
+        if (!trackPayload && !identifyPayload) {
+            drop("dropped_by_middleware");
+            return;
+        }
+        for (const auto& [key, integration] : integrations) {
+            if (!integration || !integrationEnabled(payload.integrations, key)) continue;
+            if (trackPayload)
+                integration->track(*trackPayload);
+            else
+                integration->identify(*identifyPayload);
+        }
+        persist(trackPayload ? messageJSON(*trackPayload) : messageJSON(*identifyPayload));
+    }
+
+    AttributeValue messageJSON(const SEGTrackPayload& p) const {
+        AttributeValue m = common(p, "track");
+        m["event"] = p.event;
+        m["properties"] = p.properties.value_or(AttributeValue::object());
+        m["anonymousId"] = anonymousId;
+        if (userId) m["userId"] = *userId;
+        return m;
+    }
+
+    AttributeValue messageJSON(const SEGIdentifyPayload& p) const {
+        AttributeValue m = common(p, "identify");
+        m["traits"] = p.traits.value_or(AttributeValue::object());
+        m["anonymousId"] = p.anonymousId.value_or(anonymousId);
+        if (auto user = p.userId ? p.userId : userId) m["userId"] = *user;
+        return m;
+    }
+
+    static AttributeValue common(const SEGPayload& p, const char* type) {
+        return {{"type", type},
+                {"context", p.context},
+                {"integrations", p.integrations},
+                {"messageId", p.messageId},
+                {"timestamp", p.timestamp}};
+    }
+
+    void persist(const AttributeValue& message) {
+        std::string error;
+        auto text = JSONSafeSerialization().dataWithJSONObject(message, &error);
+        if (!text) {
+            KT_LOG(logger, 3, kFile, "-[SEGAnalytics queuePayload:]", "message not kept, it is not JSON: {}", error);
+            drop("not_persisted");
+            return;
+        }
+        if (text->size() > kMaximumMessageBytes) {
+            KT_LOG(logger, 2, kFile, "-[SEGAnalytics queuePayload:]", "message of {} bytes dropped (at most {})",
+                   text->size(), kMaximumMessageBytes);
+            drop("too_large");
+            return;
+        }
+        if (!store) {
+            drop("not_persisted");
+            return;
+        }
+        if (rows.size() >= configuration.maxQueueSize && !makeRoom()) return;
+        auto id = store->insert(*text);
+        if (!id) {
+            KT_LOG(logger, 3, kFile, "-[SEGAnalytics queuePayload:]", "message not kept: {}", store->lastError());
+            drop("not_persisted");
+            return;
+        }
+        rows.push_back({*id, text->size()});
+        {
+            std::lock_guard lock(countsMutex);
+            ++counts.persisted;
+            counts.waiting = rows.size();
+        }
+        maybeUpload();
+    }
+
+    // The oldest message not in flight gives way. When every waiting message is in the
+    // batch being sent, the new one is the one dropped.
+    bool makeRoom() {
+        if (inFlight >= rows.size()) {
+            KT_LOG(logger, 2, kFile, "-[SEGAnalytics queuePayload:]", "queue full; new message dropped");
+            drop("queue_full");
+            return false;
+        }
+        while (rows.size() >= configuration.maxQueueSize && inFlight < rows.size()) {
+            store->remove({rows[inFlight].id});
+            rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(inFlight));
+            drop("queue_full");
+        }
+        return rows.size() < configuration.maxQueueSize;
+    }
+
+    // --- upload -------------------------------------------------------------------------
+
+    void maybeUpload() {
+        if (closed || inFlight > 0 || backingOff || rows.empty() || !store) return;
+        if (!sendEverything && rows.size() < configuration.flushAt) return;
+        sendBatch();
+    }
+
+    void sendBatch() {
+        const std::string head = R"({"batch":[)";
+        const std::string tail =
+            R"(],"sentAt":")" + segment::iso8601(Clock::now()) + R"(","writeKey":)" +
+            AttributeValue(configuration.writeKey).dump(-1, ' ', false, AttributeValue::error_handler_t::replace) + "}";
+        // Oldest first, until the next message would take the body past the limit.
+        std::size_t size = head.size() + tail.size(), count = 0;
+        for (const Row& row : rows) {
+            const std::size_t added = row.bytes + (count > 0 ? 1 : 0);
+            if (count > 0 && size + added > kMaximumBatchBytes) break;
+            size += added;
+            ++count;
+        }
+        auto stored = store->range(rows.front().id, rows[count - 1].id);
+        std::string body;
+        body.reserve(size);
+        body += head;
+        for (std::size_t i = 0; i < stored.size(); ++i) {
+            if (i > 0) body += ',';
+            body += stored[i].second;
+        }
+        body += tail;
+        if (count == rows.size()) sendEverything = false;
+        inFlight = count;
+
+        auto gzipped = GzipCodec::gzippedData(body);
+        HTTPRequest request = configuration.requestFactory ? configuration.requestFactory(url) : HTTPRequest{};
+        if (request.url.empty()) request.url = url;
+        request.method = "POST";
+        request.body = gzipped ? std::move(*gzipped) : std::move(body);
+        const std::pair<const char*, std::string> headers[] = {
+            {"Content-Type", "application/json"},
+            {"Content-Encoding", gzipped ? "gzip" : "identity"},
+            {"Authorization", "Basic " + segment::base64(configuration.writeKey + ":")},
+            {"User-Agent", std::string("ktanalytics/") + kSDKVersion},
+        };
+        for (const auto& [field, value] : headers)
+            if (!request.value(field)) request.setValue(value, field);
+        {
+            std::lock_guard lock(countsMutex);
+            ++counts.batchesSent;
+            counts.bytesSent += request.body.size();
+        }
+        requestQueue->sendRequest(std::move(request), [weak = weak_from_this()](int code) {
+            if (auto self = weak.lock()) self->worker->asyncUrgent([self, code] { self->answer(code); });
+        });
+    }
+
+    void answer(int code) {
+        const std::size_t count = std::exchange(inFlight, 0);
+        if (count == 0) return;
+        if (code == static_cast<int>(RequestResult::delivered) || code == static_cast<int>(RequestResult::rejected)) {
+            failures = 0;
+            std::vector<std::int64_t> ids;
+            for (std::size_t i = 0; i < count; ++i) ids.push_back(rows[i].id);
+            if (!store->remove(ids))
+                KT_LOG(logger, 3, kFile, "-[SEGAnalytics endpointDidRespond:]", "sent messages not removed: {}",
+                       store->lastError());
+            rows.erase(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(count));
+            if (code == static_cast<int>(RequestResult::delivered)) {
+                std::lock_guard lock(countsMutex);
+                counts.delivered += count;
+                counts.waiting = rows.size();
+            } else {
+                KT_LOG(logger, 3, kFile, "-[SEGAnalytics endpointDidRespond:]",
+                       "batch of {} messages rejected by the server; dropped", count);
+                drop("rejected", count);
+            }
+            maybeUpload();
+            return;
+        }
+        // Anything else is worth another try: the batch stays, and so does its order.
+        ++failures;
+        {
+            std::lock_guard lock(countsMutex);
+            ++counts.retries;
+        }
+        backingOff = true;
+        const auto pause = jitteredBackoff(configuration.firstRetryDelay, 2, configuration.longestRetryDelay, failures,
+                                           jitter);
+        KT_LOG(logger, 1, kFile, "-[SEGAnalytics endpointDidRespond:]", "upload failed; retry {} in {} ms", failures,
+               pause.count());
+        worker->asyncAfter(pause, [weak = weak_from_this()] {
+            auto self = weak.lock();
+            if (!self) return;
+            self->backingOff = false;
+            self->sendEverything = true;
+            self->maybeUpload();
+        });
+    }
+
+    void flush() {
+        if (abandoned) return;
+        for (const auto& [key, integration] : integrations)
+            if (integration) integration->flush();
+        sendEverything = true;
+        maybeUpload();
+    }
+};
+
+SEGAnalytics::SEGAnalytics(SEGAnalyticsConfiguration configuration, SEGAnalyticsDependencies dependencies) {
+    std::shared_ptr<ThreadSerialQueue> own;
+    if (!dependencies.worker) own = std::make_shared<ThreadSerialQueue>("ktanalytics.segment");
+    const auto folder = dependencies.stateDirectory / "segment";
+    impl_ = std::make_shared<Impl>(std::move(configuration), std::move(dependencies), std::move(own));
+    impl_->open(folder);
+    // Integrations may call back into this client while they are made; they join the
+    // worker's state in its first task, so nothing else touches the list meanwhile.
+    std::vector<std::pair<std::string, std::shared_ptr<SEGIntegration>>> made;
+    for (const auto& factory : impl_->configuration.factories)
+        if (factory) made.emplace_back(factory->key(), factory->createWithSettings(AttributeValue::object(), *this));
+    impl_->worker->async([impl = impl_, made = std::move(made)]() mutable { impl->start(std::move(made)); });
+}
+
+SEGAnalytics::~SEGAnalytics() {
+    impl_->closed = true;
+    if (impl_->ownWorker) {
+        if (!impl_->ownWorker->drain(kShutdownWait)) {
+            impl_->abandoned = true;
+            KT_LOG(impl_->logger, 3, kFile, "-[SEGAnalytics dealloc]",
+                   "the worker did not finish in time; messages not yet stored are lost");
+        }
+        impl_->ownWorker->shutdown();
+    }
+    // With a worker of the caller's, the tasks already handed to it keep the state alive
+    // and still store their messages when it runs them.
+}
+
+void SEGAnalytics::identify(const std::string& userId, const std::optional<AttributeValue>& traits,
+                            const std::optional<AttributeValue>& options) {
+    impl_->tracked.fetch_add(1, std::memory_order_relaxed);
+    impl_->worker->async([impl = impl_, userId, traits, options, at = Clock::now()]() mutable {
+        impl->identify(std::move(userId), std::move(traits), std::move(options), at);
+    });
+}
+
+void SEGAnalytics::track(const std::string& event, const std::optional<AttributeValue>& properties,
+                         const std::optional<AttributeValue>& options) {
+    impl_->tracked.fetch_add(1, std::memory_order_relaxed);
+    impl_->worker->async([impl = impl_, event, properties, options, at = Clock::now()]() mutable {
+        impl->track(std::move(event), std::move(properties), std::move(options), at);
+    });
+}
+
+std::string SEGAnalytics::getAnonymousId() { return impl_->anonymousId; }
+
+void SEGAnalytics::flush() {
+    impl_->worker->async([impl = impl_] { impl->flush(); });
+}
+
+SEGAnalyticsStatistics SEGAnalytics::statistics() const {
+    std::lock_guard lock(impl_->countsMutex);
+    SEGAnalyticsStatistics copy = impl_->counts;
+    copy.tracked = impl_->tracked.load(std::memory_order_relaxed);
+    return copy;
+}
+
+const SEGAnalyticsConfiguration& SEGAnalytics::configuration() const { return impl_->configuration; }
+
+}  // namespace kt

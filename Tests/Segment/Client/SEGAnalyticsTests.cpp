@@ -1,0 +1,407 @@
+#include "Segment/Client/SEGAnalytics.h"
+
+#include <cmath>
+#include <regex>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "Analytics/OperatingSystemVersion.h"
+#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTFoundation/KTEnvironment.h"
+#include "Platform/SerialQueue.h"
+#include "Platform/UUID.h"
+#include "Support/FakeRequestQueue.h"
+#include "Support/RecordingLogger.h"
+#include "Support/TemporaryDirectory.h"
+
+namespace kt {
+namespace {
+
+using json = AttributeValue;
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+constexpr int kDelivered = 0, kFailed = 2, kRejected = 3;
+
+SEGAnalyticsConfiguration config(std::size_t flushAt = 100) {
+    auto c = SEGAnalyticsConfiguration::configurationWithWriteKey("wk");
+    c.apiHost = "collector.example/v1";
+    c.flushAt = flushAt;
+    return c;
+}
+
+// One client over a virtual-time worker and a request queue the test answers.
+struct Harness {
+    testing::TemporaryDirectory state{"kt-seg"};
+    std::shared_ptr<VirtualTimeSerialQueue> worker = std::make_shared<VirtualTimeSerialQueue>();
+    std::shared_ptr<testing::FakeRequestQueue> requests = std::make_shared<testing::FakeRequestQueue>();
+    std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
+    std::unique_ptr<SEGAnalytics> client;
+
+    explicit Harness(SEGAnalyticsConfiguration c = config()) { start(std::move(c)); }
+
+    void start(SEGAnalyticsConfiguration c) {
+        client.reset();
+        client = std::make_unique<SEGAnalytics>(std::move(c), SEGAnalyticsDependencies{requests, state.path(), logger, worker});
+        worker->runUntilIdle();
+    }
+    void track(const std::string& event, std::optional<json> properties = {}, std::optional<json> options = {}) {
+        client->track(event, properties, options);
+        worker->runUntilIdle();
+    }
+    void flush() {
+        client->flush();
+        worker->runUntilIdle();
+    }
+    void respond(int code) {
+        ASSERT_TRUE(requests->respond(code));
+        worker->runUntilIdle();
+    }
+    std::string rawBody(std::size_t index) const {
+        return *GzipCodec::gunzippedData(requests->sentRequests().at(index).body);
+    }
+    json body(std::size_t index) const { return json::parse(rawBody(index)); }
+    std::vector<std::string> events(std::size_t index) const {
+        std::vector<std::string> names;
+        const json whole = body(index);
+        for (const auto& m : whole["batch"]) names.push_back(m.value("event", "<" + m.value("type", "") + ">"));
+        return names;
+    }
+    SEGAnalyticsStatistics stats() const { return client->statistics(); }
+};
+
+const std::regex kTimestamp(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
+
+TEST(SEGAnalytics, MessagesCarryEveryFieldAndTheEnvelopeIsComplete) {
+    ::setenv("LANG", "de_DE.UTF-8", 1);
+    ::unsetenv("LC_ALL");
+    ::setenv("TZ", ":Europe/Berlin", 1);
+    Harness h;
+    ::unsetenv("TZ");
+    h.track("Played", json{{"track", 7}}, json{{"context", {{"app", {{"name", "x"}}}, {"library", {{"extra", 1}}}}},
+                                                 {"integrations", {{"Firebase", false}}}});
+    h.client->identify("u1", json{{"plan", "pro"}}, std::nullopt);
+    h.track("Paused");
+    h.flush();
+    ASSERT_EQ(h.requests->sentCount(), 1u);
+
+    json envelope = h.body(0);
+    EXPECT_EQ(envelope.at("writeKey"), "wk");
+    EXPECT_TRUE(std::regex_match(envelope.at("sentAt").get<std::string>(), kTimestamp));
+    json batch = envelope.at("batch");
+    envelope.erase("batch");
+    envelope.erase("sentAt");
+    EXPECT_EQ(envelope, json({{"writeKey", "wk"}}));
+
+    const std::string anonymousId = h.client->getAnonymousId();
+    EXPECT_TRUE(UUID::fromString(anonymousId));
+    const json context = {{"library", {{"name", "ktanalytics"}, {"version", kSDKVersion}}},
+                          {"os", {{"name", "Linux"}, {"version", OperatingSystemVersion::current().string()}}},
+                          {"locale", "de-DE"},
+                          {"timezone", "Europe/Berlin"}};
+    json first = context;
+    first["app"] = {{"name", "x"}};
+    first["library"]["extra"] = 1;
+    const json expected = json::array({
+        {{"type", "track"}, {"event", "Played"}, {"properties", {{"track", 7}}}, {"context", first},
+         {"integrations", {{"Firebase", false}}}, {"anonymousId", anonymousId}},
+        {{"type", "identify"}, {"userId", "u1"}, {"traits", {{"plan", "pro"}}}, {"context", context},
+         {"integrations", json::object()}, {"anonymousId", anonymousId}},
+        {{"type", "track"}, {"event", "Paused"}, {"properties", json::object()}, {"context", context},
+         {"integrations", json::object()}, {"anonymousId", anonymousId}, {"userId", "u1"}},
+    });
+    std::set<std::string> ids;
+    for (auto& message : batch) {
+        EXPECT_TRUE(UUID::fromString(message.at("messageId").get<std::string>()));
+        EXPECT_TRUE(std::regex_match(message.at("timestamp").get<std::string>(), kTimestamp));
+        ids.insert(message.at("messageId").get<std::string>());
+        message.erase("messageId");
+        message.erase("timestamp");
+    }
+    EXPECT_EQ(ids.size(), 3u);
+    EXPECT_EQ(batch, expected);
+}
+
+TEST(SEGAnalytics, RequestHasTheClientsHeadersUnlessTheFactorysWin) {
+    const Headers clientHeaders = {{"Content-Type", "application/json"},
+                                   {"Content-Encoding", "gzip"},
+                                   {"Authorization", "Basic d2s6"},  // base64("wk:")
+                                   {"User-Agent", std::string("ktanalytics/") + kSDKVersion}};
+    {
+        Harness h;
+        h.track("a");
+        h.flush();
+        const auto request = h.requests->sentRequests().at(0);
+        EXPECT_EQ(request.url, "https://collector.example/v1/batch");
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.headers, clientHeaders);
+    }
+    auto c = config();
+    c.requestFactory = [](const std::string& url) {
+        HTTPRequest request;
+        request.url = "http://127.0.0.1:1/rewritten?from=" + url;
+        request.method = "PUT";
+        request.setValue("text/plain", "content-type");
+        request.setValue("1", "X-Trace");
+        return request;
+    };
+    Harness h(c);
+    h.track("a");
+    h.flush();
+    const auto request = h.requests->sentRequests().at(0);
+    EXPECT_EQ(request.url, "http://127.0.0.1:1/rewritten?from=https://collector.example/v1/batch");
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(request.headers, (Headers{{"content-type", "text/plain"},
+                                        {"X-Trace", "1"},
+                                        clientHeaders[1],
+                                        clientHeaders[2],
+                                        clientHeaders[3]}));
+    EXPECT_EQ(h.body(0)["batch"].size(), 1u);
+}
+
+TEST(SEGAnalytics, MiddlewaresRunInOrderAndMayReplaceOrDrop) {
+    std::vector<std::string> seen;
+    std::string originalId;
+    auto c = config();
+    c.sourceMiddleware = {
+        std::make_shared<SEGBlockMiddleware>([&](SEGContext context, const SEGMiddlewareNext& next) {
+            seen.push_back("first");
+            originalId = context.payload->messageId;
+            if (static_cast<const SEGTrackPayload&>(*context.payload).event == "secret") return;  // dropped
+            next(context);
+        }),
+        std::make_shared<SEGBlockMiddleware>([&](SEGContext context, const SEGMiddlewareNext& next) {
+            seen.push_back("second");
+            // Rebuilt without copying the id: the client restores it.
+            next(context.modify([](SEGContext& changed) {
+                changed.payload = std::make_shared<SEGTrackPayload>("renamed", json{{"by", "middleware"}},
+                                                                    changed.payload->context, json::object());
+            }));
+        }),
+    };
+    Harness h(c);
+    h.track("secret");
+    h.track("original");
+    h.flush();
+    EXPECT_EQ(seen, (std::vector<std::string>{"first", "first", "second"}));
+    const json message = h.body(0)["batch"].at(0);
+    EXPECT_EQ(h.body(0)["batch"].size(), 1u);
+    EXPECT_EQ(message["event"], "renamed");
+    EXPECT_EQ(message["properties"], json({{"by", "middleware"}}));
+    EXPECT_EQ(message["messageId"], originalId);
+    EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"dropped_by_middleware", 1}}));
+    EXPECT_EQ(h.stats().persisted, 1u);
+    EXPECT_EQ(h.stats().tracked, 2u);
+}
+
+struct RecordingIntegration final : SEGIntegration {
+    std::vector<std::string> received;
+    void track(const SEGTrackPayload& p) override { received.push_back(p.event); }
+    void identify(const SEGIdentifyPayload& p) override { received.push_back("identify:" + p.userId.value_or("")); }
+};
+
+struct Factory final : SEGIntegrationFactory {
+    std::shared_ptr<RecordingIntegration> made = std::make_shared<RecordingIntegration>();
+    std::string key() const override { return "Firebase"; }
+    std::shared_ptr<SEGIntegration> createWithSettings(const AttributeValue& settings, SEGAnalytics&) override {
+        EXPECT_EQ(settings, json::object());
+        return made;
+    }
+};
+
+TEST(SEGAnalytics, IntegrationsMapDecidesWhichDeviceModeIntegrationReceives) {
+    const struct {
+        json integrations;
+        bool received;
+    } cases[] = {
+        {json::object(), true},
+        {{{"Firebase", true}}, true},
+        {{{"Firebase", false}}, false},
+        {{{"All", true}}, true},
+        {{{"All", false}}, false},
+        {{{"All", false}, {"Firebase", true}}, true},
+        {{{"All", true}, {"Firebase", false}}, false},
+        {{{"Other", false}}, true},
+    };
+    auto factory = std::make_shared<Factory>();
+    auto c = config();
+    c.use(factory);
+    Harness h(c);
+    std::vector<std::string> expected;
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        h.track("e" + std::to_string(i), std::nullopt, json{{"integrations", cases[i].integrations}});
+        if (cases[i].received) expected.push_back("e" + std::to_string(i));
+    }
+    h.client->identify("u", std::nullopt, json{{"integrations", {{"All", false}}}});
+    h.client->identify("v", std::nullopt, std::nullopt);
+    h.worker->runUntilIdle();
+    expected.push_back("identify:v");
+    EXPECT_EQ(factory->made->received, expected);
+    // Disabled for the device-mode integration is not disabled for the server.
+    EXPECT_EQ(h.stats().persisted, std::size(cases) + 2);
+}
+
+TEST(SEGAnalytics, RestartKeepsIdsAndSendsWhatWasQueued) {
+    Harness h;
+    h.client->identify("u9", std::nullopt, std::nullopt);
+    h.track("before");
+    const std::string anonymousId = h.client->getAnonymousId();
+    EXPECT_EQ(h.requests->sentCount(), 0u);
+    h.start(config());
+    EXPECT_EQ(h.client->getAnonymousId(), anonymousId);
+    ASSERT_EQ(h.requests->sentCount(), 1u);  // sent at start, below flushAt
+    EXPECT_EQ(h.events(0), (std::vector<std::string>{"<identify>", "before"}));
+    h.respond(kDelivered);
+    h.track("after");
+    h.flush();
+    EXPECT_EQ(h.body(1)["batch"][0]["userId"], "u9");
+    EXPECT_EQ(h.body(1)["batch"][0]["anonymousId"], anonymousId);
+}
+
+TEST(SEGAnalytics, DestructionStoresWhatItsOwnWorkerWasHanded) {
+    testing::TemporaryDirectory state("kt-seg");
+    auto requests = std::make_shared<testing::FakeRequestQueue>();
+    {
+        SEGAnalytics client(config(10), {requests, state.path(), nullptr, nullptr});
+        // Counts read and failed answers given from other threads while the worker runs
+        // (ThreadSanitizer checks this); failed batches stay queued.
+        std::thread reader([&] {
+            for (int i = 0; i < 100; ++i) {
+                (void)client.statistics();
+                requests->respondToAll(kFailed);
+            }
+        });
+        for (int i = 0; i < 50; ++i) client.track("e" + std::to_string(i), std::nullopt, std::nullopt);
+        reader.join();
+    }
+    auto worker = std::make_shared<VirtualTimeSerialQueue>();
+    SEGAnalytics again(config(), {requests, state.path(), nullptr, worker});
+    EXPECT_EQ(again.statistics().waiting, 50u);
+    const std::size_t before = requests->sentCount();
+    worker->runUntilIdle();
+    EXPECT_EQ(requests->sentCount(), before + 1);
+}
+
+TEST(SEGAnalytics, UploadsAtFlushAtAndOnTheInterval) {
+    auto c = config(3);
+    c.flushInterval = std::chrono::seconds(30);
+    Harness h(c);
+    h.track("a");
+    h.track("b");
+    EXPECT_EQ(h.requests->sentCount(), 0u);
+    h.track("c");
+    ASSERT_EQ(h.requests->sentCount(), 1u);
+    EXPECT_EQ(h.events(0), (std::vector<std::string>{"a", "b", "c"}));
+    h.track("d");  // one batch at a time
+    h.track("e");
+    h.track("f");
+    EXPECT_EQ(h.requests->sentCount(), 1u);
+    h.respond(kDelivered);
+    ASSERT_EQ(h.requests->sentCount(), 2u);
+    EXPECT_EQ(h.events(1), (std::vector<std::string>{"d", "e", "f"}));
+    h.respond(kDelivered);
+
+    h.track("g");
+    h.worker->advance(std::chrono::seconds(29));
+    EXPECT_EQ(h.requests->sentCount(), 2u);
+    h.worker->advance(std::chrono::seconds(31));
+    ASSERT_EQ(h.requests->sentCount(), 3u);
+    EXPECT_EQ(h.events(2), (std::vector<std::string>{"g"}));
+    h.respond(kDelivered);
+    EXPECT_EQ(h.stats().delivered, 7u);
+    EXPECT_EQ(h.stats().batchesSent, 3u);
+    EXPECT_EQ(h.stats().waiting, 0u);
+}
+
+TEST(SEGAnalytics, FailedBatchIsRetriedAfterBackOffThenDelivered) {
+    Harness h;
+    h.track("a");
+    h.flush();
+    h.respond(kFailed);
+    EXPECT_EQ(h.stats().retries, 1u);
+    EXPECT_EQ(h.stats().waiting, 1u);
+    h.track("b");
+    h.flush();  // waits for the back-off
+    EXPECT_EQ(h.requests->sentCount(), 1u);
+    h.worker->advance(std::chrono::milliseconds(1200));  // the first pause, jitter included
+    ASSERT_EQ(h.requests->sentCount(), 2u);
+    EXPECT_EQ(h.body(1)["batch"][0]["messageId"], h.body(0)["batch"][0]["messageId"]);
+    EXPECT_EQ(h.events(1), (std::vector<std::string>{"a", "b"}));
+    h.respond(kDelivered);
+    EXPECT_EQ(h.stats().delivered, 2u);
+    EXPECT_EQ(h.stats().waiting, 0u);
+    EXPECT_TRUE(h.stats().droppedByReason.empty());
+}
+
+TEST(SEGAnalytics, RejectedBatchIsDroppedCountedAndLogged) {
+    Harness h;
+    h.track("a");
+    h.track("b");
+    h.flush();
+    h.respond(kRejected);
+    EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"rejected", 2}}));
+    EXPECT_EQ(h.stats().waiting, 0u);
+    EXPECT_TRUE(h.logger->contains("rejected"));
+    h.start(config());  // nothing left to send after a restart
+    EXPECT_EQ(h.requests->sentCount(), 1u);
+}
+
+TEST(SEGAnalytics, MessagesThatCannotBeKeptAreCountedByReason) {
+    const struct {
+        json properties;
+        const char* reason;
+    } cases[] = {
+        {{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes, 'x')}}, "too_large"},
+        {{{"ratio", std::nan("")}}, "not_persisted"},
+        {{{"name", std::string("\xff\xfe")}}, "not_persisted"},
+    };
+    for (const auto& c : cases) {
+        Harness h;
+        h.track("big", c.properties);
+        h.track("fine", json{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes - 1000, 'x')}});
+        EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{c.reason, 1}})) << c.reason;
+        EXPECT_EQ(h.stats().persisted, 1u);
+    }
+}
+
+TEST(SEGAnalytics, LargeQueueIsSentInBatchesWithinTheLimit) {
+    Harness h;
+    const std::string filler(20'000, 'x');
+    for (int i = 0; i < 40; ++i) h.track("e" + std::to_string(i), json{{"f", filler}});
+    h.flush();
+    std::vector<std::string> all;
+    while (h.requests->pendingCount() > 0) {
+        const std::size_t index = h.requests->sentCount() - 1;
+        const std::string raw = h.rawBody(index);
+        EXPECT_LE(raw.size(), SEGAnalytics::kMaximumBatchBytes);
+        // Full: one more message would not have fitted.
+        if (h.stats().waiting > h.body(index)["batch"].size()) {
+            EXPECT_GT(raw.size() + h.body(index)["batch"][0].dump().size() + 1, SEGAnalytics::kMaximumBatchBytes);
+        }
+        for (const auto& name : h.events(index)) all.push_back(name);
+        h.respond(kDelivered);
+    }
+    EXPECT_EQ(h.requests->sentCount(), 2u);
+    std::vector<std::string> expected;
+    for (int i = 0; i < 40; ++i) expected.push_back("e" + std::to_string(i));
+    EXPECT_EQ(all, expected);
+}
+
+TEST(SEGAnalytics, FullQueueDropsTheOldestWaitingMessage) {
+    auto c = config();
+    c.maxQueueSize = 3;
+    Harness h(c);
+    for (const char* name : {"a", "b", "c", "d", "e"}) h.track(name);
+    EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"queue_full", 2}}));
+    EXPECT_EQ(h.stats().waiting, 3u);
+    h.flush();
+    EXPECT_EQ(h.events(0), (std::vector<std::string>{"c", "d", "e"}));
+    // While those three are in flight the newest gives way, not a message being sent.
+    h.track("f");
+    h.respond(kDelivered);
+    EXPECT_EQ(h.stats().delivered, 3u);
+    EXPECT_EQ(h.stats().droppedByReason.at("queue_full"), 3u);
+}
+
+}  // namespace
+}  // namespace kt

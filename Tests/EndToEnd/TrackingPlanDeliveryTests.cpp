@@ -7,7 +7,9 @@
 #include <set>
 #include <sstream>
 
+#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "Gateway/DevelopmentGateway.h"
+#include "Segment/SegmentWrapper.h"
 #include "Setup/AnalyticsStack.h"
 #include "Support/TemporaryDirectory.h"
 #include "TrackingArchitecture/EventSender.h"

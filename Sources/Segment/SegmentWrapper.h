@@ -8,12 +8,30 @@
 
 #include "Segment/SegmentAnalyticsProtocol.h"
 #include "Segment/SegmentEventRecorder.h"
+#include "Segment/SegmentMiddlewareFactory.h"
 #include "Segment/SegmentWrapping.h"
 
 namespace kt {
 
 class KTLogger;
+class KeychainCredentialStoring;
 struct SEGAnalyticsConfiguration;
+struct SEGAnalyticsDependencies;
+
+/// What a wrapper's client is configured from.
+struct SegmentWrapperSetup {
+    std::string writeKey;
+    /// The client's API URL; empty: the client's default.
+    std::string apiHost;
+    /// The host that replaces the API host in upload URLs; absent: uploads go out unchanged.
+    std::optional<std::string> replacementAPIHost;
+    std::shared_ptr<KeychainCredentialStoring> keychain;
+    /// Its middlewares and integrations configure the client; null: none.
+    std::shared_ptr<SegmentMiddlewareMaking> middlewareFactory;
+    std::shared_ptr<KTLogger> logger;
+    /// Upload once this many messages wait.
+    std::size_t flushAt = 20;
+};
 
 class SegmentWrapper final : public SegmentWrapping {
 public:
@@ -25,9 +43,15 @@ public:
     /// `SegmentDependencyProvider`; lives for the process.
     static std::shared_ptr<SegmentWrapper> shared();
 
-    /// The configuration the shared instance is built with: write key, the context
-    /// middleware, the request rewriter when the hook names a host, the integrations.
-    static SEGAnalyticsConfiguration makeConfiguration(const std::string& writeKey, const std::string& apiHost);
+    /// The client configuration: write key, the factory's source middlewares, the request
+    /// rewriter when a replacement host is given (no request factory otherwise), the
+    /// factory's integrations in order.
+    static SEGAnalyticsConfiguration makeConfiguration(const SegmentWrapperSetup& setup);
+    /// A wrapper over a new client made from `setup`, with a SegmentMiddlewareFactory over
+    /// `sources` (an empty anonymous-id source there reports this client's id).
+    static std::shared_ptr<SegmentWrapper> make(SegmentWrapperSetup setup, SegmentMiddlewareSources sources,
+                                                SEGAnalyticsDependencies dependencies,
+                                                std::shared_ptr<SegmentEventRecording> eventRecorder);
 
     void track(const std::string& name, std::int64_t version, const std::optional<AttributeValue>& properties,
                const SegmentIntegrations& integrations) override;

@@ -1,6 +1,7 @@
 #include "Setup/AnalyticsStack.h"
 
 #include <boost/url/parse.hpp>
+#include <boost/url/url.hpp>
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
@@ -37,7 +38,10 @@
 #include "Platform/OwnerOnlyFiles.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
+#include "Segment/SegmentWrapper.h"
 #include "Setup/Detail/ResultNotifyingRequestQueue.h"
+#include "TrackingArchitecture/EventBroker.h"
+#include "TrackingArchitecture/EventSender.h"
 
 namespace kt {
 
@@ -46,11 +50,23 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+// The product-analytics API URL: the client's default when empty, https when given as a
+// bare host ("api.example.com/v1"); nullopt when it is no http(s) URL with a host.
+std::optional<std::string> segmentAPIBase(const std::string& configured) {
+    std::string text = configured.empty() ? std::string("https://api.segment.io/v1") : configured;
+    if (text.find("://") == std::string::npos) text = "https://" + text;
+    auto url = boost::urls::parse_uri(text);
+    if (!url || (url->scheme() != "http" && url->scheme() != "https") || url->encoded_host().empty())
+        return std::nullopt;
+    return text;
+}
+
 constexpr const char* kFile = "Sources/Setup/AnalyticsStack";
 constexpr const char* kQueueLabel = "ktanalytics.eventgateway";
 constexpr const char* kRequestsFile = "requests.sqlite3";
 constexpr const char* kCacheFolder = "cache";
 constexpr const char* kEventsFolder = "events";
+constexpr const char* kSegmentFolder = "segment";
 
 // Each pause after a failed attempt is this many times the one before.
 constexpr int kRetryPauseGrowth = 3;
@@ -120,6 +136,9 @@ std::string AnalyticsStack::validate(const AnalyticsStackConfiguration& configur
     if (configuration.firstRetryPause < std::chrono::milliseconds::zero() ||
         configuration.longestRetryPause < configuration.firstRetryPause)
         return "the retry pauses must not be negative, and the longest not shorter than the first";
+    if (!segmentAPIBase(configuration.segmentAPIHost))
+        return "the product-analytics API host must be an http(s) URL or a host name: " + configuration.segmentAPIHost;
+    if (configuration.segmentFlushAt == 0) return "the product-analytics flush count must be at least 1";
     return {};
 }
 
@@ -238,6 +257,40 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         s.attributableEventCenter_->setDelegate(config.attributionDelegate);
     }
 
+    // The tracking plan: its product-analytics client uploads through the same request queue.
+    SegmentMiddlewareSources sources;
+    sources.attributeRegistry = s.attributeRegistry_;
+    sources.sessionIdProvider = s.sessionIdProvider_;
+    sources.assignedVariantIds = [variants = config.variantIds] { return variants; };
+    sources.analyticsId = [id = config.analyticsId] { return id; };
+    sources.firebaseAnalyticsController = [controller = config.firebaseAnalyticsController]()
+        -> DependencyResult<FirebaseAnalyticsControlling> {
+        if (controller) return controller;
+        return DependencyError::depencyNotSet;
+    };
+    sources.moEngageEventLogger = [logger = config.moEngageEventLogger]() -> DependencyResult<MoEngageEventLogging> {
+        if (logger) return logger;
+        return DependencyError::depencyNotSet;
+    };
+    sources.logger = s.logger_;
+    sources.console = config.console;
+    SegmentWrapperSetup segmentSetup;
+    segmentSetup.writeKey = environment.segmentWriteKey;
+    segmentSetup.apiHost = segmentAPIURL(config);
+    if (auto gateway = boost::urls::parse_uri(environment.eventGatewayBaseURL))
+        segmentSetup.replacementAPIHost = std::string(gateway->encoded_host());
+    segmentSetup.keychain = s.credentialStore_;
+    segmentSetup.flushAt = config.segmentFlushAt;
+    segmentSetup.logger = s.logger_;
+    SEGAnalyticsDependencies segmentDependencies;
+    segmentDependencies.requestQueue = s.notifyingRequestQueue_;
+    segmentDependencies.stateDirectory = cachesRoot / kSegmentFolder;
+    segmentDependencies.logger = s.logger_;
+    s.segmentWrapper_ = SegmentWrapper::make(std::move(segmentSetup), std::move(sources), std::move(segmentDependencies),
+                                             config.segmentEventRecorder);
+    s.segmentAnalytics_ = std::dynamic_pointer_cast<SEGAnalytics>(s.segmentWrapper_->segmentAnalytics());
+    s.eventSender_ = std::make_shared<EventSender>(std::make_shared<EventBroker>(s.segmentWrapper_));
+
     KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
            environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
     return stack;
@@ -254,6 +307,10 @@ AnalyticsStack::~AnalyticsStack() {
         threadQueue_->shutdown();
     }
     if (uploader_ && userDefaults_) recordDrops();
+    // The client persists what it was handed and stops before the request queue goes.
+    eventSender_.reset();
+    segmentWrapper_.reset();
+    segmentAnalytics_.reset();
     if (notifyingRequestQueue_) notifyingRequestQueue_->stop();
     reliableUploader_.reset();
     curlRequestQueue_.reset();
@@ -367,9 +424,30 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
         while (!(requestsSettled = reliableUploader_->statistics().waiting == 0) && Clock::now() < deadline)
             waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
     }
-    if (settled) return requestsSettled;
+    // Tracking-plan messages retry on their client's own back-off.
+    bool messagesSettled = true;
+    if (segmentAnalytics_) {
+        segmentAnalytics_->flush();
+        while (!(messagesSettled = segmentAnalytics_->statistics().waiting == 0) && Clock::now() < deadline)
+            waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
+    }
+    if (settled) return requestsSettled && messagesSettled;
     const auto upload = uploader_->statistics();
-    return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled;
+    return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled && messagesSettled;
+}
+
+std::string AnalyticsStack::segmentAPIURL(const AnalyticsStackConfiguration& configuration) {
+    auto base = segmentAPIBase(configuration.segmentAPIHost);
+    if (!base) return configuration.segmentAPIHost;
+    boost::urls::url api(*base);
+    auto gateway = boost::urls::parse_uri(configuration.environment.eventGatewayBaseURL);
+    if (!gateway) return std::string(api.buffer());
+    api.set_scheme(gateway->scheme());
+    if (gateway->has_port())
+        api.set_port(gateway->port());
+    else
+        api.remove_port();
+    return std::string(api.buffer());
 }
 
 APEventDropCounts AnalyticsStack::recordedDrops(std::shared_ptr<UserDefaults> defaults) {
@@ -400,6 +478,7 @@ AnalyticsStackStatistics AnalyticsStack::statistics() const {
     s.upload = uploader_->statistics();
     if (curlRequestQueue_) s.requests = curlRequestQueue_->statistics();
     if (reliableUploader_) s.reliableRequests = reliableUploader_->statistics();
+    if (segmentAnalytics_) s.segment = segmentAnalytics_->statistics();
     return s;
 }
 

@@ -32,6 +32,7 @@
 #include "KTData/CurlRequestQueue.h"
 #include "KTData/ReliableRequestUploader.h"
 #include "KTFoundation/KTEnvironment.h"
+#include "Segment/Client/SEGAnalytics.h"
 
 namespace kt {
 
@@ -39,6 +40,11 @@ class APAnalyticsController;
 class APPromotedAnalyticsProvider;
 class AttributableEventCenter;
 class AttributableEventCenterDelegate;
+class EventSender;
+class FirebaseAnalyticsControlling;
+class MoEngageEventLogging;
+class SegmentEventRecording;
+class SegmentWrapper;
 class PlaybackServicing;
 class APEventDescripting;
 class APEventGatewayAnalyticsProvider;
@@ -70,6 +76,8 @@ struct AnalyticsStackStatistics {
     APEventGatewayUploadStatistics upload;
     CurlRequestQueueStatistics requests;
     ReliableRequestUploaderStatistics reliableRequests;
+    /// The tracking plan's product-analytics messages.
+    SEGAnalyticsStatistics segment;
 };
 
 struct AnalyticsStackConfiguration {
@@ -120,6 +128,19 @@ struct AnalyticsStackConfiguration {
     /// the stack keeps it).
     std::shared_ptr<PlaybackServicing> playbackService{};
     std::shared_ptr<AttributableEventCenterDelegate> attributionDelegate{};
+    /// The tracking plan's product-analytics client (write key: `environment.segmentWriteKey`).
+    /// Its API URL; empty: the client's default. The uploads keep its host and path and take
+    /// the gateway URL's scheme and port; the request rewriter then puts the gateway's host in
+    /// place of the API host and signs them with the token, so only that rewriting brings them
+    /// to the gateway.
+    std::string segmentAPIHost{};
+    /// Upload once this many messages wait.
+    std::size_t segmentFlushAt = 20;
+    /// Receive the events the tracking plan addresses to them; null: not forwarded (logged).
+    std::shared_ptr<FirebaseAnalyticsControlling> firebaseAnalyticsController{};
+    std::shared_ptr<MoEngageEventLogging> moEngageEventLogger{};
+    /// Mirrors every tracking-plan event; null: none.
+    std::shared_ptr<SegmentEventRecording> segmentEventRecorder{};
 };
 
 class AnalyticsStack {
@@ -208,6 +229,11 @@ public:
     /// Null unless the configuration has a playback service.
     const std::shared_ptr<AttributableEventCenter>& attributableEventCenter() const { return attributableEventCenter_; }
     const std::shared_ptr<APEventNames>& eventNames() const { return eventNames_; }
+    const std::shared_ptr<SegmentWrapper>& segmentWrapper() const { return segmentWrapper_; }
+    /// The tracking plan's sender, over a broker of `segmentWrapper`.
+    const std::shared_ptr<EventSender>& eventSender() const { return eventSender_; }
+    /// The client's API URL as configured for this stack's gateway (see `segmentAPIHost`).
+    static std::string segmentAPIURL(const AnalyticsStackConfiguration& configuration);
     APAnalyticsController& controller() const { return *controller_; }
 
 private:
@@ -255,6 +281,9 @@ private:
     std::shared_ptr<AttributableEventCenter> attributableEventCenter_;
     std::shared_ptr<APEventNames> eventNames_;
     std::shared_ptr<APAnalyticsController> controller_;
+    std::shared_ptr<SEGAnalytics> segmentAnalytics_;
+    std::shared_ptr<SegmentWrapper> segmentWrapper_;
+    std::shared_ptr<EventSender> eventSender_;
 };
 
 }  // namespace kt

@@ -21,6 +21,7 @@
 #include "Commands/Commands.h"
 #include "Commands/Playback.h"
 #include "KTFoundation/KTLogger.h"
+#include "TrackingArchitecture/EventSender.h"
 
 namespace kt::tool {
 
@@ -69,10 +70,59 @@ std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unor
     return line;
 }
 
+std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string& problem) {
+    problem.clear();
+    // Ordered, so that properties keep the line's order.
+    auto json = nlohmann::ordered_json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
+    const auto track = json.find("track"), identify = json.find("identify");
+    if (track == json.end() && identify == json.end()) return std::nullopt;
+    const auto fail = [&problem](std::string reason) -> std::optional<TrackingLine> {
+        problem = std::move(reason);
+        return std::nullopt;
+    };
+    if (track != json.end() && identify != json.end()) return fail("both \"track\" and \"identify\"");
+    TrackingLine line;
+    if (identify != json.end()) {
+        if (!identify->is_string() || identify->get_ref<const std::string&>().empty())
+            return fail("\"identify\" is not a user id");
+        line.kind = TrackingLine::Kind::identify;
+        line.name = identify->get<std::string>();
+        if (auto traits = json.find("traits"); traits != json.end() && !traits->is_null()) {
+            if (!traits->is_object()) return fail("\"traits\" is not an object");
+            line.traits = AttributeValue(*traits);
+        }
+        return line;
+    }
+    if (!track->is_string() || track->get_ref<const std::string&>().empty())
+        return fail("\"track\" is not an event name");
+    line.name = track->get<std::string>();
+    if (auto version = json.find("version"); version != json.end()) {
+        if (!version->is_number_integer() || version->get<std::int64_t>() < 1)
+            return fail("\"version\" is not a positive integer");
+        line.version = version->get<std::int64_t>();
+    }
+    if (auto properties = json.find("properties"); properties != json.end() && !properties->is_null()) {
+        if (!properties->is_object()) return fail("\"properties\" is not an object");
+        for (auto& [key, value] : properties->items())
+            line.properties.emplace_back(key, value.is_null() ? std::nullopt
+                                                              : std::optional<AttributeValue>(AttributeValue(value)));
+    }
+    if (auto thirdParties = json.find("thirdParties"); thirdParties != json.end() && !thirdParties->is_null()) {
+        if (!thirdParties->is_array()) return fail("\"thirdParties\" is not a list of names");
+        for (const auto& name : *thirdParties) {
+            if (!name.is_string()) return fail("\"thirdParties\" is not a list of names");
+            line.thirdParties.push_back(name.get<std::string>());
+        }
+    }
+    return line;
+}
+
 ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::string>& supportedNames,
                              const std::unordered_set<std::string>& gatewayNames,
                              const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
-                             std::ostream& diagnostics, std::uint64_t progressEvery) {
+                             std::ostream& diagnostics, std::uint64_t progressEvery,
+                             const std::function<void(TrackingLine&&)>& send) {
     ReplayTagging result;
     std::string text;
     std::uint64_t number = 0;
@@ -82,6 +132,25 @@ ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::
         if (text.find_first_not_of(" \t") == std::string::npos) continue;
         ++result.lines;
         std::string problem;
+        // Only lines that mention a tracking key pay for the second, ordered parse.
+        if (text.find("\"track\"") != std::string::npos || text.find("\"identify\"") != std::string::npos) {
+            auto trackingLine = parseTrackingLine(text, problem);
+            if (trackingLine && !send) problem = "tracking-plan lines are not sent here";
+            if (trackingLine && send) {
+                send(std::move(*trackingLine));
+                ++result.tracked;
+            }
+            if (!problem.empty()) {
+                diagnostics << "line " << number << ": " << problem << ", skipped\n";
+                ++result.skipped;
+            }
+            if (trackingLine || !problem.empty()) {
+                if (progressEvery != 0 && result.lines % progressEvery == 0)
+                    diagnostics << "replay: " << result.lines << " lines read, " << result.tagged << " tagged\n"
+                                << std::flush;
+                continue;
+            }
+        }
         auto line = parseReplayLine(text, supportedNames, problem);
         if (!line) {
             diagnostics << "line " << number << ": " << problem << ", skipped\n";
@@ -115,6 +184,13 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
                                               {"waiting", summary.promotedWaiting},
                                               {"given_up", summary.promotedGivenUp}};
     json["attribution_tokens"] = summary.attributionTokens;
+    nlohmann::ordered_json messageReasons = nlohmann::ordered_json::object();
+    for (const auto& [reason, count] : summary.messagesDroppedByReason) messageReasons[reason] = count;
+    json["product_analytics"] = nlohmann::ordered_json{{"tracked", summary.messagesTracked},
+                                                       {"delivered", summary.messagesDelivered},
+                                                       {"dropped", summary.messagesDropped()},
+                                                       {"dropped_by_reason", std::move(messageReasons)},
+                                                       {"waiting", summary.messagesWaiting}};
     return json.dump();
 }
 
@@ -142,6 +218,8 @@ std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptio
     }
     configuration.userUrn = options.userUrn;
     configuration.alpha = options.alpha;
+    environment.segmentWriteKey = options.writeKey;
+    configuration.segmentAPIHost = options.apiHost;
     if (!std::isfinite(options.timeoutSeconds) || options.timeoutSeconds < 0) {
         error = "the time-out must be a number of seconds, 0 or more";
         return std::nullopt;
@@ -166,7 +244,15 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
                      std::chrono::milliseconds timeout, std::ostream& diagnostics) {
     const auto supported = toSet(stack.eventNames()->supportedEventNames());
     const auto gateway = stack.gatewayProvider()->trackedEvents();
-    const auto tagging = tagReplayLines(input, supported, *gateway, controllerTag, diagnostics);
+    const auto& sender = stack.eventSender();
+    const auto tagging = tagReplayLines(input, supported, *gateway, controllerTag, diagnostics, 1000,
+                                        [&sender](TrackingLine&& line) {
+                                            if (line.kind == TrackingLine::Kind::identify)
+                                                sender->identify(line.name, line.traits);
+                                            else
+                                                sender->send(std::move(line.name), line.version,
+                                                             std::move(line.properties), std::move(line.thirdParties));
+                                        });
 
     // The flush is queued behind the events just tagged, so it sees all of them stored.
     stack.flush();
@@ -189,6 +275,11 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
     summary.promotedDelivered = requests.delivered;
     summary.promotedWaiting = requests.waiting;
     summary.promotedGivenUp = requests.givenUp + requests.rejected + requests.notStored;
+    const auto messages = stack.statistics().segment;
+    summary.messagesTracked = tagging.tracked;
+    summary.messagesDelivered = messages.delivered;
+    summary.messagesWaiting = messages.waiting;
+    summary.messagesDroppedByReason = messages.droppedByReason;
     return summary;
 }
 
@@ -256,13 +347,26 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
         err << "replay: " << summary.promotedWaiting << " promoted requests still waiting; they stay for the next run\n";
     if (summary.promotedGivenUp != 0)
         err << "replay: " << summary.promotedGivenUp << " promoted requests were given up\n";
+    if (summary.messagesWaiting != 0)
+        err << "replay: " << summary.messagesWaiting
+            << " product-analytics messages still waiting; they stay in the state folder for the next run\n";
+    if (summary.messagesDropped() != 0)
+        err << "replay: " << summary.messagesDropped()
+            << " product-analytics messages were dropped (see product_analytics.dropped_by_reason)\n";
     out << replaySummaryJSON(summary) << std::endl;
     return replayExitCode(summary);
 }
 
+std::uint64_t ReplaySummary::messagesDropped() const {
+    std::uint64_t total = 0;
+    for (const auto& [reason, count] : messagesDroppedByReason) total += count;
+    return total;
+}
+
 int replayExitCode(const ReplaySummary& summary) {
-    if (summary.waiting != 0 || summary.promotedWaiting != 0) return kReplayStillWaiting;
-    if (summary.dropped != 0 || summary.promotedGivenUp != 0) return kReplayDropped;
+    if (summary.waiting != 0 || summary.promotedWaiting != 0 || summary.messagesWaiting != 0)
+        return kReplayStillWaiting;
+    if (summary.dropped != 0 || summary.promotedGivenUp != 0 || summary.messagesDropped() != 0) return kReplayDropped;
     return kReplayDelivered;
 }
 
@@ -270,7 +374,10 @@ void registerReplayCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<ReplayOptions>();
     CLI::App* command = app.add_subcommand(
         "replay", "Tag the events of a JSON-lines file through the gateway pipeline and wait for their delivery");
-    command->add_option("FILE", options->file, "One JSON object per line: {\"name\": ..., \"attributes\": {...}}")
+    command->add_option("FILE", options->file,
+                        "One JSON object per line: {\"name\": ..., \"attributes\": {...}}, or a tracking-plan line "
+                        "{\"track\": ..., \"version\": N, \"properties\": {...}, \"thirdParties\": [...]} or "
+                        "{\"identify\": ..., \"traits\": {...}}")
         ->required();
     command->add_option("--gateway", options->gateway, "Base URL of the event gateway (default: KTANALYTICS_GATEWAY_URL)");
     command->add_option("--state-dir", options->stateDir, "Folder for every file the run keeps (event queue, user defaults)");
@@ -292,6 +399,11 @@ void registerReplayCommand(CLI::App& app, int& exitCode) {
         ->check(CLI::Range(0.0, 3600.0))
         ->capture_default_str();
     command->add_flag("--alpha", options->alpha, "Behave as an alpha build: one event per upload, rejections reported");
+    command->add_option("--write-key", options->writeKey, "Write key of the product-analytics client")
+        ->capture_default_str();
+    command->add_option("--api-host", options->apiHost,
+                        "API URL of the product-analytics client (default https://api.segment.io/v1); its uploads "
+                        "keep this host name and are re-addressed to the gateway's host");
     command->callback([options, &exitCode] { exitCode = runReplay(*options, std::cout, std::cerr); });
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +19,7 @@
 
 #include "Platform/AttributeValue.h"
 #include "Setup/AnalyticsStack.h"
+#include "TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
 class APEventDescripting;
@@ -42,6 +44,9 @@ struct ReplayOptions {
     /// The first pause after a failed upload (see AnalyticsStackConfiguration).
     double retryPauseSeconds = 20.0;
     bool alpha = false;
+    /// The product-analytics client's write key and API URL (empty: its default).
+    std::string writeKey = "ktanalytics-development";
+    std::string apiHost;
 };
 
 /// One line of the file, read and checked.
@@ -55,21 +60,40 @@ struct ReplayLine {
 std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unordered_set<std::string>& supportedNames,
                                           std::string& problem);
 
+/// A tracking-plan line: {"track": "Event Name", "version": N, "properties": {...},
+/// "thirdParties": [...]} or {"identify": "user id", "traits": {...}}.
+struct TrackingLine {
+    enum class Kind { track, identify };
+    Kind kind = Kind::track;
+    std::string name;  ///< the event name, or the user id
+    std::int64_t version = 1;
+    TrackingProperties properties;  ///< in the line's order
+    std::vector<std::string> thirdParties;
+    AttributeValue traits = AttributeValue::object();
+};
+
+/// Reads a tracking-plan line. Nullopt with an empty `problem` when the line is no such line
+/// (neither "track" nor "identify" among its keys), with the reason when it is a bad one.
+std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string& problem);
+
 /// What tagging a file did.
 struct ReplayTagging {
     std::uint64_t lines = 0;          ///< non-blank lines read
     std::uint64_t tagged = 0;         ///< events handed to the controller
+    std::uint64_t tracked = 0;        ///< tracking-plan lines handed to the event sender
     std::uint64_t skipped = 0;        ///< lines reported and left out
     std::uint64_t notForGateway = 0;  ///< tagged, but outside the gateway's vocabulary
 };
 
-/// Reads `input` line by line and hands every good line to `tag` as an event. Bad lines are
-/// reported on `diagnostics` as "line N: <reason>" and skipped; every `progressEvery` lines a
-/// progress line goes there too (0: never).
+/// Reads `input` line by line and hands every good event line to `tag` as an event, and
+/// every good tracking-plan line to `send` (when there is none, such lines are bad lines).
+/// Bad lines are reported on `diagnostics` as "line N: <reason>" and skipped; every
+/// `progressEvery` lines a progress line goes there too (0: never).
 ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::string>& supportedNames,
                              const std::unordered_set<std::string>& gatewayNames,
                              const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
-                             std::ostream& diagnostics, std::uint64_t progressEvery = 1000);
+                             std::ostream& diagnostics, std::uint64_t progressEvery = 1000,
+                             const std::function<void(TrackingLine&&)>& send = nullptr);
 
 struct ReplaySummary {
     std::uint64_t tagged = 0;
@@ -85,11 +109,16 @@ struct ReplaySummary {
     std::uint64_t batches = 0;
     std::uint64_t skipped = 0;
     std::uint64_t notForGateway = 0;
+    /// Tracking-plan messages (track and identify lines) and what became of them.
+    std::uint64_t messagesTracked = 0, messagesDelivered = 0, messagesWaiting = 0;
+    std::map<std::string, std::uint64_t> messagesDroppedByReason;
+    std::uint64_t messagesDropped() const;
 };
 
 /// {"tagged":..,"delivered":..,"dropped":..,"dropped_by_reason":{"failed_three_times":..,
 /// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..,"promoted":{"fired":..,
-/// "delivered":..,"waiting":..,"given_up":..},"attribution_tokens":[...]} on one line.
+/// "delivered":..,"waiting":..,"given_up":..},"attribution_tokens":[...],"product_analytics":
+/// {"tracked":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..}} on one line.
 std::string replaySummaryJSON(const ReplaySummary& summary);
 
 /// The stack configuration for the options over `base` (the environment with its variables
@@ -97,8 +126,9 @@ std::string replaySummaryJSON(const ReplaySummary& summary);
 std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptions& options, const KTEnvironment& base,
                                                                std::string& error);
 
-/// Tags `input` on `controllerTag`, then flushes `stack` and waits for it. The summary;
-/// nothing is printed but diagnostics and progress.
+/// Tags `input` on `controllerTag` (tracking-plan lines on the stack's event sender), then
+/// flushes `stack` and waits for it. The summary; nothing is printed but diagnostics and
+/// progress.
 ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
                      const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& controllerTag,
                      std::chrono::milliseconds timeout, std::ostream& diagnostics);

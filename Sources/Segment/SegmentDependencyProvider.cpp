@@ -1,0 +1,58 @@
+#include "Segment/SegmentDependencyProvider.h"
+
+#include <boost/url/parse.hpp>
+
+#include "KTData/CurlRequestQueue.h"
+#include "KTFoundation/CredentialStore.h"
+#include "KTFoundation/KTEnvironment.h"
+#include "Segment/Client/SEGAnalytics.h"
+
+namespace kt {
+namespace {
+
+std::optional<std::string> gatewayHost() {
+    auto url = boost::urls::parse_uri(KTEnvironment::sharedInstance()->eventGatewayBaseURL);
+    if (!url || url->encoded_host().empty()) return std::nullopt;
+    return std::string(url->encoded_host());
+}
+
+SEGAnalyticsDependencies defaultClientDependencies() {
+    auto environment = KTEnvironment::sharedInstance();
+    CurlRequestQueueConfiguration configuration;
+    configuration.baseURL = environment->eventGatewayBaseURL;
+    configuration.totalTimeout = environment->requestTimeout;
+    SEGAnalyticsDependencies dependencies;
+    dependencies.requestQueue = std::make_shared<CurlRequestQueue>(configuration, nullptr, nullptr);
+    dependencies.stateDirectory = environment->cachesDirectory() / "segment";
+    return dependencies;
+}
+
+std::vector<std::string> noVariants() { return {}; }
+std::optional<std::string> noAnalyticsId() { return std::nullopt; }
+DependencyResult<MoEngageEventLogging> noMoEngageEventLogger() { return DependencyError::depencyNotSet; }
+DependencyResult<FirebaseAnalyticsControlling> noFirebaseController() { return DependencyError::depencyNotSet; }
+std::shared_ptr<KeychainCredentialStoring> signedOut() { return std::make_shared<InMemoryCredentialStore>(); }
+
+}  // namespace
+
+std::function<std::optional<std::string>()> SegmentDependencyProvider::rewriteToEventGatewayHost = gatewayHost;
+std::function<std::vector<std::string>()> SegmentDependencyProvider::assignedVariantIds = noVariants;
+std::function<std::optional<std::string>()> SegmentDependencyProvider::analyticsId = noAnalyticsId;
+std::function<DependencyResult<MoEngageEventLogging>()> SegmentDependencyProvider::moEngageEventLogger =
+    noMoEngageEventLogger;
+std::function<DependencyResult<FirebaseAnalyticsControlling>()> SegmentDependencyProvider::firebaseAnalyticsController =
+    noFirebaseController;
+std::function<SEGAnalyticsDependencies()> SegmentDependencyProvider::clientDependencies = defaultClientDependencies;
+std::function<std::shared_ptr<KeychainCredentialStoring>()> SegmentDependencyProvider::keychain = signedOut;
+
+void SegmentDependencyProvider::reset() {
+    rewriteToEventGatewayHost = gatewayHost;
+    assignedVariantIds = noVariants;
+    analyticsId = noAnalyticsId;
+    moEngageEventLogger = noMoEngageEventLogger;
+    firebaseAnalyticsController = noFirebaseController;
+    clientDependencies = defaultClientDependencies;
+    keychain = signedOut;
+}
+
+}  // namespace kt

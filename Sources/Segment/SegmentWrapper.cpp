@@ -1,0 +1,122 @@
+#include "Segment/SegmentWrapper.h"
+
+#include <mutex>
+
+#include "AnalyticsProvider/EventGateway/AnonymousID.h"
+#include "KTFoundation/KTEnvironment.h"
+#include "KTFoundation/LogMacros.h"
+#include "Platform/Fatal.h"
+#include "Segment/Client/SEGAnalytics.h"
+#include "Segment/SegmentDependencyProvider.h"
+#include "Segment/SegmentMiddlewareFactory.h"
+#include "Segment/SegmentRequestRewriter.h"
+
+namespace kt {
+namespace {
+constexpr const char* kFile = "Sources/Segment/SegmentWrapper";
+
+std::vector<std::string> enabledKeys(const SegmentIntegrations& integrations) {
+    std::vector<std::string> keys;
+    for (const auto& [key, enabled] : integrations)
+        if (enabled) keys.push_back(key);
+    return keys;
+}
+
+AttributeValue integrationsObject(const SegmentIntegrations& integrations) {
+    auto object = AttributeValue::object();
+    for (const auto& [key, enabled] : integrations) object[key] = enabled;
+    return object;
+}
+}  // namespace
+
+SegmentWrapper::SegmentWrapper(std::shared_ptr<SegmentAnalyticsProtocol> segmentAnalytics,
+                               std::shared_ptr<SegmentEventRecording> eventRecorder, std::shared_ptr<KTLogger> logger)
+    : segmentAnalytics_(std::move(segmentAnalytics)),
+      eventRecorder_(std::move(eventRecorder)),
+      anonymousId_(segmentAnalytics_ ? segmentAnalytics_->getAnonymousId() : std::string()),
+      logger_(std::move(logger)) {
+    KT_PARAMETER_ASSERT(segmentAnalytics_);
+}
+
+SEGAnalyticsConfiguration SegmentWrapper::makeConfiguration(const SegmentWrapperSetup& setup) {
+    auto configuration = SEGAnalyticsConfiguration::configurationWithWriteKey(setup.writeKey);
+    if (!setup.apiHost.empty()) configuration.apiHost = setup.apiHost;
+    configuration.flushAt = setup.flushAt;
+    if (setup.middlewareFactory) configuration.sourceMiddleware = setup.middlewareFactory->makeSourceMiddleware();
+    if (setup.replacementAPIHost) {
+        configuration.requestFactory = SegmentRequestRewriter::make(setup.keychain, configuration.apiHost,
+                                                                    *setup.replacementAPIHost, setup.logger);
+    }
+    if (setup.middlewareFactory)
+        for (auto& factory : setup.middlewareFactory->makeIntegrations()) configuration.use(std::move(factory));
+    return configuration;
+}
+
+std::shared_ptr<SegmentWrapper> SegmentWrapper::make(SegmentWrapperSetup setup, SegmentMiddlewareSources sources,
+                                                     SEGAnalyticsDependencies dependencies,
+                                                     std::shared_ptr<SegmentEventRecording> eventRecorder) {
+    // The context middleware reports the anonymous id of the client it is configured into,
+    // which exists only afterwards.
+    struct ClientSlot {
+        std::mutex mutex;
+        std::weak_ptr<SEGAnalytics> client;
+    };
+    auto slot = std::make_shared<ClientSlot>();
+    if (!sources.anonymousId) {
+        sources.anonymousId = [slot] {
+            std::lock_guard lock(slot->mutex);
+            auto client = slot->client.lock();
+            return client ? client->getAnonymousId() : std::string();
+        };
+    }
+    setup.middlewareFactory = std::make_shared<SegmentMiddlewareFactory>(std::move(sources));
+    auto client = std::make_shared<SEGAnalytics>(makeConfiguration(setup), std::move(dependencies));
+    {
+        std::lock_guard lock(slot->mutex);
+        slot->client = client;
+    }
+    return std::make_shared<SegmentWrapper>(client, std::move(eventRecorder), setup.logger);
+}
+
+std::shared_ptr<SegmentWrapper> SegmentWrapper::shared() {
+    static const auto instance = [] {
+        SegmentWrapperSetup setup;
+        setup.writeKey = KTEnvironment::sharedInstance()->segmentWriteKey;
+        setup.replacementAPIHost = SegmentDependencyProvider::rewriteToEventGatewayHost();
+        setup.keychain = SegmentDependencyProvider::keychain();
+        auto wrapper = make(std::move(setup), SegmentMiddlewareFactory::sourcesFromHooks(nullptr, nullptr),
+                            SegmentDependencyProvider::clientDependencies(), SegmentEventRecorder::shared());
+        AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
+            auto wrapper = weak.lock();
+            return wrapper ? wrapper->anonymousId() : std::string();
+        });
+        return wrapper;
+    }();
+    return instance;
+}
+
+void SegmentWrapper::track(const std::string& name, std::int64_t version,
+                           const std::optional<AttributeValue>& properties, const SegmentIntegrations& integrations) {
+    AttributeValue options = {{"integrations", integrationsObject(integrations)},
+                              {"context", {{"protocols", {{"event_version", version}}}}}};
+    segmentAnalytics_->track(name, properties, options);
+
+    if (eventRecorder_) {
+        auto mirrored = properties && properties->is_object() ? *properties : AttributeValue::object();
+        mirrored["version"] = version;
+        eventRecorder_->record(name, mirrored, enabledKeys(integrations));
+    }
+    KT_LOG(logger_, 1, kFile, "track(_:version:properties:integrations:)", "{} {}", name,
+           properties ? properties->dump(-1, ' ', false, AttributeValue::error_handler_t::replace) : std::string("nil"));
+}
+
+void SegmentWrapper::identify(const std::string& userId, const std::optional<AttributeValue>& traits,
+                              const SegmentIntegrations& integrations) {
+    AttributeValue options = {{"integrations", integrationsObject(integrations)}};
+    segmentAnalytics_->identify(userId, traits, options);
+    if (eventRecorder_) eventRecorder_->record("Identify: " + userId, traits, enabledKeys(integrations));
+}
+
+void SegmentWrapper::flush() { segmentAnalytics_->flush(); }
+
+}  // namespace kt

@@ -19,13 +19,15 @@ set(KT_PLAN_SOURCES
 
 add_custom_command(
   OUTPUT ${KT_PLAN_HEADERS} ${KT_PLAN_SOURCES} ${KT_PLAN_DIR}/TrackingPlanTypedCalls.inc
+          ${KT_PLAN_DIR}/TrackingPlanEnumerationRows.inc
   COMMAND Python3::Interpreter ${KT_PLAN_GENERATOR} ${KT_PLAN_TABLE} ${KT_GENERATED_DIR}
   DEPENDS ${KT_PLAN_TABLE} ${KT_PLAN_GENERATOR}
   COMMENT "Generating the tracking plan"
   VERBATIM)
 # Every target that includes EventSending.h reaches the generated headers through
 # kt_TrackingArchitecture, so they must exist before any of those compiles.
-add_custom_target(kt_tracking_plan DEPENDS ${KT_PLAN_HEADERS} ${KT_PLAN_SOURCES})
+add_custom_target(kt_tracking_plan DEPENDS ${KT_PLAN_HEADERS} ${KT_PLAN_SOURCES}
+  ${KT_PLAN_DIR}/TrackingPlanTypedCalls.inc ${KT_PLAN_DIR}/TrackingPlanEnumerationRows.inc)
 
 target_sources(kt_TrackingArchitecture PRIVATE ${KT_PLAN_SOURCES})
 add_dependencies(kt_TrackingArchitecture kt_tracking_plan)

@@ -10,6 +10,7 @@ Writes into OUTPUT_DIR/TrackingArchitecture/Plan/:
   PlanCall.cpp                        the operations called by name with JSON arguments
   TrackingPlanCatalogueData.cpp       the plan as data, for the tool
   TrackingPlanTypedCalls.inc          every typed operation called from a table, for tests
+  TrackingPlanEnumerationRows.inc     every enumeration as a row of a test's table
 Files whose text did not change are left untouched, so nothing recompiles needlessly.
 """
 
@@ -339,6 +340,11 @@ def typed_calls(operations):
     return "\n".join(out) + "\n"
 
 
+def enumeration_rows(enumerations):
+    """Rows {name, check} instantiating a test's check for every enumeration."""
+    return HEADER + "".join(f'{{"{name}", &checkEnumeration<{name}>}},\n' for name in enumerations)
+
+
 def write(path, text):
     try:
         with open(path, encoding="utf-8") as existing:
@@ -369,6 +375,7 @@ def main():
         "PlanCall.cpp": plan_call_source(operations),
         "TrackingPlanCatalogueData.cpp": catalogue_source(operations, enumerations),
         "TrackingPlanTypedCalls.inc": typed_calls(operations),
+        "TrackingPlanEnumerationRows.inc": enumeration_rows(enumerations),
     }
     for name, text in outputs.items():
         write(os.path.join(folder, name), text)

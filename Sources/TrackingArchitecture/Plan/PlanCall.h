@@ -27,7 +27,7 @@ struct PlanCallError {
 /// maps as JSON, enumerations as raw values. An optional argument may be missing or null.
 /// An unknown operation, a missing required argument, an unknown key, a value of the wrong
 /// kind or an unparseable urn is an error, and nothing is sent. An enumeration's raw value
-/// outside its cases stops the process, as it does on the typed road.
+/// outside its cases is a programming error: converting it to its string stops the process.
 std::optional<PlanCallError> callOperation(EventSending& sender, std::string_view operation,
                                            const AttributeValue& arguments);
 

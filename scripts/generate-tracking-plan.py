@@ -165,14 +165,14 @@ HEADER = "// Generated from TrackingPlan.txt by scripts/generate-tracking-plan.p
 
 def enumerations_header(enumerations):
     out = [HEADER, "#pragma once\n",
-           "#include <cstdint>\n#include <string_view>\n",
+           "#include <cstdint>\n#include <string>\n",
            '#include "TrackingArchitecture/Plan/PlanEnumeration.h"\n',
            "namespace kt {\n"]
     for name, strings in enumerations.items():
         cases = case_names(name, strings)
         out.append(f"enum class {name} : std::int64_t {{ {', '.join(cases)} }};")
         out.append(f"/// The case's string; a value outside the cases stops the process.")
-        out.append(f"std::string_view description({name} value);")
+        out.append(f"std::string description({name} value);")
         out.append(f"template <> struct PlanEnumerationTraits<{name}> {{")
         out.append(f'    static constexpr std::string_view name = "{name}";')
         out.append(f"    static constexpr std::int64_t caseCount = {len(strings)};")
@@ -185,16 +185,16 @@ def enumerations_source(enumerations):
     out = [HEADER, '#include "TrackingArchitecture/Plan/TrackingPlanEnumerations.h"\n',
            "#include <string>\n", '#include "Platform/Fatal.h"\n', "namespace kt {\n",
            "namespace {",
-           "std::string_view describe(std::string_view enumeration, const std::string_view* strings, std::int64_t count,",
-           "                          std::int64_t raw) {",
+           "std::string describe(std::string_view enumeration, const std::string_view* strings, std::int64_t count,",
+           "                     std::int64_t raw) {",
            "    if (raw < 0 || raw >= count)",
            '        fatalError(std::string(enumeration) + " has no case with raw value " + std::to_string(raw));',
-           "    return strings[raw];",
+           "    return std::string(strings[raw]);",
            "}",
            "}  // namespace\n"]
     for name, strings in enumerations.items():
         table = ", ".join(cpp_string(s) for s in strings)
-        out.append(f"std::string_view description({name} value) {{")
+        out.append(f"std::string description({name} value) {{")
         out.append(f"    static constexpr std::string_view strings[] = {{{table}}};")
         out.append(f'    return describe("{name}", strings, {len(strings)}, static_cast<std::int64_t>(value));')
         out.append("}\n")
@@ -216,9 +216,12 @@ def sender_operations_declarations(operations):
     return "\n".join(out) + "\n"
 
 
-def sender_operations_source(operations):
+def sender_operations_source(operations, enumerations):
     out = [HEADER, '#include "TrackingArchitecture/EventSender.h"\n',
-           '#include "TrackingArchitecture/PropertyValue.h"\n', "namespace kt {\n"]
+           '#include "TrackingArchitecture/PropertyValue.h"\n', "namespace kt {\n",
+           "// Without a description the value would be sent as its number."]
+    out += [f"static_assert(tracking::PlanEnumeration<{name}>);" for name in enumerations]
+    out.append("")
     for op in operations:
         pairs = ", ".join(f'{{"{p["key"]}", tracking::propertyValue({camel(p["key"])})}}' for p in op["properties"])
         third = ", {" + ", ".join(cpp_string(t) for t in op["thirdParties"]) + "}" if op["thirdParties"] else ""
@@ -371,7 +374,7 @@ def main():
         "TrackingPlanEnumerations.cpp": enumerations_source(enumerations),
         "EventSendingOperations.inc": sending_operations(operations),
         "EventSenderOperations.inc": sender_operations_declarations(operations),
-        "EventSenderOperations.cpp": sender_operations_source(operations),
+        "EventSenderOperations.cpp": sender_operations_source(operations, enumerations),
         "PlanCall.cpp": plan_call_source(operations),
         "TrackingPlanCatalogueData.cpp": catalogue_source(operations, enumerations),
         "TrackingPlanTypedCalls.inc": typed_calls(operations),

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "Support/TrackingEventPrinting.h"
 #include "TrackingArchitecture/EventSender.h"
 #include "TrackingArchitecture/Plan/PlanCall.h"
 #include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "Support/RecordingLogger.h"
+#include "Support/TrackingEventPrinting.h"
 #include "TrackingArchitecture/EventSender.h"
 #include "TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config
+  build-essential cmake ninja-build pkg-config python3
   zlib1g-dev libssl-dev libcurl4-openssl-dev libsqlite3-dev uuid-dev
   nlohmann-json3-dev libspdlog-dev libfmt-dev libcpp-httplib-dev
   libboost-url1.81-dev libcli11-dev

@@ -26,6 +26,8 @@ public:
 
     const std::shared_ptr<EventBrokering>& eventBroker() const { return eventBroker_; }
 
+#include "TrackingArchitecture/Plan/EventSenderOperations.inc"
+
     /// What every operation does: the pairs (in the plan's key order) become the event's
     /// properties, and the event goes to the broker. Two pairs with one key are a
     /// programming error and stop the process.

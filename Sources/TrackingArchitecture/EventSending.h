@@ -1,9 +1,14 @@
 #pragma once
 // What the application calls to report an event of the tracking plan.
 
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "KTFoundation/Urn.h"
 #include "Platform/AttributeValue.h"
+#include "TrackingArchitecture/Plan/TrackingPlanEnumerations.h"
 
 namespace kt {
 
@@ -15,6 +20,9 @@ public:
     EventSending& operator=(const EventSending&) = delete;
 
     virtual void flush() = 0;
+
+    // One operation per event of the tracking plan, generated from Plan/TrackingPlan.txt.
+#include "TrackingArchitecture/Plan/EventSendingOperations.inc"
 };
 
 class IdentityEventSending {

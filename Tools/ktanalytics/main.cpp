@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
         &kt::tool::registerExperimentsCommand,
         &kt::tool::registerReplayCommand,
         &kt::tool::registerQueueCommand,
+        &kt::tool::registerPlanCommand,
         // commands: end
     };
     for (auto registrar : registrars)

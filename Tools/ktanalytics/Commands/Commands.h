@@ -25,4 +25,7 @@ void registerReplayCommand(CLI::App& app, int& exitCode);
 /// `ktanalytics queue --state-dir DIR`: the events waiting on disk.
 void registerQueueCommand(CLI::App& app, int& exitCode);
 
+/// `ktanalytics plan [OPERATION] [--json]`: the tracking plan's operations.
+void registerPlanCommand(CLI::App& app, int& exitCode);
+
 }  // namespace kt::tool

@@ -1,0 +1,306 @@
+// The tracking plan end to end: every operation on both roads (typed and by name) against
+// the plan's table, its enumerations, and the faults of calls by name.
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "Support/TrackingEventPrinting.h"
+#include "TrackingArchitecture/EventSender.h"
+#include "TrackingArchitecture/Plan/PlanCall.h"
+#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
+
+namespace kt {
+namespace {
+
+using tracking::PlanOperation;
+using tracking::PropertyKind;
+
+struct RecordingBroker final : EventBrokering {
+    std::vector<TrackingEvent> events;
+    void track(const TrackingEvent& event) override { events.push_back(event); }
+    void identify(const std::string&, const AttributeValue&) override {}
+    void flush() override {}
+};
+
+struct Recorded {
+    std::shared_ptr<RecordingBroker> broker = std::make_shared<RecordingBroker>();
+    EventSender sender{broker};
+};
+
+Urn urn(const std::string& text) {
+    auto parsed = Urn::parse(text);
+    EXPECT_TRUE(parsed) << text;
+    return *parsed;
+}
+
+/// Hands the typed operations their arguments, read from the same JSON object that the
+/// call by name is given.
+class ArgumentValues {
+public:
+    explicit ArgumentValues(const AttributeValue& arguments) : arguments_(arguments) {}
+
+    std::string string(const char* key) const { return arguments_.at(key).get<std::string>(); }
+    bool boolean(const char* key) const { return arguments_.at(key).get<bool>(); }
+    std::int64_t number(const char* key) const { return arguments_.at(key).get<std::int64_t>(); }
+    AttributeValue map(const char* key) const { return arguments_.at(key); }
+    AttributeValue maps(const char* key) const { return arguments_.at(key); }
+    AttributeValue strings(const char* key) const { return arguments_.at(key); }
+    Urn urn(const char* key) const { return kt::urn(string(key)); }
+    std::vector<Urn> urns(const char* key) const {
+        std::vector<Urn> urns;
+        for (const auto& text : arguments_.at(key)) urns.push_back(kt::urn(text.get<std::string>()));
+        return urns;
+    }
+    template <class E>
+    E enumeration(const char* key) const {
+        return static_cast<E>(number(key));
+    }
+
+    std::optional<std::string> optionalString(const char* key) const { return given(key, &ArgumentValues::string); }
+    std::optional<bool> optionalBoolean(const char* key) const { return given(key, &ArgumentValues::boolean); }
+    std::optional<std::int64_t> optionalNumber(const char* key) const { return given(key, &ArgumentValues::number); }
+    std::optional<AttributeValue> optionalMap(const char* key) const { return given(key, &ArgumentValues::map); }
+    std::optional<AttributeValue> optionalMaps(const char* key) const { return given(key, &ArgumentValues::maps); }
+    std::optional<AttributeValue> optionalStrings(const char* key) const { return given(key, &ArgumentValues::strings); }
+    std::optional<Urn> optionalUrn(const char* key) const { return given(key, &ArgumentValues::urn); }
+    std::optional<std::vector<Urn>> optionalUrns(const char* key) const { return given(key, &ArgumentValues::urns); }
+    template <class E>
+    std::optional<E> optionalEnumeration(const char* key) const {
+        return given(key, &ArgumentValues::enumeration<E>);
+    }
+
+private:
+    template <class T>
+    std::optional<T> given(const char* key, T (ArgumentValues::*read)(const char*) const) const {
+        if (!arguments_.contains(key) || arguments_.at(key).is_null()) return std::nullopt;
+        return (this->*read)(key);
+    }
+    const AttributeValue& arguments_;
+};
+
+using TypedCall = void (*)(EventSending&, const ArgumentValues&);
+const std::map<std::string_view, TypedCall> kTypedCalls = {
+#include "TrackingArchitecture/Plan/TrackingPlanTypedCalls.inc"
+};
+
+enum class Optionals { given, null, leftOut };
+
+/// Arguments for every property of an operation, each value telling its key and position
+/// apart from the others, and the event the table says they make.
+std::pair<AttributeValue, TrackingEvent> argumentsAndEvent(const PlanOperation& operation, Optionals optionals) {
+    auto arguments = AttributeValue::object();
+    TrackingEvent event{std::string(operation.event), operation.version, TrackingProperties{},
+                        std::vector<std::string>(operation.thirdParties.begin(), operation.thirdParties.end())};
+    std::int64_t position = 0;
+    for (const auto& property : operation.properties) {
+        const std::string key(property.key);
+        AttributeValue argument, sent;
+        switch (property.kind) {
+            case PropertyKind::string: argument = sent = key + "-text"; break;
+            case PropertyKind::boolean: argument = sent = position % 2 == 0; break;
+            case PropertyKind::number: argument = sent = 1000 + position; break;
+            case PropertyKind::map: argument = sent = {{"from", key}, {"nested", {{"n", position}}}}; break;
+            case PropertyKind::maps: argument = sent = AttributeValue::array({{{"item", key}}, {{"item", 2}}}); break;
+            case PropertyKind::strings: argument = sent = {key, "second"}; break;
+            case PropertyKind::urn: argument = sent = "quillarbor:tracks:" + key; break;
+            case PropertyKind::urns:
+                argument = sent = {"quillarbor:tracks:" + key + "-1", "quillarbor:playlists:" + key + "-2"};
+                break;
+            case PropertyKind::enumeration: {
+                const auto& strings = tracking::findPlanEnumeration(property.enumeration)->descriptions;
+                const auto raw = (position + 1) % std::int64_t(strings.size());
+                argument = raw;
+                sent = std::string(strings[raw]);
+                break;
+            }
+        }
+        ++position;
+        if (property.optional && optionals != Optionals::given) {
+            if (optionals == Optionals::null) arguments[key] = nullptr;
+            event.properties->emplace_back(key, std::nullopt);
+            continue;
+        }
+        arguments[key] = argument;
+        event.properties->emplace_back(key, sent);
+    }
+    return {arguments, event};
+}
+
+TEST(TrackingPlan, EveryOperationSendsTheTablesEventOnTheTypedRoadAndByName) {
+    ASSERT_EQ(tracking::planOperations().size(), 206u);
+    ASSERT_EQ(kTypedCalls.size(), 206u);
+    for (const auto& operation : tracking::planOperations()) {
+        for (auto optionals : {Optionals::given, Optionals::null, Optionals::leftOut}) {
+            SCOPED_TRACE(std::string(operation.name) + " optionals " + std::to_string(int(optionals)));
+            const auto [arguments, expected] = argumentsAndEvent(operation, optionals);
+            Recorded typed, byName;
+            kTypedCalls.at(operation.name)(typed.sender, ArgumentValues(arguments));
+            const auto error = tracking::callOperation(byName.sender, operation.name, arguments);
+            EXPECT_FALSE(error) << error->message;
+            EXPECT_EQ(typed.broker->events, std::vector{expected});
+            EXPECT_EQ(byName.broker->events, std::vector{expected});
+        }
+    }
+}
+
+TEST(TrackingPlan, NamedEventsCarryTheirVersionsKeysAndThirdParties) {
+    Recorded r;
+    const auto trackUrns = std::vector{urn("quillarbor:tracks:1"), urn("quillarbor:tracks:2")};
+    r.sender.accountCreationSucceeded(true, false, "email", std::nullopt);
+    r.sender.accountDeletionCanceled();
+    r.sender.playQueueInitiated(urn("quillarbor:playlists:42"), trackUrns);
+    r.sender.tracksAddedToPlayQueue(TracksAddedToPlayQueueFrom::fetchMore, trackUrns);
+    r.sender.screenViewed(ScreenViewedName::libraryLikedTracks, std::nullopt);
+    r.sender.reactionTapped(std::nullopt, std::nullopt);
+    r.sender.feedPlaybackEnd(urn("quillarbor:users:7"), "track", urn("quillarbor:tracks:3"), "imp-1", "organic",
+                             std::nullopt, urn("quillarbor:users:8"), urn("quillarbor:tracks:3"));
+    const AttributeValue urnTexts = {"quillarbor:tracks:1", "quillarbor:tracks:2"};
+    const std::vector<TrackingEvent> expected = {
+        {"Account Creation Succeeded", 2,
+         TrackingProperties{{"is_new_connect", true}, {"signin_to_signup", false}, {"signup_method", "email"},
+                            {"referrer_properties", std::nullopt}},
+         {}},
+        {"Account Deletion Canceled", 1, TrackingProperties{}, {}},
+        {"Play Queue Initiated", 2,
+         TrackingProperties{{"object_urn", "quillarbor:playlists:42"}, {"track_urns", urnTexts}}, {"mo-engage"}},
+        {"Tracks Added To Play Queue", 1, TrackingProperties{{"from", "fetch_more"}, {"track_urns", urnTexts}}, {}},
+        {"Screen Viewed", 2, TrackingProperties{{"name", "Library Liked Tracks"}, {"object_urn", std::nullopt}}, {}},
+        {"Reaction Tapped", 1, TrackingProperties{{"ui_component_name", std::nullopt}, {"ui_component_urn", std::nullopt}},
+         {}},
+        // This event alone spells its impression id without "item".
+        {"Feed Playback End", 1,
+         TrackingProperties{{"feed_item_owner_urn", "quillarbor:users:7"},
+                            {"feed_item_type", "track"},
+                            {"feed_item_urn", "quillarbor:tracks:3"},
+                            {"feed_impression_id", "imp-1"},
+                            {"reason_type", "organic"},
+                            {"seed_urn", std::nullopt},
+                            {"track_owner_urn", "quillarbor:users:8"},
+                            {"track_urn", "quillarbor:tracks:3"}},
+         {}},
+    };
+    EXPECT_EQ(r.broker->events, expected);
+}
+
+TEST(TrackingPlanDeathTest, DuplicateKeysAndRawValuesOutsideTheCasesStopTheProcess) {
+    Recorded r;
+    EXPECT_DEATH(r.sender.send("Track Liked", 1, {{"track_urn", "a"}, {"ui_component_name", "b"}, {"track_urn", "c"}}),
+                 "Duplicate property key 'track_urn'");
+    const AttributeValue adRequested = {{"ad_component", 0}, {"placement", 7}, {"timestamp", 1}, {"ad_capacity", 2}};
+    EXPECT_DEATH(tracking::callOperation(r.sender, "adRequested", adRequested),
+                 "AdRequestedPlacement has no case with raw value 7");
+    EXPECT_DEATH(description(static_cast<TracksAddedToPlayQueueFrom>(-1)),
+                 "TracksAddedToPlayQueueFrom has no case with raw value -1");
+}
+
+template <class E>
+std::vector<std::string> checkEnumeration() {
+    std::vector<std::string> strings;
+    const auto count = PlanEnumerationTraits<E>::caseCount;
+    for (std::int64_t raw = 0; raw < count; ++raw) {
+        const auto value = fromRawValue<E>(raw);
+        EXPECT_TRUE(value && rawValue(*value) == raw) << PlanEnumerationTraits<E>::name << " " << raw;
+        strings.emplace_back(description(static_cast<E>(raw)));
+    }
+    EXPECT_EQ(fromRawValue<E>(count), std::nullopt) << PlanEnumerationTraits<E>::name;
+    EXPECT_EQ(fromRawValue<E>(-1), std::nullopt) << PlanEnumerationTraits<E>::name;
+    return strings;
+}
+
+TEST(TrackingPlan, EnumerationsDescribeTheirCasesByRawValueFromTheTable) {
+    const std::map<std::string_view, std::vector<std::string> (*)()> checks = {
+#include "TrackingArchitecture/Plan/TrackingPlanEnumerationRows.inc"
+    };
+    ASSERT_EQ(tracking::planEnumerations().size(), 126u);
+    ASSERT_EQ(checks.size(), 126u);
+    for (const auto& enumeration : tracking::planEnumerations()) {
+        SCOPED_TRACE(std::string(enumeration.name));
+        EXPECT_EQ(checks.at(enumeration.name)(),
+                  std::vector<std::string>(enumeration.descriptions.begin(), enumeration.descriptions.end()));
+    }
+
+    using Strings = std::vector<std::string>;
+    const std::map<std::string_view, Strings> given = {
+        {"AdRequestedPlacement",
+         {"app_launch", "mid_queue", "play_start", "playlist_page", "queue_start", "track_page", "unknown"}},
+        {"TracksAddedToPlayQueueFrom", {"autoplay", "next_up", "fetch_more", "play_next", "play_last"}},
+        {"FirstFansButtonClickedButtonType", {"CTA", "Decline", "Link"}},
+        {"CustomShareStartedSocialTarget", {"Facebook", "Instagram", "Snapchat"}},
+        {"ProductViewedUpsellType",
+         {"audio-ad", "inline", "inline-feature", "interstitial-ad", "not_set", "overlay", "plan-picker",
+          "simple-paywall"}},
+        {"WidgetItemOpenedWidgetFamily",
+         {"accessoryCircular", "accessoryInline", "accessoryRectangular", "none", "systemExtraLarge", "systemLarge",
+          "systemMedium", "systemSmall"}},
+        {"AccountInformationConfirmedMethod", {"apple", "email", "facebook", "google"}},
+        {"AuthenticationMethodSelectedMethod", {"apple", "email", "facebook", "google"}},
+    };
+    for (const auto& [name, strings] : given) EXPECT_EQ(checks.at(name)(), strings) << name;
+
+    EXPECT_EQ(description(*fromRawValue<AdRequestedPlacement>(6)), "unknown");
+    EXPECT_EQ(fromRawValue<AdRequestedPlacement>(7), std::nullopt);
+    EXPECT_EQ(description(*fromRawValue<TracksAddedToPlayQueueFrom>(2)), "fetch_more");
+}
+
+TEST(TrackingPlan, CallsByNameWithFaultyArgumentsSendNothingAndNameTheFault) {
+    const AttributeValue account = {{"is_new_connect", true}, {"signin_to_signup", false}, {"signup_method", "email"}};
+    const auto with = [](AttributeValue arguments, const char* key, AttributeValue value) {
+        arguments[key] = std::move(value);
+        return arguments;
+    };
+    const auto without = [](AttributeValue arguments, const char* key) {
+        arguments.erase(key);
+        return arguments;
+    };
+    const AttributeValue queue = {{"from", 1}, {"track_urns", {"quillarbor:tracks:1"}}};
+    const AttributeValue deletion = {{"reasons", {"too many ads"}}};
+    const AttributeValue opportunity = {{"app_state", 0}, {"intended_ad_timer", 30}, {"placement", 1},
+                                        {"timestamp", 5}, {"ads_in_opportunity", AttributeValue::array()},
+                                        {"ads_presented", AttributeValue::array()}};
+    struct Case {
+        const char* operation;
+        AttributeValue arguments;
+        const char* key;
+        const char* message;
+    } cases[] = {
+        {"accountCreated", account, "", "unknown operation 'accountCreated'"},
+        {"accountCreationSucceeded", without(account, "signup_method"), "signup_method",
+         "'accountCreationSucceeded' needs the argument 'signup_method'"},
+        {"accountCreationSucceeded", with(account, "signup_method", nullptr), "signup_method", "needs the argument"},
+        {"accountCreationSucceeded", with(account, "is_new_connect", "yes"), "is_new_connect", "is not a boolean"},
+        {"accountCreationSucceeded", with(account, "signupMethod", "email"), "signupMethod",
+         "'accountCreationSucceeded' has no argument 'signupMethod'"},
+        {"accountCreationSucceeded", with(account, "referrer_properties", {1, 2}), "referrer_properties", "is not a map"},
+        {"accountCreationSucceeded", AttributeValue::array({1}), "", "are not a JSON object"},
+        {"accountInformationConfirmed", {{"client_id", 1.5}, {"method", 0}}, "client_id", "is not an integer"},
+        {"accountInformationConfirmed", {{"client_id", "7"}, {"method", 0}}, "client_id", "is not an integer"},
+        {"accountInformationConfirmed", {{"client_id", 7}, {"method", "email"}}, "method", "is not an integer"},
+        {"accountDeletionConfirmed", with(deletion, "reasons", {"ok", 3}), "reasons", "is not a list of strings"},
+        {"adOpportunityPresented", with(opportunity, "ads_presented", {"ad"}), "ads_presented", "is not a list of maps"},
+        {"trackLiked", {{"track_urn", "tracks:1"}}, "track_urn", "is not a urn: \"tracks:1\""},
+        {"trackLiked", {{"track_urn", 1}}, "track_urn", "is not a urn"},
+        {"trackLiked", {{"track_urn", "quillarbor:tracks:1"}, {"ui_component_urn", "nope"}}, "ui_component_urn",
+         "is not a urn"},
+        {"tracksAddedToPlayQueue", with(queue, "track_urns", {"quillarbor:tracks:1", "bad"}), "track_urns",
+         "is not a list of urns"},
+        {"tracksAddedToPlayQueue", with(queue, "track_urns", "quillarbor:tracks:1"), "track_urns", "is not a list of urns"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.operation) + " " + c.arguments.dump());
+        Recorded r;
+        const auto error = tracking::callOperation(r.sender, c.operation, c.arguments);
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->operation, c.operation);
+        EXPECT_EQ(error->key, c.key);
+        EXPECT_NE(error->message.find(c.message), std::string::npos) << error->message;
+        EXPECT_TRUE(r.broker->events.empty());
+    }
+    // A call without arguments may pass null for its empty argument list.
+    Recorded r;
+    EXPECT_EQ(tracking::callOperation(r.sender, "appCacheCleared", nullptr), std::nullopt);
+    EXPECT_EQ(r.broker->events.size(), 1u);
+}
+
+}  // namespace
+}  // namespace kt

@@ -78,6 +78,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     std::atomic<bool> closed{false};     // no more uploads or timers
     std::atomic<bool> abandoned{false};  // destruction gave up waiting: skip what is left
     std::atomic<std::uint64_t> tracked{0};
+    std::atomic<std::uint64_t> handled{0};  // calls the worker has finished with (stored or dropped)
 
     mutable std::mutex countsMutex;
     SEGAnalyticsStatistics counts;  // guarded by countsMutex (but `tracked`)
@@ -495,6 +496,7 @@ void SEGAnalytics::identify(const std::string& userId, const std::optional<Attri
     impl_->tracked.fetch_add(1, std::memory_order_relaxed);
     impl_->worker->async([impl = impl_, userId, traits, options, at = Clock::now()]() mutable {
         impl->identify(std::move(userId), std::move(traits), std::move(options), at);
+        impl->handled.fetch_add(1, std::memory_order_release);
     });
 }
 
@@ -503,6 +505,7 @@ void SEGAnalytics::track(const std::string& event, const std::optional<Attribute
     impl_->tracked.fetch_add(1, std::memory_order_relaxed);
     impl_->worker->async([impl = impl_, event, properties, options, at = Clock::now()]() mutable {
         impl->track(std::move(event), std::move(properties), std::move(options), at);
+        impl->handled.fetch_add(1, std::memory_order_release);
     });
 }
 
@@ -513,9 +516,13 @@ void SEGAnalytics::flush() {
 }
 
 SEGAnalyticsStatistics SEGAnalytics::statistics() const {
+    // Handled first: every call it counts is already in `tracked`.
+    const auto handled = impl_->handled.load(std::memory_order_acquire);
     std::lock_guard lock(impl_->countsMutex);
     SEGAnalyticsStatistics copy = impl_->counts;
-    copy.tracked = impl_->tracked.load(std::memory_order_relaxed);
+    copy.tracked = impl_->tracked.load(std::memory_order_acquire);
+    // Calls still on their way to the queue wait too.
+    copy.waiting += copy.tracked - handled;
     return copy;
 }
 

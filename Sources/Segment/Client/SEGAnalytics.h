@@ -81,7 +81,7 @@ struct SEGAnalyticsStatistics {
     /// "rejected", "dropped_by_middleware", "not_persisted".
     /// "corrupted" counts unreadable rows found at start.
     std::map<std::string, std::uint64_t> droppedByReason;
-    std::uint64_t waiting = 0;  // messages persisted and not yet delivered or dropped
+    std::uint64_t waiting = 0;  // calls handed over and not yet delivered or dropped
 };
 
 class SEGAnalytics final : public SegmentAnalyticsProtocol {

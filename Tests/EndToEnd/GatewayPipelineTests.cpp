@@ -103,12 +103,8 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSentWithT
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
     const auto sent = recorded(*recorder);
     ASSERT_EQ(sent.size(), 25u);
+    // What the payload holds is checked on the stack, without a network.
     EXPECT_EQ(received(*gateway), sent);
-    for (const auto& [name, payload] : sent) {
-        EXPECT_FALSE(payload.contains("resource"));
-        EXPECT_EQ(payload["client_id"], 7);
-        EXPECT_TRUE(payload["ts"].is_number_integer());
-    }
     // Byte for byte: what the gateway inflated is what the uploader compressed.
     const auto upload = stack->statistics().upload;
     const auto stats = gateway->stats();

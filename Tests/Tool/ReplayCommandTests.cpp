@@ -98,9 +98,7 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
               R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0},)"
               R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0,)"
               R"("promoted":{"fired":0,"delivered":0,"waiting":0,"given_up":0},"attribution_tokens":[]})");
-    EXPECT_EQ(replayExitCode(summary), kReplayStillWaiting);
-    summary.waiting = 0;
-    EXPECT_EQ(replayExitCode(summary), kReplayDropped);
+    // The exit codes for waiting and dropped events are checked on the built tool below.
 }
 
 // ---- the tool

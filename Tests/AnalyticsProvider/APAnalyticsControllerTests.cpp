@@ -4,16 +4,10 @@
 #include "AnalyticsProvider/APBaseAnalyticsProvider.h"
 #include "AnalyticsProvider/APEvent.h"
 #include "Support/RecordingTechLogger.h"
+#include "Support/RecordingUploader.h"
 
 namespace kt {
 namespace {
-
-struct CountingUploader final : RRUReliableRequestUploader {
-    void uploadRequest(HTTPRequest) override {}
-    void flush() override {}
-    void uploadFailedRequests() override { ++calls; }
-    int calls = 0;
-};
 
 // Records into a log shared by all providers of one test, so the order across providers shows.
 struct TrackingProvider : APBaseAnalyticsProvider {
@@ -32,7 +26,7 @@ struct PageviewProvider final : TrackingProvider {
 struct SilentProvider final : APBaseAnalyticsProvider {};
 
 struct ControllerFixture : ::testing::Test {
-    std::shared_ptr<CountingUploader> uploader = std::make_shared<CountingUploader>();
+    std::shared_ptr<testing::RecordingUploader> uploader = std::make_shared<testing::RecordingUploader>();
     std::shared_ptr<testing::RecordingTechLogger> techLogger = std::make_shared<testing::RecordingTechLogger>();
     APAnalyticsController controller{uploader, std::make_shared<APEventNames>(), techLogger};
     std::vector<std::string> log;
@@ -54,7 +48,7 @@ TEST_F(ControllerFixture, DispatchesByTrackedNameInRegistrationOrderAndReportsUn
     EXPECT_EQ(log, (std::vector<std::string>{"second:pageview", "first:like", "second:like", "first:audio",
                                              "first:flush", "second:flush"}));
     EXPECT_EQ(controller.trackedEvents(), (EventNameSet{"like", "audio", "pageview"}));
-    EXPECT_EQ(uploader->calls, 1);
+    EXPECT_EQ(uploader->failedUploads, 1);
     const auto reported = techLogger->events();
     ASSERT_EQ(reported.size(), 1u);
     EXPECT_EQ(reported[0].name, "unused_event");

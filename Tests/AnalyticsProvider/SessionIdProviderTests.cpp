@@ -110,10 +110,6 @@ TEST_F(SessionIdProviderTest, InactivityStoredBeforeARestartStillCountsAndClearF
     EXPECT_EQ(relaunched->getSessionId(), numberedUUID(3));
 }
 
-TEST(DefaultDateDescriptionTest, PrintsUTCWithSecondsRoundedTowardThePast) {
-    EXPECT_EQ(defaultDateDescription(Date(-1ms)), "1969-12-31 23:59:59 +0000");
-}
-
 // A store that loses dates: the provider cannot go on without the inactivity it just wrote.
 class DateLosingStore final : public KeyValueStoring {
 public:

@@ -5,9 +5,9 @@
 #include "AnalyticsProvider/APEventNames.h"
 #include "Attribution/AttributableEventCenter.h"
 #include "Attribution/AttributableEventEmitters.h"
-#include "KTData/RRUReliableRequestUploader.h"
 #include "KTFoundation/KeyValueStoring.h"
 #include "Platform/UserDefaults.h"
+#include "Support/RecordingUploader.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {
@@ -33,13 +33,6 @@ public:
     std::weak_ptr<PlaybackServiceDelegating> delegate;
 };
 
-class NoUploader final : public RRUReliableRequestUploader {
-public:
-    void uploadRequest(HTTPRequest) override {}
-    void flush() override {}
-    void uploadFailedRequests() override {}
-};
-
 class AttributableEventsTests : public ::testing::Test {
 protected:
     std::shared_ptr<AttributableEventCenter> makeCenter() {
@@ -51,9 +44,13 @@ protected:
         controller->tagEvent(APEvent::make(name, std::move(attributes)));
     }
 
+    static std::shared_ptr<APAnalyticsController> newController() {
+        return std::make_shared<APAnalyticsController>(std::make_shared<testing::RecordingUploader>(),
+                                                       std::make_shared<APEventNames>(), nullptr);
+    }
+
     testing::TemporaryDirectory directory{"kt-attribution"};
-    std::shared_ptr<APAnalyticsController> controller =
-        std::make_shared<APAnalyticsController>(std::make_shared<NoUploader>(), std::make_shared<APEventNames>(), nullptr);
+    std::shared_ptr<APAnalyticsController> controller = newController();
     std::shared_ptr<ScriptedPlayer> player = std::make_shared<ScriptedPlayer>();
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
 };
@@ -102,8 +99,7 @@ TEST_F(AttributableEventsTests, TheCountAdvancesWithoutADelegateAndSurvivesARest
                   .number("playTrackCount"),
               4.0);
     // A new process: a new controller too.
-    controller = std::make_shared<APAnalyticsController>(std::make_shared<NoUploader>(),
-                                                         std::make_shared<APEventNames>(), nullptr);
+    controller = newController();
     auto center = makeCenter();
     player->play("quillarbor:tracks:5", PlayQueueItemType::track, {6.0});
     EXPECT_EQ(delegate->tokens, (Tokens{"4b11wy", "ufnrob"}));

@@ -20,6 +20,7 @@ namespace kt {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::jsonPost;
 
 struct Received {
     std::string method;
@@ -75,22 +76,12 @@ private:
     int mostAtOnce_ = 0;
 };
 
-HTTPRequest post(const std::string& url, std::string body) {
-    HTTPRequest request;
-    request.url = url;
-    request.method = "POST";
-    request.setValue("KTAnalytics-Test/1", "User-Agent");
-    request.setValue("application/json", "Content-Type");
-    request.body = std::move(body);
-    return request;
-}
-
 TEST(CurlRequestQueueAgainstServerTests, statusCodesBecomeResultCodes) {
     StatusServer server;
     CurlRequestQueue queue({.baseURL = server.url(200)}, nullptr, nullptr);
     testing::ResultCollector results;
     const std::map<int, int> expected{{200, 0}, {204, 0}, {400, 3}, {404, 3}, {408, 2}, {429, 2}, {500, 2}, {503, 2}};
-    for (const auto& [status, code] : expected) queue.sendRequest(post(server.url(status), "[]"), results.callback(status));
+    for (const auto& [status, code] : expected) queue.sendRequest(jsonPost(server.url(status)), results.callback(status));
     EXPECT_EQ(results.waitFor(expected.size()), expected);
     const auto statistics = queue.statistics();
     EXPECT_EQ(statistics.requestsSent, expected.size());
@@ -104,7 +95,7 @@ TEST(CurlRequestQueueAgainstServerTests, requestsArriveAsBuiltAndOneAfterAnother
     CurlRequestQueue queue({}, nullptr, nullptr);
     testing::ResultCollector results;
     const std::string body("\x1f\x8b\x08\x00 binary \x00 bytes", 20);
-    HTTPRequest withBody = post(server.url(200), body);
+    HTTPRequest withBody = jsonPost(server.url(200), body);
     withBody.setValue("Bearer abc", "Authorization");
     queue.sendRequest(withBody, results.callback(0));
     results.waitFor(1);
@@ -136,7 +127,7 @@ TEST(CurlRequestQueueAgainstServerTests, manyRequestsFromSeveralThreadsAreAllAns
     std::vector<std::jthread> posters;
     for (int t = 0; t < 4; ++t)
         posters.emplace_back([&, t] {
-            for (int i = t; i < kCount; i += 4) queue.sendRequest(post(server.url(200), std::string(100 + i, 'x')), results.callback(i));
+            for (int i = t; i < kCount; i += 4) queue.sendRequest(jsonPost(server.url(200), std::string(100 + i, 'x')), results.callback(i));
         });
     posters.clear();  // joins them
     const auto codes = results.waitFor(kCount);

@@ -14,12 +14,14 @@
 #include <functional>
 
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt::gateway {
 namespace {
 
 using nlohmann::json;
+using ::kt::testing::startGateway;
 
 std::string gzip(const std::string& text) { return GzipCodec::gzippedData(text).value(); }
 // The answer's status, or -1 when there was none.
@@ -53,12 +55,6 @@ int stalledConnection(int port, const std::string& text) {
 
 class DevelopmentGatewayTests : public ::testing::Test {
 protected:
-    std::unique_ptr<DevelopmentGateway> startGateway(GatewayConfiguration configuration = {}) {
-        auto gateway = std::make_unique<DevelopmentGateway>(std::move(configuration));
-        EXPECT_TRUE(gateway->start()) << gateway->lastError();
-        return gateway;
-    }
-
     static httplib::Result upload(const DevelopmentGateway& gateway, const std::string& body,
                                   httplib::Headers headers = {{"Content-Encoding", "gzip"},
                                                               {"User-Agent", "KTAnalytics-Test/2"}}) {

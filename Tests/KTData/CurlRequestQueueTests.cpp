@@ -23,6 +23,7 @@ namespace {
 using namespace std::chrono_literals;
 
 using Codes = std::map<int, int>;
+using testing::jsonPost;
 
 // A loopback TCP port. Listening without ever accepting makes a server that takes the
 // connection (the kernel completes it) and never answers; closing it leaves a port that
@@ -53,15 +54,6 @@ private:
     int port_ = 0;
 };
 
-HTTPRequest postTo(const std::string& url) {
-    HTTPRequest request;
-    request.url = url;
-    request.method = "POST";
-    request.setValue("application/json", "Content-Type");
-    request.body = "[]";
-    return request;
-}
-
 TEST(CurlRequestQueueTests, aRefusedConnectionAnUnsendableURLOrASilentServerIsCodeTwoOnTheWorkerThread) {
     LoopbackSocket closed(false), silent(true);
     const std::string url = closed.url();
@@ -73,10 +65,10 @@ TEST(CurlRequestQueueTests, aRefusedConnectionAnUnsendableURLOrASilentServerIsCo
     testing::ResultCollector results;
     int key = 0;
     for (const auto& target : {url, std::string("file:///etc/passwd"), std::string("not a url at all")})
-        queue.sendRequest(postTo(target), results.callback(key++));
+        queue.sendRequest(jsonPost(target), results.callback(key++));
     EXPECT_EQ(results.waitFor(3), (Codes{{0, 2}, {1, 2}, {2, 2}}));
     EXPECT_EQ(queue.statistics().failed, 3u);
-    for (; key < 5; ++key) queue.sendRequest(postTo(silent.url()), results.callback(key));
+    for (; key < 5; ++key) queue.sendRequest(jsonPost(silent.url()), results.callback(key));
     EXPECT_EQ(results.waitFor(5), (Codes{{0, 2}, {1, 2}, {2, 2}, {3, 2}, {4, 2}}));
     for (const auto& thread : results.threads()) EXPECT_NE(thread, std::this_thread::get_id());
     EXPECT_EQ(queue.statistics().requestsSent, 0u);
@@ -91,9 +83,9 @@ TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCall
         configuration.shutdownTimeout = 50ms;
         configuration.maximumConcurrentRequests = 2;  // some wait, never started
         CurlRequestQueue queue(configuration, nullptr, nullptr);
-        for (int i = 0; i < 4; ++i) queue.sendRequest(postTo(silent.url()), results.callback(i));
-        queue.sendRequest(postTo(silent.url()), [&queue, &postedDuringShutdown, &results](int code) {
-            queue.sendRequest(postTo("http://127.0.0.1:1/"), postedDuringShutdown.callback(0));
+        for (int i = 0; i < 4; ++i) queue.sendRequest(jsonPost(silent.url()), results.callback(i));
+        queue.sendRequest(jsonPost(silent.url()), [&queue, &postedDuringShutdown, &results](int code) {
+            queue.sendRequest(jsonPost("http://127.0.0.1:1/"), postedDuringShutdown.callback(0));
             results.callback(4)(code);
         });
     }

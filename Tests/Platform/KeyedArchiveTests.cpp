@@ -51,10 +51,9 @@ TEST(KeyedArchiveTests, NestedValuesAndObjectsRoundTripKeepingTheirKindAndEqualO
 
     const auto attributes = reader->decodeValue("_attributes");
     ASSERT_TRUE(attributes);
-    // As text too: 2 and 2.0, or true and 1, are equal values of different kinds.
+    // As text: 2 and 2.0, or true and 1, are equal values of different kinds; dates and data
+    // print their bytes and tag.
     EXPECT_EQ(attributes->dump(), nestedAttributes().dump());
-    EXPECT_EQ(value::asDate((*attributes)["when"]), sampleDate());
-    EXPECT_EQ(value::asData((*attributes)["blob"]), (Bytes{0, 1, 0xff}));
 
     const auto child = reader->decodeObject("_child");
     ASSERT_TRUE(child);

@@ -3,24 +3,17 @@
 #include "AnalyticsProvider/APAnalyticsController.h"
 #include "AnalyticsProvider/APEvent.h"
 #include "AnalyticsProvider/APEventNames.h"
-#include "KTData/RRUReliableRequestUploader.h"
 #include "KTFoundation/KTEnvironment.h"
 #include "Promoted/APPromotedAnalyticsProvider.h"
 #include "Promoted/APPromotedRequestFactory.h"
 #include "Promoted/AnalyticsEntityTagger.h"
 #include "Promoted/AnalyticsScreenTagger.h"
+#include "Support/RecordingUploader.h"
 
 namespace kt {
 namespace {
 
-class RecordingUploader final : public RRUReliableRequestUploader {
-public:
-    void uploadRequest(HTTPRequest request) override { requests.push_back(std::move(request)); }
-    void flush() override { ++flushes; }
-    void uploadFailedRequests() override {}
-    std::vector<HTTPRequest> requests;
-    int flushes = 0;
-};
+using testing::RecordingUploader;
 
 class RecordingProvider final : public APBaseAnalyticsProvider {
 public:

@@ -184,6 +184,11 @@ TEST_F(AnalyticsStackTests, aTaggedEventIsTransformedRecordedAndStoredOnThePipel
     const auto s = stack->statistics();
     EXPECT_EQ(std::vector<std::uint64_t>({s.tagged, s.upload.stored, s.upload.waiting, s.upload.batchesSent}),
               std::vector<std::uint64_t>({2, 1, 1, 0}));  // below the minimum batch size
+    // The stack's regular flush sends it anyway after sixty seconds.
+    queue->advance(std::chrono::seconds(59));
+    EXPECT_EQ(stack->statistics().upload.batchesSent, 0u);
+    queue->advance(std::chrono::seconds(1));
+    EXPECT_EQ(stack->statistics().upload.batchesSent, 1u);
 }
 
 // Run under ThreadSanitizer (see the README) to show the two threads share nothing unguarded.

@@ -1,6 +1,7 @@
 #pragma once
 // Collects the result codes of requests by the key each was sent with, and the threads they
-// arrived on, for tests of queues that answer on a thread of their own.
+// arrived on, for tests of queues that answer on a thread of their own; and the request
+// those tests send.
 
 #include <chrono>
 #include <condition_variable>
@@ -12,6 +13,17 @@
 #include "KTData/RequestQueue.h"
 
 namespace kt::testing {
+
+/// A JSON POST as the uploaders send it.
+inline HTTPRequest jsonPost(const std::string& url, std::string body = "[]") {
+    HTTPRequest request;
+    request.url = url;
+    request.method = "POST";
+    request.setValue("KTAnalytics-Test/1", "User-Agent");
+    request.setValue("application/json", "Content-Type");
+    request.body = std::move(body);
+    return request;
+}
 
 class ResultCollector {
 public:

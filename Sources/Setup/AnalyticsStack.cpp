@@ -66,7 +66,6 @@ constexpr const char* kQueueLabel = "ktanalytics.eventgateway";
 constexpr const char* kRequestsFile = "requests.sqlite3";
 constexpr const char* kCacheFolder = "cache";
 constexpr const char* kEventsFolder = "events";
-constexpr const char* kSegmentFolder = "segment";
 
 // Each pause after a failed attempt is this many times the one before.
 constexpr int kRetryPauseGrowth = 3;
@@ -284,7 +283,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     segmentSetup.logger = s.logger_;
     SEGAnalyticsDependencies segmentDependencies;
     segmentDependencies.requestQueue = s.notifyingRequestQueue_;
-    segmentDependencies.stateDirectory = cachesRoot / kSegmentFolder;
+    segmentDependencies.stateDirectory = cachesRoot;  // the client keeps its queue in <this>/segment
     segmentDependencies.logger = s.logger_;
     s.segmentWrapper_ = SegmentWrapper::make(std::move(segmentSetup), std::move(sources), std::move(segmentDependencies),
                                              config.segmentEventRecorder);

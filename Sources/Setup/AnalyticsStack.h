@@ -10,6 +10,7 @@
 //   <state>/defaults.sqlite3        user defaults (session id)
 //   <state>/requests.sqlite3        requests the reliable uploader retries
 //   <state>/cache/events/*.event    the gateway's on-disk event queue
+//   <state>/cache/segment/          the tracking plan's message queue and anonymous id
 //
 // A stack owns its controller; several stacks can live in one process (each over its own
 // state folder). `prepareSharedController` additionally installs the pieces into the

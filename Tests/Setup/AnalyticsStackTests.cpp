@@ -114,7 +114,7 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
         modes[entry.path().extension() == ".event" ? "cache/events/<event>" : fs::relative(entry.path(), state).native()] =
             mode(entry.path());
     EXPECT_EQ(modes, (std::map<std::string, int>{{".", 0700}, {"cache", 0700}, {"cache/events", 0700},
-                                                 {"cache/events/<event>", 0600}, {"defaults.sqlite3", 0600},
+                                                 {"cache/events/<event>", 0600}, {"cache/segment", 0700}, {"cache/segment/queue.sqlite3", 0600}, {"defaults.sqlite3", 0600},
                                                  {"requests.sqlite3", 0600}}));
 }
 

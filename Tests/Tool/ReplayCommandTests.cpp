@@ -91,14 +91,61 @@ TEST(ReplayLineTests, tagsGoodLinesInOrderAndReportsBadOnesByTheirLineNumber) {
 
 TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
     ReplaySummary summary{.tagged = 5, .delivered = 3, .dropped = 1, .waiting = 1, .batches = 2, .skipped = 4,
-                          .notForGateway = 0};
+                          .notForGateway = 0, .messagesTracked = 6, .messagesDelivered = 3, .messagesWaiting = 1,
+                          .messagesDroppedByReason = {{"too_large", 1}, {"rejected", 1}}};
     summary.droppedByReason.counts[static_cast<std::size_t>(APEventDropReason::unreadable)] = 1;
     EXPECT_EQ(replaySummaryJSON(summary),
               R"({"tagged":5,"delivered":3,"dropped":1,"dropped_by_reason":{"failed_three_times":0,"rejected":0,)"
               R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0},)"
               R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0,)"
-              R"("promoted":{"fired":0,"delivered":0,"waiting":0,"given_up":0},"attribution_tokens":[]})");
-    // The exit codes for waiting and dropped events are checked on the built tool below.
+              R"("promoted":{"fired":0,"delivered":0,"waiting":0,"given_up":0},"attribution_tokens":[],)"
+              R"("product_analytics":{"tracked":6,"delivered":3,"dropped":2,)"
+              R"("dropped_by_reason":{"rejected":1,"too_large":1},"waiting":1}})");
+    // Messages count for the exit code as events do.
+    summary.waiting = 0;
+    summary.dropped = 0;
+    EXPECT_EQ(replayExitCode(summary), kReplayStillWaiting);
+    summary.messagesWaiting = 0;
+    EXPECT_EQ(replayExitCode(summary), kReplayDropped);
+}
+
+TEST(ReplayLineTests, readsTrackingPlanLinesWithTheirPropertiesInOrder) {
+    struct Case {
+        const char* text;
+        const char* problem;
+    } cases[] = {
+        {R"({"track": "Track Liked", "version": 2, "properties": {"z": 1, "a": null, "m": [1]},)"
+         R"( "thirdParties": ["mo-engage"]})", ""},
+        {R"({"identify": "u-1", "traits": {"plan": "go"}})", ""},
+        {R"({"name": "track"})", "not a tracking line"},
+        {R"({"track": "", "version": 1})", "\"track\" is not an event name"},
+        {R"({"track": "A", "version": 0})", "\"version\" is not a positive integer"},
+        {R"({"track": "A", "version": "2"})", "\"version\" is not a positive integer"},
+        {R"({"track": "A", "properties": [1]})", "\"properties\" is not an object"},
+        {R"({"track": "A", "thirdParties": ["x", 1]})", "\"thirdParties\" is not a list of names"},
+        {R"({"identify": 7})", "\"identify\" is not a user id"},
+        {R"({"identify": "u", "traits": "x"})", "\"traits\" is not an object"},
+        {R"({"identify": "u", "track": "A"})", "both \"track\" and \"identify\""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        std::string problem;
+        const auto line = parseTrackingLine(c.text, problem);
+        EXPECT_EQ(line ? "" : problem.empty() ? "not a tracking line" : problem, std::string(c.problem));
+    }
+    std::string problem;
+    const auto track = parseTrackingLine(
+        R"({"track": "Track Liked", "version": 2, "properties": {"z": 1, "a": null, "m": [1]}, "thirdParties": ["mo-engage"]})",
+        problem);
+    ASSERT_TRUE(track);
+    EXPECT_EQ(track->version, 2);
+    EXPECT_EQ(track->properties,
+              (TrackingProperties{{"z", AttributeValue(1)}, {"a", std::nullopt}, {"m", AttributeValue({1})}}));
+    EXPECT_EQ(track->thirdParties, std::vector<std::string>{"mo-engage"});
+    const auto identify = parseTrackingLine(R"({"identify": "u-1", "traits": {"plan": "go"}})", problem);
+    ASSERT_TRUE(identify);
+    EXPECT_EQ(identify->kind, TrackingLine::Kind::identify);
+    EXPECT_EQ(identify->traits, (AttributeValue{{"plan", "go"}}));
 }
 
 // ---- the tool
@@ -110,14 +157,17 @@ json summaryOf(const testing::ToolRun& run) {
 }
 
 json summary(int tagged, int delivered, int waiting, int batches, int skipped = 0, int notForGateway = 0,
-             int failedThreeTimes = 0, std::vector<std::string> tokens = {}) {
+             int failedThreeTimes = 0, std::vector<std::string> tokens = {}, int messages = 0) {
     return {{"tagged", tagged},   {"delivered", delivered}, {"dropped", failedThreeTimes},
             {"dropped_by_reason",
              {{"failed_three_times", failedThreeTimes}, {"rejected", 0}, {"not_representable", 0}, {"unreadable", 0},
               {"retry_count_lost", 0}, {"too_deeply_nested", 0}, {"not_stored", 0}}},
             {"waiting", waiting}, {"batches", batches},     {"skipped", skipped}, {"not_for_gateway", notForGateway},
             {"promoted", {{"fired", 0}, {"delivered", 0}, {"waiting", 0}, {"given_up", 0}}},
-            {"attribution_tokens", tokens}};
+            {"attribution_tokens", tokens},
+            {"product_analytics",
+             {{"tracked", messages}, {"delivered", messages}, {"dropped", 0}, {"dropped_by_reason", json::object()},
+              {"waiting", 0}}}};
 }
 
 class ReplayToolTests : public ::testing::Test {
@@ -174,6 +224,30 @@ TEST_F(ReplayToolTests, deliversEveryGoodLineAndReportsTheBadOnesByLineNumber) {
         EXPECT_EQ(headers["Authorization"], "present");  // the gateway keeps no credential values
     }
     EXPECT_EQ(seen.size(), 25u);
+}
+
+TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenHost) {
+    auto gateway = startGateway();
+    const auto run = replay({R"({"identify": "quillarbor:users:7", "traits": {"plan": "go"}})",
+                             R"({"track": "Track Liked", "properties": {"track_urn": "quillarbor:tracks:1"}})",
+                             R"({"track": "Playlist Added To Downloads", "thirdParties": ["mo-engage"]})",
+                             R"({"track": "Bad", "version": -1})"},
+                            gateway->baseURL(),
+                            {"--token", "tool-token", "--api-host", "collector.example/v1", "--timeout", "20"});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    // The client knows only "collector.example": the messages arrived because the rewriter
+    // put the gateway's host in its place.
+    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 1, 0, 0, {}, 3));
+    const auto messages = gateway->lastMessages(10);
+    std::vector<std::string> received;
+    for (const auto& m : messages) {
+        received.push_back(m.type + " " + m.name + " " + m.integrations);
+        EXPECT_EQ(m.authorization, "present");
+        EXPECT_TRUE(m.gzip);
+    }
+    EXPECT_EQ(received, (std::vector<std::string>{"identify quillarbor:users:7 {\"All\":false}",
+                                                  "track Track Liked {\"All\":false}",
+                                                  "track Playlist Added To Downloads {\"All\":false,\"MoEngage\":true}"}));
 }
 
 TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheNextRun) {

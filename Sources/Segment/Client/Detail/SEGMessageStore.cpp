@@ -53,8 +53,11 @@ std::unique_ptr<SEGMessageStore> SEGMessageStore::open(const std::filesystem::pa
         return fail(impl->db ? sqlite3_errmsg(impl->db) : "out of memory");
     sqlite3_busy_timeout(impl->db, kBusyTimeoutMs);
     char* message = nullptr;
+    // Exclusive locking before WAL keeps the WAL index in this process's memory: no mapped
+    // shared-memory file, which on a full disk would be a SIGBUS rather than an error. One
+    // process owns a queue.
     const char* schema =
-        "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
+        "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;"
         "CREATE TABLE IF NOT EXISTS messages (id INTEGER PRIMARY KEY AUTOINCREMENT, json TEXT NOT NULL);"
         "CREATE TABLE IF NOT EXISTS state (key TEXT PRIMARY KEY, value TEXT NOT NULL);";
     if (sqlite3_exec(impl->db, schema, nullptr, nullptr, &message) != SQLITE_OK) {

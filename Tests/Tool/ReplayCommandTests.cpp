@@ -125,7 +125,9 @@ TEST(ReplayLineTests, readsTrackingPlanLinesWithTheirPropertiesInOrder) {
         {R"({"track": "A", "thirdParties": ["x", 1]})", "\"thirdParties\" is not a list of names"},
         {R"({"identify": 7})", "\"identify\" is not a user id"},
         {R"({"identify": "u", "traits": "x"})", "\"traits\" is not an object"},
-        {R"({"identify": "u", "track": "A"})", "both \"track\" and \"identify\""},
+        {R"({"identify": "u", "track": "A"})", "more than one of \"track\", \"identify\" and \"plan\""},
+        {R"({"plan": "trackLiked", "args": [1]})", "\"args\" is not an object"},
+        {R"({"plan": 3})", "\"plan\" is not an operation name"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
@@ -231,13 +233,19 @@ TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenH
     const auto run = replay({R"({"identify": "quillarbor:users:7", "traits": {"plan": "go"}})",
                              R"({"track": "Track Liked", "properties": {"track_urn": "quillarbor:tracks:1"}})",
                              R"({"track": "Playlist Added To Downloads", "thirdParties": ["mo-engage"]})",
-                             R"({"track": "Bad", "version": -1})"},
+                             R"({"track": "Bad", "version": -1})",
+                             R"({"plan": "trackLiked", "args": {"track_urn": "quillarbor:tracks:2"}})",
+                             R"({"plan": "trackLiked", "args": {"track_urn": "tracks:2"}})",
+                             R"({"plan": "noSuchOperation"})"},
                             gateway->baseURL(),
                             {"--token", "tool-token", "--api-host", "collector.example/v1", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     // The client knows only "collector.example": the messages arrived because the rewriter
     // put the gateway's host in its place.
-    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 1, 0, 0, {}, 3));
+    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 3, 0, 0, {}, 4));
+    // A call the plan refuses is reported with its line and skipped.
+    EXPECT_NE(run.err.find("line 6: the argument 'track_urn' of 'trackLiked' is not"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("line 7: unknown operation 'noSuchOperation'"), std::string::npos) << run.err;
     const auto messages = gateway->lastMessages(10);
     std::vector<std::string> received;
     for (const auto& m : messages) {
@@ -247,7 +255,8 @@ TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenH
     }
     EXPECT_EQ(received, (std::vector<std::string>{"identify quillarbor:users:7 {\"All\":false}",
                                                   "track Track Liked {\"All\":false}",
-                                                  "track Playlist Added To Downloads {\"All\":false,\"MoEngage\":true}"}));
+                                                  "track Playlist Added To Downloads {\"All\":false,\"MoEngage\":true}",
+                                                  "track Track Liked {\"All\":false,\"MoEngage\":true}"}));
 }
 
 TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheNextRun) {

@@ -34,6 +34,7 @@
 #include "Segment/SegmentWrapper.h"
 #include "Setup/AnalyticsStack.h"
 #include "TrackingArchitecture/EventSender.h"
+#include "TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 
 namespace kt::tool {
 
@@ -167,15 +168,15 @@ std::size_t playFirebase(FirebaseAnalyticsController& controller, PersistedPriva
     return calls;
 }
 
-// The tracking plan's road: a sign-in, then screens, likes and downloads, some of them
-// addressed to the engagement and Firebase integrations as well. The number of messages.
-std::size_t playTrackingPlan(EventSender& sender) {
+// Tracking events handed to the broker as they are, some of them addressed to the
+// engagement and Firebase integrations as well. The number of messages.
+std::size_t playBrokerEvents(EventSender& sender) {
     std::size_t messages = 0;
     sender.identify("quillarbor:users:7", AttributeValue{{"plan", "go+"}, {"country", "DE"}});
     ++messages;
     const char* screens[] = {"Home", "Library Liked Tracks", "Search Results", "User Profile Tracks"};
     for (int i = 0; i < 8; ++i) {
-        sender.send("Screen Viewed", 1, {{"name", AttributeValue(screens[i % 4])}, {"referrer", std::nullopt}});
+        sender.send("Screen Viewed", 2, {{"name", AttributeValue(screens[i % 4])}, {"object_urn", std::nullopt}});
         sender.send("Track Liked", 1,
                     {{"source", AttributeValue("stream")},
                      {"track_urn", AttributeValue("quillarbor:tracks:" + std::to_string(700 + i))}},
@@ -185,10 +186,57 @@ std::size_t playTrackingPlan(EventSender& sender) {
     sender.send("Playlist Added To Downloads", 1, {{"playlist_urn", AttributeValue("quillarbor:playlists:42")}},
                 {"mo-engage"});
     sender.send("Checkout Started", 1,
-                {{"product_id", AttributeValue("go_plus")},
+                {{"product_id", AttributeValue("lark-max")},
                  {"providers", AttributeValue{{"MoEngage", true}, {"Firebase", true}, {"Other", true}}}});
     return messages + 2;
 }
+
+// A listener's session in the tracking plan's own operations: a sign-up, screens, plays,
+// likes, follows, a purchase and launches from home-screen widgets. The number of events.
+std::size_t playPlanSession(EventSender& sender, const WidgetAnalyticsHandler& widgets, std::ostream& out) {
+    const auto urn = [](const std::string& text) { return *Urn::parse(text); };
+    std::size_t events = 0;
+    sender.accountCreationSucceeded(false, true, "email", AttributeValue{{"source", "onboarding"}});
+    sender.applicationOpened(false, std::nullopt, std::nullopt);
+    events += 2;
+    for (auto screen : {ScreenViewedName::home, ScreenViewedName::searchResults, ScreenViewedName::libraryLikedTracks,
+                        ScreenViewedName::playlistDetails, ScreenViewedName::userProfile}) {
+        sender.screenViewed(screen, screen == ScreenViewedName::userProfile
+                                        ? std::optional<Urn>(urn("quillarbor:users:77"))
+                                        : std::nullopt);
+        ++events;
+    }
+    for (int playlist = 1; playlist <= 3; ++playlist) {
+        std::vector<Urn> tracks;
+        for (int track = 0; track < 4; ++track)
+            tracks.push_back(urn("quillarbor:tracks:" + std::to_string(900 + playlist * 10 + track)));
+        sender.playQueueInitiated(urn("quillarbor:playlists:" + std::to_string(60 + playlist)), tracks);
+        sender.trackLiked(tracks[1], "track_page", std::nullopt);
+        events += 2;
+    }
+    sender.userFollowed(urn("quillarbor:users:77"), "user_profile", urn("quillarbor:users:77"));
+    sender.userFollowed(urn("quillarbor:users:78"), std::nullopt, std::nullopt);
+    sender.playlistAddedToDownloads(urn("quillarbor:playlists:61"));
+    sender.checkoutStarted(CheckoutStartedBillingCycle::monthly, CheckoutStartedProductCategory::consumer,
+                           CheckoutStartedProductId::larkMax, CheckoutStartedPurchaseType::paid);
+    sender.productPurchased(ProductPurchasedBillingCycle::monthly, ProductPurchasedProductCategory::consumer,
+                            ProductPurchasedProductId::larkMax, ProductPurchasedPurchaseType::paid, std::nullopt);
+    events += 5;
+    // Launches from widgets: two complete ones report; an unknown family and an ordinary
+    // link send nothing.
+    const char* launches[] = {
+        "quillarbor://nowplaying?source=widget&widgetKind=nowPlaying&widgetFamily=systemSmall",
+        "quillarbor://library/likes?sort=recent&source=widget&widgetKind=likedTracks&widgetFamily=systemMedium",
+        "quillarbor://library?source=widget&widgetKind=playlist&widgetFamily=none",
+        "quillarbor://search?q=lofi",
+    };
+    for (const char* url : launches) out << "  widget  " << url << "\n       -> " << widgets.handle(url) << "\n";
+    return events + 2;
+}
+
+// Plan events of the session whose events name the engagement SDK: three plays, three
+// likes, two follows and the download.
+constexpr std::size_t kPlanEventsForEngagement = 9;
 
 int runDemo(const DemoOptions& options) {
     std::ostream& out = std::cout;
@@ -284,8 +332,12 @@ int runDemo(const DemoOptions& options) {
     // The tracking plan, through the broker and the product-analytics client, re-addressed
     // to the development gateway.
     out << "Tracking plan\n";
-    const std::size_t planMessages = playTrackingPlan(*stack->eventSender());
-    out << "  " << planMessages << " messages (a sign-in, screens, likes, a download, a checkout)\n\n";
+    WidgetAnalyticsHandler widgets(stack->eventSender());
+    const std::size_t sessionEvents = playPlanSession(*stack->eventSender(), widgets, out);
+    const std::size_t brokerMessages = playBrokerEvents(*stack->eventSender());
+    const std::size_t planMessages = sessionEvents + brokerMessages;
+    out << "  " << sessionEvents << " plan events (sign-up, screens, plays, likes, follows, a purchase, widgets), "
+        << brokerMessages << " messages handed to the broker as they are (a sign-in, screens, likes)\n\n";
 
     stack->flush();
     const bool drained = stack->waitUntilDelivered(std::chrono::seconds(options.timeoutSeconds));
@@ -368,7 +420,8 @@ int runDemo(const DemoOptions& options) {
         out << "  \"kt\" context of the last: " << received.back().kt << "\n";
         std::map<std::string, std::size_t> byName;
         for (const auto& m : received) ++byName[m.type == "track" ? m.name : "(" + m.type + ")"];
-        for (const auto& [name, count] : byName) out << "  " << std::setw(4) << count << "  " << name << "\n";
+        out << "  received, by event name:\n";
+        for (const auto& [name, count] : byName) out << "  " << std::setw(5) << count << "  " << name << "\n";
     }
     out << "  integration calls: firebase " << integrationLines->firebase << ", mo-engage "
         << integrationLines->moEngage << "\n";
@@ -403,11 +456,12 @@ int runDemo(const DemoOptions& options) {
         std::count(emitted.begin(), emitted.end(), EventToken::firstPlayToken) == 1 &&
         std::count(emitted.begin(), emitted.end(), EventToken::fifthPlayToken) == 1;
     const bool firebaseOk = counts.forwarded + counts.suppressed == firebaseCalls && counts.forwarded == firebaseCalls / 2;
-    // Every tracking-plan message arrived once; five were addressed to Firebase (four likes
-    // and the checkout) and two to the engagement SDK (the download and the checkout).
+    // Every tracking-plan message arrived once. Addressed to Firebase: five of the broker's
+    // (four likes and the checkout); to the engagement SDK: two of the broker's (the download
+    // and the checkout) and the plan's own (plays, likes, follows, the download).
     const bool planOk = messages.delivered == planMessages && messages.waiting == 0 && messagesDropped == 0 &&
                         gatewayStats.messages == planMessages && gatewayStats.duplicateMessages == 0 &&
-                        integrationLines->firebase == 5 && integrationLines->moEngage == 2;
+                        integrationLines->firebase == 5 && integrationLines->moEngage == 2 + kPlanEventsForEngagement;
     const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk && planOk;
     out << "\nResult: " << (ok ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
     stack.reset();

@@ -22,6 +22,7 @@
 #include "Commands/Playback.h"
 #include "KTFoundation/KTLogger.h"
 #include "TrackingArchitecture/EventSender.h"
+#include "TrackingArchitecture/Plan/PlanCall.h"
 
 namespace kt::tool {
 
@@ -75,14 +76,26 @@ std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string
     // Ordered, so that properties keep the line's order.
     auto json = nlohmann::ordered_json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (!json.is_object()) return std::nullopt;
-    const auto track = json.find("track"), identify = json.find("identify");
-    if (track == json.end() && identify == json.end()) return std::nullopt;
+    const auto track = json.find("track"), identify = json.find("identify"), plan = json.find("plan");
+    const int kinds = (track != json.end()) + (identify != json.end()) + (plan != json.end());
+    if (kinds == 0) return std::nullopt;
     const auto fail = [&problem](std::string reason) -> std::optional<TrackingLine> {
         problem = std::move(reason);
         return std::nullopt;
     };
-    if (track != json.end() && identify != json.end()) return fail("both \"track\" and \"identify\"");
+    if (kinds > 1) return fail("more than one of \"track\", \"identify\" and \"plan\"");
     TrackingLine line;
+    if (plan != json.end()) {
+        if (!plan->is_string() || plan->get_ref<const std::string&>().empty())
+            return fail("\"plan\" is not an operation name");
+        line.kind = TrackingLine::Kind::plan;
+        line.name = plan->get<std::string>();
+        if (auto args = json.find("args"); args != json.end() && !args->is_null()) {
+            if (!args->is_object()) return fail("\"args\" is not an object");
+            line.traits = AttributeValue(*args);
+        }
+        return line;
+    }
     if (identify != json.end()) {
         if (!identify->is_string() || identify->get_ref<const std::string&>().empty())
             return fail("\"identify\" is not a user id");
@@ -122,7 +135,7 @@ ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::
                              const std::unordered_set<std::string>& gatewayNames,
                              const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
                              std::ostream& diagnostics, std::uint64_t progressEvery,
-                             const std::function<void(TrackingLine&&)>& send) {
+                             const std::function<std::optional<std::string>(TrackingLine&&)>& send) {
     ReplayTagging result;
     std::string text;
     std::uint64_t number = 0;
@@ -133,12 +146,15 @@ ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::
         ++result.lines;
         std::string problem;
         // Only lines that mention a tracking key pay for the second, ordered parse.
-        if (text.find("\"track\"") != std::string::npos || text.find("\"identify\"") != std::string::npos) {
+        if (text.find("\"track\"") != std::string::npos || text.find("\"identify\"") != std::string::npos ||
+            text.find("\"plan\"") != std::string::npos) {
             auto trackingLine = parseTrackingLine(text, problem);
             if (trackingLine && !send) problem = "tracking-plan lines are not sent here";
             if (trackingLine && send) {
-                send(std::move(*trackingLine));
-                ++result.tracked;
+                if (auto refused = send(std::move(*trackingLine)))
+                    problem = std::move(*refused);
+                else
+                    ++result.tracked;
             }
             if (!problem.empty()) {
                 diagnostics << "line " << number << ": " << problem << ", skipped\n";
@@ -246,12 +262,21 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
     const auto gateway = stack.gatewayProvider()->trackedEvents();
     const auto& sender = stack.eventSender();
     const auto tagging = tagReplayLines(input, supported, *gateway, controllerTag, diagnostics, 1000,
-                                        [&sender](TrackingLine&& line) {
-                                            if (line.kind == TrackingLine::Kind::identify)
+                                        [&sender](TrackingLine&& line) -> std::optional<std::string> {
+                                            switch (line.kind) {
+                                            case TrackingLine::Kind::identify:
                                                 sender->identify(line.name, line.traits);
-                                            else
+                                                break;
+                                            case TrackingLine::Kind::track:
                                                 sender->send(std::move(line.name), line.version,
                                                              std::move(line.properties), std::move(line.thirdParties));
+                                                break;
+                                            case TrackingLine::Kind::plan:
+                                                if (auto error = tracking::callOperation(*sender, line.name, line.traits))
+                                                    return error->message;
+                                                break;
+                                            }
+                                            return std::nullopt;
                                         });
 
     // The flush is queued behind the events just tagged, so it sees all of them stored.

@@ -61,19 +61,20 @@ std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unor
                                           std::string& problem);
 
 /// A tracking-plan line: {"track": "Event Name", "version": N, "properties": {...},
-/// "thirdParties": [...]} or {"identify": "user id", "traits": {...}}.
+/// "thirdParties": [...]}, {"identify": "user id", "traits": {...}} or an operation of the
+/// plan called by name, {"plan": "operationName", "args": {...}}.
 struct TrackingLine {
-    enum class Kind { track, identify };
+    enum class Kind { track, identify, plan };
     Kind kind = Kind::track;
-    std::string name;  ///< the event name, or the user id
+    std::string name;  ///< the event name, the user id or the operation
     std::int64_t version = 1;
     TrackingProperties properties;  ///< in the line's order
     std::vector<std::string> thirdParties;
-    AttributeValue traits = AttributeValue::object();
+    AttributeValue traits = AttributeValue::object();  ///< an identify's traits, an operation's arguments
 };
 
 /// Reads a tracking-plan line. Nullopt with an empty `problem` when the line is no such line
-/// (neither "track" nor "identify" among its keys), with the reason when it is a bad one.
+/// (none of "track", "identify" and "plan" among its keys), with the reason when it is a bad one.
 std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string& problem);
 
 /// What tagging a file did.
@@ -86,14 +87,15 @@ struct ReplayTagging {
 };
 
 /// Reads `input` line by line and hands every good event line to `tag` as an event, and
-/// every good tracking-plan line to `send` (when there is none, such lines are bad lines).
+/// every good tracking-plan line to `send`, which answers why it could not send it, if it
+/// could not (when there is no `send`, such lines are bad lines).
 /// Bad lines are reported on `diagnostics` as "line N: <reason>" and skipped; every
 /// `progressEvery` lines a progress line goes there too (0: never).
 ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::string>& supportedNames,
                              const std::unordered_set<std::string>& gatewayNames,
                              const std::function<void(const std::shared_ptr<const APEventDescripting>&)>& tag,
                              std::ostream& diagnostics, std::uint64_t progressEvery = 1000,
-                             const std::function<void(TrackingLine&&)>& send = nullptr);
+                             const std::function<std::optional<std::string>(TrackingLine&&)>& send = nullptr);
 
 struct ReplaySummary {
     std::uint64_t tagged = 0;

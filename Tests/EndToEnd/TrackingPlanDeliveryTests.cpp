@@ -6,6 +6,11 @@
 #include <chrono>
 #include <set>
 #include <sstream>
+#include <thread>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "Gateway/DevelopmentGateway.h"
@@ -96,7 +101,7 @@ TEST(TrackingPlanDelivery, ReachesTheGatewayOnlyThroughTheRewriterSignedCompress
     EXPECT_EQ(enabled, 6u);
 }
 
-TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownArrivesAfterARestartOnce) {
+TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownOrAtAKillArrivesAfterARestartOnce) {
     testing::TemporaryDirectory directory;
     int port;
     {
@@ -111,13 +116,25 @@ TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownArrivesAfterAResta
         for (int i = 0; i < 7; ++i) stack->eventSender()->send("App Cache Cleared", 1, {});
         EXPECT_FALSE(stack->waitUntilDelivered(300ms));
     }
+    // A process killed once its messages are stored, before any of them went out.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto stack = makeStack(directory.path() / "state", port, console);
+        for (int i = 0; i < 3; ++i) stack->eventSender()->send("App Theme Changed", 1, {{"value", AttributeValue("dark")}});
+        while (stack->statistics().segment.persisted < 3) std::this_thread::sleep_for(1ms);
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
     GatewayConfiguration c;
     c.port = port;
     DevelopmentGateway gateway(c);
     ASSERT_TRUE(gateway.start()) << gateway.lastError();
     auto stack = makeStack(directory.path() / "state", port, console);
     ASSERT_TRUE(stack->waitUntilDelivered(20s));
-    EXPECT_EQ(gateway.lastMessages(100).size(), 7u);
+    EXPECT_EQ(gateway.lastMessages(100).size(), 10u);
     EXPECT_EQ(gateway.stats().duplicateMessages, 0u);
 }
 

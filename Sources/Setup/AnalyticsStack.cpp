@@ -415,7 +415,6 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
         waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
     }
     reportProgress(reported);
-    recordDrops();
     // Single requests retry on their own; they are done when delivered or given up.
     bool requestsSettled = false;
     if (reliableUploader_) {
@@ -430,6 +429,7 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
         while (!(messagesSettled = segmentAnalytics_->statistics().waiting == 0) && Clock::now() < deadline)
             waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
     }
+    recordDrops();
     if (settled) return requestsSettled && messagesSettled;
     const auto upload = uploader_->statistics();
     return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled && messagesSettled;
@@ -458,8 +458,25 @@ APEventDropCounts AnalyticsStack::recordedDrops(std::shared_ptr<UserDefaults> de
     return counts;
 }
 
+std::map<std::string, std::uint64_t> AnalyticsStack::recordedMessageDrops(std::shared_ptr<UserDefaults> defaults) {
+    UserDefaultsStore ledger(std::move(defaults), kMessageDropLedgerNameSpace);
+    std::map<std::string, std::uint64_t> counts;
+    for (const char* reason : kSEGDropReasons)
+        if (auto count = ledger.number(reason); count && *count > 0) counts[reason] = static_cast<std::uint64_t>(*count);
+    return counts;
+}
+
 void AnalyticsStack::recordDrops() {
     std::lock_guard lock(recordMutex_);
+    if (segmentAnalytics_) {
+        UserDefaultsStore ledger(userDefaults_, kMessageDropLedgerNameSpace);
+        for (const auto& [reason, count] : segmentAnalytics_->statistics().droppedByReason) {
+            auto& recorded = recordedMessageDrops_[reason];
+            if (count == recorded) continue;
+            ledger.setNumber(ledger.number(reason).value_or(0) + static_cast<double>(count - recorded), reason);
+            recorded = count;
+        }
+    }
     const auto now = uploader_->statistics().droppedByReason;
     UserDefaultsStore ledger(userDefaults_, kDropLedgerNameSpace);
     for (std::size_t i = 0; i < kEventDropReasonCount; ++i) {

@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <functional>
 #include <iosfwd>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -201,11 +202,18 @@ public:
     /// Name space, in the user defaults of a state folder, of the events dropped by every
     /// run over that folder, one number per reason key ("failed_three_times", ...).
     static constexpr const char* kDropLedgerNameSpace = "ktanalytics.dropped_events";
+    /// The same for the tracking plan's product-analytics messages, one number per reason
+    /// ("queue_full", ...).
+    static constexpr const char* kMessageDropLedgerNameSpace = "ktanalytics.dropped_messages";
     /// The user defaults file of a state folder.
     static constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
     /// The drops recorded in a state folder's user defaults by every run so far.
     static APEventDropCounts recordedDrops(std::shared_ptr<UserDefaults> defaults);
-    /// Adds this stack's drops since the last call to the state folder's ledger. Done by
+    /// The product-analytics messages dropped by every run so far, by reason (reasons with
+    /// none left out).
+    static std::map<std::string, std::uint64_t> recordedMessageDrops(std::shared_ptr<UserDefaults> defaults);
+    /// Adds this stack's drops (events and messages) since the last call to the state
+    /// folder's ledgers. Done by
     /// `waitUntilDelivered` and on destruction too.
     void recordDrops();
 
@@ -254,6 +262,7 @@ private:
     AnalyticsStackConfiguration configuration_;
     std::filesystem::path stateDirectory_;
     APEventDropCounts recordedDrops_;  // what recordDrops has added to the ledger
+    std::map<std::string, std::uint64_t> recordedMessageDrops_;  // the same for messages
     std::mutex recordMutex_;
     std::shared_ptr<ResultSignal> signal_;
     std::atomic<std::uint64_t> tagged_{0};

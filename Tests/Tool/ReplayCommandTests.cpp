@@ -286,14 +286,23 @@ TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheN
 // Connections refused every time: each event gets its three attempts, spaced by the wait
 // loop, is dropped and counted under its reason, and the run says so in its exit code.
 TEST_F(ReplayToolTests, eventsAGatewayNeverTakesAreDroppedCountedAndExitThree) {
-    const auto run = replay({R"({"name": "like", "attributes": {"i": 1}})", R"({"name": "repost", "attributes": {"i": 2}})"},
+    // And a tracking-plan message over the 32 KB a message may have.
+    const auto big = json{{"track", "Comment Added To Track"}, {"properties", {{"text", std::string(40000, 'x')}}}};
+    const auto run = replay({R"({"name": "like", "attributes": {"i": 1}})", R"({"name": "repost", "attributes": {"i": 2}})",
+                             big.dump()},
                             unreachable(), {"--retry-pause", "0.05", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 3) << run.err;
-    EXPECT_EQ(summaryOf(run), summary(2, 0, 0, 3, 0, 0, 2, {"k4tq7v"}));
+    auto expected = summary(2, 0, 0, 3, 0, 0, 2, {"k4tq7v"});
+    expected["product_analytics"] = {{"tracked", 1}, {"delivered", 0}, {"dropped", 1},
+                                     {"dropped_by_reason", {{"too_large", 1}}}, {"waiting", 0}};
+    EXPECT_EQ(summaryOf(run), expected);
     // The state folder keeps the count of what was dropped, for `queue` to show.
     const auto listing = queue({"--count"});
     EXPECT_EQ(listing.out, "0\n");
-    EXPECT_NE(listing.err.find("dropped by earlier runs: 2 (failed_three_times 2)"), std::string::npos) << listing.err;
+    EXPECT_NE(listing.err.find("dropped by earlier runs: 2 (failed_three_times 2)\n"
+                               "product-analytics messages dropped by earlier runs: 1 (too_large 1)"),
+              std::string::npos)
+        << listing.err;
 }
 
 // A gateway that comes up only after the first attempt failed: the pause before the next

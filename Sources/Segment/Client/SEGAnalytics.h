@@ -69,6 +69,10 @@ struct SEGAnalyticsDependencies {
     std::shared_ptr<SerialQueue> worker;
 };
 
+/// Every reason a message can be removed without delivery, as `droppedByReason` keys it.
+inline constexpr const char* kSEGDropReasons[] = {"queue_full",           "too_large",     "rejected",
+                                                  "dropped_by_middleware", "not_persisted", "corrupted"};
+
 /// Counts only ever grow, but `waiting`.
 struct SEGAnalyticsStatistics {
     std::uint64_t tracked = 0;    // identify and track calls accepted

@@ -81,6 +81,16 @@ void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     }
     if (!reasons.empty()) out << " (" << reasons << ")";
     out << '\n';
+
+    std::uint64_t messages = 0;
+    reasons.clear();
+    for (const auto& [reason, count] : AnalyticsStack::recordedMessageDrops(defaults)) {
+        messages += count;
+        reasons += (reasons.empty() ? "" : ", ") + reason + " " + std::to_string(count);
+    }
+    out << "product-analytics messages dropped by earlier runs: " << messages;
+    if (!reasons.empty()) out << " (" << reasons << ")";
+    out << '\n';
 }
 
 void registerQueueCommand(CLI::App& app, int& exitCode) {

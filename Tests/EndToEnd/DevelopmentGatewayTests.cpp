@@ -141,16 +141,21 @@ TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400And
     EXPECT_TRUE(gateway->lastEvents(10).empty());
 }
 
-TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerWithTheFailStatusAndTheSameSeedFailsTheSameRequests) {
+TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerEveryRoadWithTheFailStatusStoreNothingAndTheSameSeedFailsTheSameRequests) {
     const std::string body = gzip(json::array({element("play")}).dump());
     auto gateway = startGateway({.failRate = 1.0, .failStatus = 429, .seed = 7});
     httplib::Client client(gateway->baseURL());
     EXPECT_EQ(status(upload(*gateway, body)), 429);
     EXPECT_EQ(status(client.Get("/track/impression?id=1")), 429);
+    const auto batch = client.Post("/v1/batch", R"({"batch":[{"type":"track","messageId":"m","userId":"u","event":"e"}]})",
+                                   "application/json");
+    ASSERT_EQ(status(batch), 429);
+    EXPECT_EQ(json::parse(batch->body, nullptr, false), (json{{"success", false}, {"error", "injected failure"}}));
+    EXPECT_TRUE(gateway->lastMessages(10).empty());
     EXPECT_EQ(getJSON(*gateway, "/stats"),  // inspection is never failed
               (json{{"requests", 1}, {"events", 0}, {"bytes_compressed", 0}, {"bytes_raw", 0},
-                    {"failures_injected", 2}, {"rejected", 0}, {"tracking_requests", 0},
-                    {"tracking_by_prefix", json::object()}, {"batch_requests", 0}, {"messages", 0},
+                    {"failures_injected", 3}, {"rejected", 0}, {"tracking_requests", 0},
+                    {"tracking_by_prefix", json::object()}, {"batch_requests", 1}, {"messages", 0},
                     {"duplicate_messages", 0}}));
 
     auto outcomes = [&](std::uint64_t seed) {

@@ -8,11 +8,13 @@
 #include <vector>
 
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "Support/RunningGateway.h"
 
 namespace kt::gateway {
 namespace {
 
 using nlohmann::json;
+using ::kt::testing::startGateway;
 
 std::string gzip(const std::string& text) { return GzipCodec::gzippedData(text).value(); }
 
@@ -31,28 +33,16 @@ std::string batchOf(json messages) {
 
 const httplib::Headers kGzip{{"Content-Encoding", "gzip"}};
 
-class GatewayBatchEndpointTests : public ::testing::Test {
-protected:
-    std::unique_ptr<DevelopmentGateway> startGateway(GatewayConfiguration configuration = {}) {
-        auto gateway = std::make_unique<DevelopmentGateway>(std::move(configuration));
-        EXPECT_TRUE(gateway->start()) << gateway->lastError();
-        return gateway;
-    }
+httplib::Result post(const DevelopmentGateway& gateway, const std::string& body, const httplib::Headers& headers = {}) {
+    return httplib::Client(gateway.baseURL()).Post("/v1/batch", headers, body, "application/json");
+}
 
-    static httplib::Result post(const DevelopmentGateway& gateway, const std::string& body,
-                                const httplib::Headers& headers = {}) {
-        httplib::Client client(gateway.baseURL());
-        return client.Post("/v1/batch", headers, body, "application/json");
-    }
+json getJSON(const DevelopmentGateway& gateway, const std::string& path) {
+    auto result = httplib::Client(gateway.baseURL()).Get(path);
+    return result && result->status == 200 ? json::parse(result->body, nullptr, false) : json();
+}
 
-    static json getJSON(const DevelopmentGateway& gateway, const std::string& path) {
-        httplib::Client client(gateway.baseURL());
-        auto result = client.Get(path);
-        return result && result->status == 200 ? json::parse(result->body, nullptr, false) : json();
-    }
-};
-
-TEST_F(GatewayBatchEndpointTests, batchesAreAnsweredAsTheBatchAPIDoesAndAMalformedOneStoresNothing) {
+TEST(GatewayBatchEndpointTests, batchesAreAnsweredAsTheBatchAPIDoesAndAMalformedOneStoresNothing) {
     auto gateway = startGateway({.maxBodyBytes = 16 << 10, .maxRawBytes = 64 << 10});
     const json valid = json::array({track("m1", "Play")});
     const struct {
@@ -109,7 +99,7 @@ TEST_F(GatewayBatchEndpointTests, batchesAreAnsweredAsTheBatchAPIDoesAndAMalform
     EXPECT_EQ(gateway->lastMessages(100).size(), 2u);
 }
 
-TEST_F(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegrationsSigningAndCompression) {
+TEST(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegrationsSigningAndCompression) {
     auto gateway = startGateway();
     json played = track("m-1", "Track Played");
     played["context"] = {{"kt", {{"plan", "v3"}}}, {"app", {{"name", "demo"}}}};
@@ -136,8 +126,6 @@ TEST_F(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegratio
         EXPECT_EQ(json::parse(m.message), i < 3 ? json::parse(first)["batch"][i] : json::parse(second)["batch"][0]);
         EXPECT_FALSE(m.receivedAt.empty());
     }
-    EXPECT_EQ(json::parse(stored[0].headers)["Authorization"], "present");
-    EXPECT_EQ(json::parse(stored[0].headers)["Content-Encoding"], "gzip");
 
     const json listing = getJSON(*gateway, "/messages?limit=2");
     ASSERT_EQ(listing.size(), 2u);
@@ -146,8 +134,7 @@ TEST_F(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegratio
     EXPECT_EQ(listing[0]["name"], "");
     EXPECT_EQ(listing[0]["type"], "screen");
     EXPECT_EQ(listing[0]["message"], screen);
-    httplib::Client client(gateway->baseURL());
-    EXPECT_EQ(client.Get("/messages?limit=1001")->status, 400);
+    EXPECT_EQ(httplib::Client(gateway->baseURL()).Get("/messages?limit=1001")->status, 400);
     EXPECT_EQ(getJSON(*gateway, "/stats"),
               (json{{"requests", 0}, {"events", 0}, {"bytes_compressed", gzip(first).size() + second.size()},
                     {"bytes_raw", first.size() + second.size()}, {"failures_injected", 0}, {"rejected", 0},
@@ -155,7 +142,7 @@ TEST_F(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegratio
                     {"messages", 4}, {"duplicate_messages", 1}}));
 }
 
-TEST_F(GatewayBatchEndpointTests, concurrentBatchesOfOneMessageIdAreAllStoredAndAllButOneCountedAsDuplicates) {
+TEST(GatewayBatchEndpointTests, concurrentBatchesOfOneMessageIdAreAllStoredAndAllButOneCountedAsDuplicates) {
     auto gateway = startGateway();
     const std::string body = gzip(batchOf({track("same", "Play")}));
     std::vector<int> statuses(8);
@@ -171,19 +158,6 @@ TEST_F(GatewayBatchEndpointTests, concurrentBatchesOfOneMessageIdAreAllStoredAnd
     EXPECT_EQ(gateway->stats().messages, 8u);
     EXPECT_EQ(gateway->stats().duplicateMessages, 7u);
     EXPECT_EQ(gateway->lastMessages(100).size(), 8u);
-}
-
-TEST_F(GatewayBatchEndpointTests, injectedFailuresApplyToBatchesAndStoreNothing) {
-    auto gateway = startGateway({.failRate = 1.0, .failStatus = 503, .seed = 3});
-    auto result = post(*gateway, gzip(batchOf({track("m1", "Play")})), kGzip);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->status, 503);
-    EXPECT_EQ(json::parse(result->body, nullptr, false), (json{{"success", false}, {"error", "injected failure"}}));
-    const GatewayStatistics stats = gateway->stats();
-    EXPECT_EQ(stats.failuresInjected, 1u);
-    EXPECT_EQ(stats.batchRequests, 1u);
-    EXPECT_EQ(stats.messages, 0u);
-    EXPECT_TRUE(gateway->lastMessages(10).empty());
 }
 
 }  // namespace

@@ -249,7 +249,7 @@ TEST(SegmentIntegrations, ForwardOnceTheirHookAnswersAndAskAgainUntilThen) {
                   "{\"track_urn\":\"quillarbor:tracks:1\"}\n");
 }
 
-TEST(SegmentWrapper, ConfigurationInstallsTheRewriterOnlyForAReplacementHost) {
+TEST(SegmentWrapper, ConfigurationWithoutAReplacementHostHasNoRewriterAndTheContextMiddlewareAndIntegrations) {
     SegmentMiddlewareSources sources;
     SegmentWrapperSetup setup{.writeKey = "wk", .apiHost = "http://api.segment.io:9/v1",
                               .middlewareFactory = std::make_shared<SegmentMiddlewareFactory>(sources)};
@@ -261,11 +261,6 @@ TEST(SegmentWrapper, ConfigurationInstallsTheRewriterOnlyForAReplacementHost) {
     std::vector<std::string> keys;
     for (const auto& f : without.factories) keys.push_back(f->key());
     EXPECT_EQ(keys, (std::vector<std::string>{"Firebase", "MoEngage"}));
-
-    setup.replacementAPIHost = "127.0.0.1";
-    auto with = SegmentWrapper::makeConfiguration(setup);
-    ASSERT_TRUE(with.requestFactory);
-    EXPECT_EQ(with.requestFactory("http://api.segment.io:9/v1/batch").url, "http://127.0.0.1:9/v1/batch");
 }
 
 TEST(SegmentIntegrationIdentifier, ParsesProviderNamesAndKeysExactly) {

@@ -21,6 +21,7 @@ TEST(PlanCommand, ListsEveryOperationAsJsonWithItsEventVersionThirdPartiesAndKey
     for (const auto& entry : listed) byOperation[entry.at("operation").get<std::string>()] = entry;
     EXPECT_EQ(byOperation.size(), 206u) << "one entry per operation";
 
+    // feedPlaybackEnd alone spells its impression id without "item".
     const auto expected = ordered_json::parse(R"([
       {"operation": "accountCreationSucceeded", "event": "Account Creation Succeeded", "version": 2,
        "thirdParties": [], "properties": [{"key": "is_new_connect", "kind": "plain"},
@@ -35,6 +36,11 @@ TEST(PlanCommand, ListsEveryOperationAsJsonWithItsEventVersionThirdPartiesAndKey
        "properties": [{"key": "tap_type", "kind": "WidgetItemOpenedTapType"},
          {"key": "widget_family", "kind": "WidgetItemOpenedWidgetFamily"},
          {"key": "widget_kind", "kind": "WidgetItemOpenedWidgetKind"}, {"key": "widget_size", "kind": "plain"}]},
+      {"operation": "feedPlaybackEnd", "event": "Feed Playback End", "version": 1, "thirdParties": [],
+       "properties": [{"key": "feed_item_owner_urn", "kind": "urn"}, {"key": "feed_item_type", "kind": "plain"},
+         {"key": "feed_item_urn", "kind": "urn"}, {"key": "feed_impression_id", "kind": "plain"},
+         {"key": "reason_type", "kind": "plain"}, {"key": "seed_urn", "kind": "urn"},
+         {"key": "track_owner_urn", "kind": "urn"}, {"key": "track_urn", "kind": "urn"}]},
       {"operation": "dsaAdReceived", "event": "DSA Ad Received", "version": 1, "thirdParties": [],
        "properties": [{"key": "has_advertiser", "kind": "plain"}, {"key": "has_age", "kind": "plain"},
          {"key": "has_region", "kind": "plain"}]}

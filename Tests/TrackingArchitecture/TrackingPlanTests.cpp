@@ -144,45 +144,6 @@ TEST(TrackingPlan, EveryOperationSendsTheTablesEventOnTheTypedRoadAndByName) {
     }
 }
 
-TEST(TrackingPlan, NamedEventsCarryTheirVersionsKeysAndThirdParties) {
-    Recorded r;
-    const auto trackUrns = std::vector{urn("quillarbor:tracks:1"), urn("quillarbor:tracks:2")};
-    r.sender.accountCreationSucceeded(true, false, "email", std::nullopt);
-    r.sender.accountDeletionCanceled();
-    r.sender.playQueueInitiated(urn("quillarbor:playlists:42"), trackUrns);
-    r.sender.tracksAddedToPlayQueue(TracksAddedToPlayQueueFrom::fetchMore, trackUrns);
-    r.sender.screenViewed(ScreenViewedName::libraryLikedTracks, std::nullopt);
-    r.sender.reactionTapped(std::nullopt, std::nullopt);
-    r.sender.feedPlaybackEnd(urn("quillarbor:users:7"), "track", urn("quillarbor:tracks:3"), "imp-1", "organic",
-                             std::nullopt, urn("quillarbor:users:8"), urn("quillarbor:tracks:3"));
-    const AttributeValue urnTexts = {"quillarbor:tracks:1", "quillarbor:tracks:2"};
-    const std::vector<TrackingEvent> expected = {
-        {"Account Creation Succeeded", 2,
-         TrackingProperties{{"is_new_connect", true}, {"signin_to_signup", false}, {"signup_method", "email"},
-                            {"referrer_properties", std::nullopt}},
-         {}},
-        {"Account Deletion Canceled", 1, TrackingProperties{}, {}},
-        {"Play Queue Initiated", 2,
-         TrackingProperties{{"object_urn", "quillarbor:playlists:42"}, {"track_urns", urnTexts}}, {"mo-engage"}},
-        {"Tracks Added To Play Queue", 1, TrackingProperties{{"from", "fetch_more"}, {"track_urns", urnTexts}}, {}},
-        {"Screen Viewed", 2, TrackingProperties{{"name", "Library Liked Tracks"}, {"object_urn", std::nullopt}}, {}},
-        {"Reaction Tapped", 1, TrackingProperties{{"ui_component_name", std::nullopt}, {"ui_component_urn", std::nullopt}},
-         {}},
-        // This event alone spells its impression id without "item".
-        {"Feed Playback End", 1,
-         TrackingProperties{{"feed_item_owner_urn", "quillarbor:users:7"},
-                            {"feed_item_type", "track"},
-                            {"feed_item_urn", "quillarbor:tracks:3"},
-                            {"feed_impression_id", "imp-1"},
-                            {"reason_type", "organic"},
-                            {"seed_urn", std::nullopt},
-                            {"track_owner_urn", "quillarbor:users:8"},
-                            {"track_urn", "quillarbor:tracks:3"}},
-         {}},
-    };
-    EXPECT_EQ(r.broker->events, expected);
-}
-
 TEST(TrackingPlanDeathTest, DuplicateKeysAndRawValuesOutsideTheCasesStopTheProcess) {
     Recorded r;
     EXPECT_DEATH(r.sender.send("Track Liked", 1, {{"track_urn", "a"}, {"ui_component_name", "b"}, {"track_urn", "c"}}),
@@ -237,10 +198,6 @@ TEST(TrackingPlan, EnumerationsDescribeTheirCasesByRawValueFromTheTable) {
         {"AuthenticationMethodSelectedMethod", {"apple", "email", "facebook", "google"}},
     };
     for (const auto& [name, strings] : given) EXPECT_EQ(checks.at(name)(), strings) << name;
-
-    EXPECT_EQ(description(*fromRawValue<AdRequestedPlacement>(6)), "unknown");
-    EXPECT_EQ(fromRawValue<AdRequestedPlacement>(7), std::nullopt);
-    EXPECT_EQ(description(*fromRawValue<TracksAddedToPlayQueueFrom>(2)), "fetch_more");
 }
 
 TEST(TrackingPlan, CallsByNameWithFaultyArgumentsSendNothingAndNameTheFault) {

@@ -11,7 +11,7 @@ set -euo pipefail
 
 build_dir="${1:-build}"
 bench_dir="$build_dir/Benchmarks"
-programs=(TagEventBenchmark StoreThroughputBenchmark QueueGrowthBenchmark UploadBenchmark)
+programs=(TagEventBenchmark StoreThroughputBenchmark QueueGrowthBenchmark UploadBenchmark TrackingPlanEndToEndBenchmark)
 for program in "${programs[@]}"; do
   if [[ ! -x "$bench_dir/bench_$program" ]]; then
     echo "run-benchmarks: $bench_dir/bench_$program is missing; build with -DKTANALYTICS_BUILD_BENCHMARKS=ON" >&2
@@ -74,6 +74,10 @@ awk -F, '
     if ("peak_rss_growth_MiB" in column) rss[name] = $column["peak_rss_growth_MiB"]
     if ("body_gzip_KiB" in column) gz[name] = $column["body_gzip_KiB"]
     if ("body_raw_KiB" in column) raw[name] = $column["body_raw_KiB"]
+    if ("us_per_message" in column) permsg[name] = $column["us_per_message"]
+    if ("batches" in column) batches[name] = $column["batches"]
+    if ("send_median_ns" in column) sendmed[name] = $column["send_median_ns"]
+    if ("error_occurred" in column) failed[name] = unq($column["error_occurred"]) == "true"
   }
   END {
     printf "\n%-58s %s\n", "measure", "result"
@@ -104,5 +108,12 @@ awk -F, '
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB   (target: at most +16 MiB)\n", "build the request for 10,000 stored events", fmt_time(real[n], unit[n]), rss[n]
     n = "BM_Upload10000StoredEventsToABareSink/iterations:3/real_time"
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB\n", "the same to a bare sink (the SDK alone)", fmt_time(real[n], unit[n]), rss[n]
+    split("1000 10000 100000", sizes, " ")
+    for (k = 1; k <= 3; k++) {
+      n = "BM_TrackingPlanToGateway/" sizes[k] "/iterations:1/manual_time"
+      if (!(n in real)) continue
+      if (failed[n]) { printf "%-58s FAILED (see above)\n", "tracking plan, " sizes[k] " messages sent to delivered"; continue }
+      printf "%-58s %s, %.0f us/message, %.0f msgs/s, %d batches, peak RSS +%.1f MiB, send median %.0f ns\n", "tracking plan, " sizes[k] " messages sent to delivered", fmt_time(real[n], unit[n]), permsg[n], items[n], batches[n], rss[n], sendmed[n]
+    }
   }
 ' "$results"/*.csv

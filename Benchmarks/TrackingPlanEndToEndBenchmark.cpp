@@ -1,0 +1,183 @@
+// The tracking plan's product-analytics road, end to end: N events sent through the stack's
+// `eventSender()` as fast as the caller can, each handed to the client's worker, run through
+// the middlewares, committed to its SQLite queue, batched, gzip-compressed, re-addressed to
+// the development gateway (started in this process on loopback, keeping what it receives in
+// a SQLite file beside the state folder) and deleted once answered, until every message is
+// delivered.
+//
+// Timed (manual time): from the first `send` to the return of `waitUntilDelivered`. Beside
+// it, the caller's side of the same run: the send loop's time per call and the median and
+// 99th percentile of each call timed on its own. Peak memory is the growth of the resident
+// high-water mark over the run (reset through /proc/self/clear_refs where the kernel allows
+// it); it includes the in-process gateway's work on each batch.
+//
+// Each run checks that the gateway received exactly N messages, none twice.
+
+#include <benchmark/benchmark.h>
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "BenchmarkSupport.h"
+#include "Gateway/DevelopmentGateway.h"
+#include "TrackingArchitecture/EventSender.h"
+
+namespace kt::bench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long maxResidentKilobytes() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// Lowers the high-water mark to what is resident now; false where the kernel refuses.
+bool resetPeakResident() {
+    std::ofstream clearRefs("/proc/self/clear_refs");
+    clearRefs << "5";
+    clearRefs.flush();
+    return static_cast<bool>(clearRefs);
+}
+
+// Four properties as the plan's events carry them: an entity urn, a number, a short string
+// and an absent value (sent as null).
+TrackingProperties propertiesFor(std::size_t i) {
+    return {{"track_urn", AttributeValue("quillarbor:tracks:" + std::to_string(100'000 + i))},
+            {"position", AttributeValue(static_cast<std::int64_t>(i % 50))},
+            {"source", AttributeValue("stream")},
+            {"playlist_urn", std::nullopt}};
+}
+
+// The message as the gateway stored it carries the event's name and properties, null included.
+bool arrivedWhole(const std::vector<gateway::StoredMessage>& last, const std::string& name, std::size_t i) {
+    if (last.size() != 1 || last[0].type != "track" || last[0].name != name) return false;
+    const auto message = AttributeValue::parse(last[0].message, nullptr, false);
+    if (!message.is_object() || !message.contains("properties")) return false;
+    const auto& properties = message["properties"];
+    return properties.value("track_urn", "") == "quillarbor:tracks:" + std::to_string(100'000 + i) &&
+           properties.contains("playlist_urn") && properties["playlist_urn"].is_null();
+}
+
+void BM_TrackingPlanToGateway(benchmark::State& state) {
+    const auto count = static_cast<std::size_t>(state.range(0));
+    static const char* names[] = {"Track Played", "Track Liked", "Track Reposted", "Track Shared"};
+    std::vector<double> callNanoseconds;
+    callNanoseconds.reserve(count);
+    double sendLoopSeconds = 0, totalSeconds = 0;
+    long peakGrowth = 0;
+    bool peakWasReset = true;
+    SEGAnalyticsStatistics client;
+    gateway::GatewayStatistics received;
+
+    for (auto _ : state) {
+        ScratchDirectory scratch("kt-bench-tracking-plan");
+        gateway::GatewayConfiguration gatewayConfiguration;
+        gatewayConfiguration.dbPath = (scratch.path() / "gateway.sqlite3").string();
+        gateway::DevelopmentGateway gateway(gatewayConfiguration);
+        if (!gateway.start()) {
+            state.SkipWithError(("the development gateway did not start: " + gateway.lastError()).c_str());
+            return;
+        }
+        AnalyticsStackConfiguration configuration;
+        configuration.environment.eventGatewayBaseURL = gateway.baseURL();
+        configuration.environment.clientId = 3;
+        configuration.environment.userAgent = "KTAnalytics-Bench/1";
+        configuration.environment.segmentWriteKey = "bench-write-key";
+        configuration.environment.shouldFlushAtRegularIntervals = false;
+        configuration.stateDirectory = scratch.path() / "state";
+        configuration.token = "bench-token";
+        configuration.userUrn = "quillarbor:users:7";
+        configuration.console = &silentConsole();
+        auto stack = makeStack(std::move(configuration), state);
+        if (!stack) return;
+        auto& sender = *stack->eventSender();
+
+        callNanoseconds.clear();
+        peakWasReset = resetPeakResident() && peakWasReset;
+        const long residentBefore = maxResidentKilobytes();
+
+        // Notes when the worker has stored every message and when the last was delivered,
+        // to tell the worker's pace from the uploads' and from the waiting call's own latency.
+        std::atomic<bool> sampling{true};
+        double storedSeconds = 0, deliveredSeconds = 0;
+        const auto start = Clock::now();
+        std::thread sampler([&] {
+            while (sampling.load() && deliveredSeconds == 0) {
+                const auto s = stack->statistics().segment;
+                const double at = std::chrono::duration<double>(Clock::now() - start).count();
+                if (storedSeconds == 0 && s.persisted >= count) storedSeconds = at;
+                if (s.delivered >= count) deliveredSeconds = at;
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        for (std::size_t i = 0; i < count; ++i) {
+            const auto before = Clock::now();
+            sender.send(names[i % 4], 1, propertiesFor(i));
+            callNanoseconds.push_back(std::chrono::duration<double, std::nano>(Clock::now() - before).count());
+        }
+        sendLoopSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+        const bool delivered = stack->waitUntilDelivered(std::chrono::minutes(10));
+        totalSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(totalSeconds);
+        sampling = false;
+        sampler.join();
+        state.counters["stored_all_ms"] = storedSeconds * 1e3;
+        state.counters["delivered_all_ms"] = deliveredSeconds * 1e3;
+
+        peakGrowth = std::max(peakGrowth, maxResidentKilobytes() - residentBefore);
+        client = stack->statistics().segment;
+        received = gateway.stats();
+        if (!delivered || client.delivered != count) {
+            std::string dropped;
+            for (const auto& [reason, n] : client.droppedByReason) dropped += " " + reason + "=" + std::to_string(n);
+            state.SkipWithError(("not every message was delivered: " + std::to_string(client.delivered) + " of " +
+                                 std::to_string(count) + "; dropped:" + (dropped.empty() ? " none" : dropped))
+                                    .c_str());
+        }
+        else if (received.messages != count || received.duplicateMessages != 0)
+            state.SkipWithError(("the gateway received " + std::to_string(received.messages) + " messages (" +
+                                 std::to_string(received.duplicateMessages) + " twice) instead of " +
+                                 std::to_string(count))
+                                    .c_str());
+        else if (!arrivedWhole(gateway.lastMessages(1), names[(count - 1) % 4], count - 1))
+            state.SkipWithError("the last message arrived without its name or urn or null property");
+    }
+
+    std::sort(callNanoseconds.begin(), callNanoseconds.end());
+    const auto n = static_cast<double>(count);
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * count));
+    state.counters["us_per_message"] = totalSeconds / n * 1e6;
+    state.counters["batches"] = static_cast<double>(client.batchesSent);
+    state.counters["gzip_KiB"] = static_cast<double>(client.bytesSent) / 1024.0;
+    state.counters["gzip_B_per_message"] = static_cast<double>(client.bytesSent) / n;
+    state.counters["retries"] = static_cast<double>(client.retries);
+    state.counters["peak_rss_growth_MiB"] = static_cast<double>(peakGrowth) / 1024.0;
+    state.counters["peak_mark_reset"] = peakWasReset ? 1 : 0;
+    state.counters["send_loop_ns_per_call"] = sendLoopSeconds / n * 1e9;
+    if (!callNanoseconds.empty()) {
+        state.counters["send_median_ns"] = callNanoseconds[callNanoseconds.size() / 2];
+        state.counters["send_p99_ns"] = callNanoseconds[callNanoseconds.size() * 99 / 100];
+    }
+}
+
+BENCHMARK(BM_TrackingPlanToGateway)
+    ->Arg(1'000)
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace kt::bench
+
+BENCHMARK_MAIN();

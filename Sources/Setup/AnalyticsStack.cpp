@@ -285,6 +285,9 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     segmentDependencies.requestQueue = s.notifyingRequestQueue_;
     segmentDependencies.stateDirectory = cachesRoot;  // the client keeps its queue in <this>/segment
     segmentDependencies.logger = s.logger_;
+    segmentDependencies.answerHandled = [weakSignal = std::weak_ptr<ResultSignal>(s.signal_)] {
+        if (auto signal = weakSignal.lock()) signal->notify();
+    };
     s.segmentWrapper_ = SegmentWrapper::make(std::move(segmentSetup), std::move(sources), std::move(segmentDependencies),
                                              config.segmentEventRecorder);
     s.segmentAnalytics_ = std::dynamic_pointer_cast<SEGAnalytics>(s.segmentWrapper_->segmentAnalytics());

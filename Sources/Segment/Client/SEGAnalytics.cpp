@@ -70,6 +70,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     const std::shared_ptr<RequestQueueing> requestQueue;
     const std::shared_ptr<KTLogger> logger;
     const std::shared_ptr<SerialQueue> worker;
+    const std::function<void()> answerHandled;
     const std::shared_ptr<ThreadSerialQueue> ownWorker;  // the same queue when the client made it
     const std::string url;
     const AttributeValue context;
@@ -99,6 +100,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
           requestQueue(std::move(d.requestQueue)),
           logger(d.logger ? std::move(d.logger) : KTLogger::null()),
           worker(own ? own : std::move(d.worker)),
+          answerHandled(std::move(d.answerHandled)),
           ownWorker(std::move(own)),
           url(segment::batchURL(configuration.apiHost)),
           context(baseContext()) {}
@@ -412,6 +414,11 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     }
 
     void answer(int code) {
+        handleAnswer(code);
+        if (answerHandled) answerHandled();
+    }
+
+    void handleAnswer(int code) {
         const std::size_t count = std::exchange(inFlight, 0);
         if (count == 0) return;
         if (code == static_cast<int>(RequestResult::delivered) || code == static_cast<int>(RequestResult::rejected)) {

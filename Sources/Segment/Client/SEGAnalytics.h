@@ -67,6 +67,9 @@ struct SEGAnalyticsDependencies {
     std::shared_ptr<KTLogger> logger;
     /// The client's worker; null makes a thread of its own. Tests pass a virtual-time queue.
     std::shared_ptr<SerialQueue> worker;
+    /// Called on the worker once an upload's answer has been counted, so that whoever waits
+    /// for delivery looks at the statistics again at once. May be empty.
+    std::function<void()> answerHandled;
 };
 
 /// Every reason a message can be removed without delivery, as `droppedByReason` keys it.

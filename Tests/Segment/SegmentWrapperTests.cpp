@@ -10,6 +10,7 @@
 #include "KTFoundation/CredentialStore.h"
 #include "KTFoundation/DependencyRegistry.h"
 #include "KTFoundation/FirebaseAnalyticsControlling.h"
+#include "AnalyticsProvider/EventGateway/AnonymousID.h"
 #include "Segment/AddKTAttributesToContext.h"
 #include "Segment/Client/SEGAnalytics.h"
 #include "Segment/MoEngageEventLogging.h"
@@ -18,7 +19,10 @@
 #include "Segment/SegmentMiddlewareFactory.h"
 #include "Segment/SegmentRequestRewriter.h"
 #include "Segment/SegmentWrapper.h"
+#include "Segment/SegmentDependencyProvider.h"
+#include "Support/FakeRequestQueue.h"
 #include "Support/RecordingLogger.h"
+#include "Support/TemporaryDirectory.h"
 
 namespace kt {
 namespace {
@@ -277,6 +281,35 @@ TEST(SegmentIntegrationIdentifier, ParsesProviderNamesAndKeysExactly) {
         EXPECT_FALSE(SegmentIntegrationIdentifier::fromProviderName(unknown)) << unknown;
         EXPECT_FALSE(SegmentIntegrationIdentifier::isIntegrationKey(unknown)) << unknown;
     }
+}
+
+}  // namespace
+}  // namespace kt
+
+namespace kt {
+namespace {
+
+// The process-wide wrapper is built once, from the hooks as they stand at its first use.
+TEST(SegmentWrapper, SharedInstanceIsBuiltOnceFromTheHooksAndGivesItsAnonymousIdToTheGateway) {
+    testing::TemporaryDirectory state;
+    auto queue = std::make_shared<testing::FakeRequestQueue>();
+    SegmentDependencyProvider::rewriteToEventGatewayHost = [] { return std::optional<std::string>(); };
+    SegmentDependencyProvider::clientDependencies = [&] {
+        SEGAnalyticsDependencies dependencies;
+        dependencies.requestQueue = queue;
+        dependencies.stateDirectory = state.path();
+        return dependencies;
+    };
+    auto wrapper = SegmentWrapper::shared();
+    SegmentDependencyProvider::reset();
+    EXPECT_EQ(SegmentWrapper::shared(), wrapper);
+    auto client = std::dynamic_pointer_cast<SEGAnalytics>(wrapper->segmentAnalytics());
+    ASSERT_TRUE(client);
+    EXPECT_FALSE(client->configuration().requestFactory);  // no host to re-address to
+    EXPECT_EQ(AnonymousID::segmentAnonymousId(), wrapper->anonymousId());
+    EXPECT_FALSE(wrapper->anonymousId().empty());
+    // The engagement hook fails until the host sets it.
+    EXPECT_EQ(std::get<DependencyError>(SegmentDependencyProvider::moEngageEventLogger()), DependencyError::depencyNotSet);
 }
 
 }  // namespace

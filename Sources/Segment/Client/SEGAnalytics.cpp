@@ -489,8 +489,9 @@ SEGAnalytics::~SEGAnalytics() {
     if (impl_->ownWorker) {
         if (!impl_->ownWorker->drain(kShutdownWait)) {
             impl_->abandoned = true;
+            const auto lost = impl_->tracked.load() - impl_->handled.load();
             KT_LOG(impl_->logger, 3, kFile, "-[SEGAnalytics dealloc]",
-                   "the worker did not finish in time; messages not yet stored are lost");
+                   "the worker did not finish in time; {} messages not yet stored are lost", lost);
         }
         impl_->ownWorker->shutdown();
     }

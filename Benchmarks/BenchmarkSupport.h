@@ -7,10 +7,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
@@ -45,6 +47,21 @@ private:
 };
 
 /// Swallows the session id service's console lines.
+/// The process's peak resident memory so far, in KiB.
+inline long maxResidentKilobytes() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+/// Lowers the high-water mark to what is resident now; false where the kernel refuses.
+inline bool resetPeakResident() {
+    std::ofstream clearRefs("/proc/self/clear_refs");
+    clearRefs << "5";
+    clearRefs.flush();
+    return static_cast<bool>(clearRefs);
+}
+
 inline std::ostream& silentConsole() {
     static std::ostream stream(nullptr);
     return stream;

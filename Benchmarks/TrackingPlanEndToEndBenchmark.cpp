@@ -34,19 +34,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-long maxResidentKilobytes() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
-
-// Lowers the high-water mark to what is resident now; false where the kernel refuses.
-bool resetPeakResident() {
-    std::ofstream clearRefs("/proc/self/clear_refs");
-    clearRefs << "5";
-    clearRefs.flush();
-    return static_cast<bool>(clearRefs);
-}
 
 // Four properties as the plan's events carry them: an entity urn, a number, a short string
 // and an absent value (sent as null).

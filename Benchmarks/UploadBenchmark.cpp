@@ -36,19 +36,6 @@ namespace {
 
 constexpr int kStoredEvents = 10'000;
 
-long maxResidentKilobytes() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
-
-// Lowers the high-water mark to what is resident now; false where the kernel refuses.
-bool resetPeakResident() {
-    std::ofstream clearRefs("/proc/self/clear_refs");
-    clearRefs << "5";
-    clearRefs.flush();
-    return static_cast<bool>(clearRefs);
-}
 
 void storeEvents(const std::filesystem::path& state, benchmark::State& benchmarkState) {
     auto stack = makeStack(storingConfiguration(state), benchmarkState);

@@ -100,6 +100,8 @@ void SegmentWrapper::track(const std::string& name, std::int64_t version,
     AttributeValue options = {{"integrations", integrationsObject(integrations)},
                               {"context", {{"protocols", {{"event_version", version}}}}}};
     segmentAnalytics_->track(name, properties, options);
+    // The client refuses (and counts) properties nested too deeply; nothing here walks them.
+    if (properties && value::nestsDeeperThan(*properties, SEGAnalytics::kMaximumNesting)) return;
 
     if (eventRecorder_) {
         auto mirrored = properties && properties->is_object() ? *properties : AttributeValue::object();
@@ -114,6 +116,7 @@ void SegmentWrapper::identify(const std::string& userId, const std::optional<Att
                               const SegmentIntegrations& integrations) {
     AttributeValue options = {{"integrations", integrationsObject(integrations)}};
     segmentAnalytics_->identify(userId, traits, options);
+    if (traits && value::nestsDeeperThan(*traits, SEGAnalytics::kMaximumNesting)) return;
     if (eventRecorder_) eventRecorder_->record("Identify: " + userId, traits, enabledKeys(integrations));
 }
 

@@ -31,13 +31,16 @@ SegmentIntegrations EventBroker::integrationsFor(const TrackingEvent& event) {
     return integrations;
 }
 
-void EventBroker::track(const TrackingEvent& event) {
+void EventBroker::track(TrackingEvent event) {
+    const auto integrations = integrationsFor(event);
+    // Moved, not copied: a copy walks every value recursively, however deep.
     std::optional<AttributeValue> properties;
     if (event.properties) {
         properties = AttributeValue::object();
-        for (const auto& [key, value] : *event.properties) (*properties)[key] = value ? *value : AttributeValue(nullptr);
+        for (auto& [key, value] : *event.properties)
+            (*properties)[key] = value ? std::move(*value) : AttributeValue(nullptr);
     }
-    segmentWrapper_->track(event.name, event.version, properties, integrationsFor(event));
+    segmentWrapper_->track(event.name, event.version, properties, integrations);
 }
 
 void EventBroker::identify(const std::string& userId, const AttributeValue& traits) {

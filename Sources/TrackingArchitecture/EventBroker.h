@@ -13,7 +13,7 @@ class EventBroker final : public EventBrokering {
 public:
     explicit EventBroker(std::shared_ptr<SegmentWrapping> segmentWrapper);
 
-    void track(const TrackingEvent& event) override;
+    void track(TrackingEvent event) override;
     void identify(const std::string& userId, const AttributeValue& traits) override;
     void flush() override;
 

@@ -14,7 +14,8 @@ public:
     EventBrokering(const EventBrokering&) = delete;
     EventBrokering& operator=(const EventBrokering&) = delete;
 
-    virtual void track(const TrackingEvent& event) = 0;
+    /// Takes the event over: its values are moved on, never copied.
+    virtual void track(TrackingEvent event) = 0;
     /// `traits` is a JSON object; null values inside it are sent as null.
     virtual void identify(const std::string& userId, const AttributeValue& traits) = 0;
     virtual void flush() = 0;

@@ -17,7 +17,12 @@ EventSender::EventSender(std::shared_ptr<EventBrokering> eventBroker) : eventBro
 void EventSender::flush() { eventBroker_->flush(); }
 
 void EventSender::identify(const std::string& userId, const AttributeValue& traits) {
-    eventBroker_->identify(userId, traits.is_object() ? traits : AttributeValue::object());
+    // Handed on by reference: the client refuses (and counts) traits nested too deeply
+    // before anything copies them.
+    if (traits.is_object())
+        eventBroker_->identify(userId, traits);
+    else
+        eventBroker_->identify(userId, AttributeValue::object());
 }
 
 TrackingProperties uniqueProperties(TrackingProperties pairs) {

@@ -110,6 +110,9 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
 }
 
 TEST(ReplayLineTests, readsTrackingPlanLinesWithTheirPropertiesInOrder) {
+    // A hostile depth is refused before anything walks it recursively.
+    const std::string deep = R"({"track": "A", "properties": {"a": )" + std::string(100'000, '[') +
+                             std::string(100'000, ']') + "}}";
     struct Case {
         const char* text;
         const char* problem;
@@ -128,6 +131,7 @@ TEST(ReplayLineTests, readsTrackingPlanLinesWithTheirPropertiesInOrder) {
         {R"({"identify": "u", "track": "A"})", "more than one of \"track\", \"identify\" and \"plan\""},
         {R"({"plan": "trackLiked", "args": [1]})", "\"args\" is not an object"},
         {R"({"plan": 3})", "\"plan\" is not an operation name"},
+        {deep.c_str(), "nested more than 256 levels"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);

@@ -18,7 +18,7 @@ using tracking::PropertyKind;
 
 struct RecordingBroker final : EventBrokering {
     std::vector<TrackingEvent> events;
-    void track(const TrackingEvent& event) override { events.push_back(event); }
+    void track(TrackingEvent event) override { events.push_back(std::move(event)); }
     void identify(const std::string&, const AttributeValue&) override {}
     void flush() override {}
 };

@@ -499,8 +499,31 @@ SEGAnalytics::~SEGAnalytics() {
     // and still store their messages when it runs them.
 }
 
+namespace {
+bool tooDeep(const std::optional<AttributeValue>& a, const std::optional<AttributeValue>& b) {
+    return (a && value::nestsDeeperThan(*a, SEGAnalytics::kMaximumNesting)) ||
+           (b && value::nestsDeeperThan(*b, SEGAnalytics::kMaximumNesting));
+}
+}  // namespace
+
+bool SEGAnalytics::refusedAsTooDeep(const std::optional<AttributeValue>& values,
+                                    const std::optional<AttributeValue>& options) {
+    if (!tooDeep(values, options)) return false;
+    // Counted as handed over and handled at once, so that waiting stays exact.
+    impl_->tracked.fetch_add(1, std::memory_order_relaxed);
+    {
+        std::lock_guard lock(impl_->countsMutex);
+        ++impl_->counts.droppedByReason["too_deeply_nested"];
+    }
+    impl_->handled.fetch_add(1, std::memory_order_release);
+    KT_LOG(impl_->logger, 2, kFile, "-[SEGAnalytics enqueue:]", "message nested more than {} levels dropped",
+           kMaximumNesting);
+    return true;
+}
+
 void SEGAnalytics::identify(const std::string& userId, const std::optional<AttributeValue>& traits,
                             const std::optional<AttributeValue>& options) {
+    if (refusedAsTooDeep(traits, options)) return;
     impl_->tracked.fetch_add(1, std::memory_order_relaxed);
     impl_->worker->async([impl = impl_, userId, traits, options, at = Clock::now()]() mutable {
         impl->identify(std::move(userId), std::move(traits), std::move(options), at);
@@ -510,6 +533,7 @@ void SEGAnalytics::identify(const std::string& userId, const std::optional<Attri
 
 void SEGAnalytics::track(const std::string& event, const std::optional<AttributeValue>& properties,
                          const std::optional<AttributeValue>& options) {
+    if (refusedAsTooDeep(properties, options)) return;
     impl_->tracked.fetch_add(1, std::memory_order_relaxed);
     impl_->worker->async([impl = impl_, event, properties, options, at = Clock::now()]() mutable {
         impl->track(std::move(event), std::move(properties), std::move(options), at);

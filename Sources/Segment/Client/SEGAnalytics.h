@@ -73,8 +73,8 @@ struct SEGAnalyticsDependencies {
 };
 
 /// Every reason a message can be removed without delivery, as `droppedByReason` keys it.
-inline constexpr const char* kSEGDropReasons[] = {"queue_full",           "too_large",     "rejected",
-                                                  "dropped_by_middleware", "not_persisted", "corrupted"};
+inline constexpr const char* kSEGDropReasons[] = {"queue_full",    "too_large", "rejected", "dropped_by_middleware",
+                                                  "not_persisted", "corrupted", "too_deeply_nested"};
 
 /// Counts only ever grow, but `waiting`.
 struct SEGAnalyticsStatistics {
@@ -85,7 +85,7 @@ struct SEGAnalyticsStatistics {
     std::uint64_t bytesSent = 0;  // gzip body bytes of the batches sent
     std::uint64_t retries = 0;    // batches kept for another try
     /// Messages removed without delivery, by reason: "queue_full", "too_large",
-    /// "rejected", "dropped_by_middleware", "not_persisted".
+    /// "rejected", "dropped_by_middleware", "not_persisted", "too_deeply_nested".
     /// "corrupted" counts unreadable rows found at start.
     std::map<std::string, std::uint64_t> droppedByReason;
     std::uint64_t waiting = 0;  // calls handed over and not yet delivered or dropped
@@ -97,6 +97,9 @@ public:
     static constexpr std::size_t kMaximumMessageBytes = 32 * 1024;
     /// A batch body's JSON stays within this.
     static constexpr std::size_t kMaximumBatchBytes = 500 * 1024;
+    /// Deepest nesting of properties, traits or options; a deeper call is dropped on the
+    /// caller's thread ("too_deeply_nested") before anything walks it recursively.
+    static constexpr std::size_t kMaximumNesting = 256;
 
     /// Reads (or creates) the anonymous id and the queue before it returns.
     SEGAnalytics(SEGAnalyticsConfiguration configuration, SEGAnalyticsDependencies dependencies);
@@ -115,6 +118,9 @@ public:
     const SEGAnalyticsConfiguration& configuration() const;
 
 private:
+    // Counts a call whose values nest too deeply as dropped; true when it did.
+    bool refusedAsTooDeep(const std::optional<AttributeValue>& values, const std::optional<AttributeValue>& options);
+
     struct Impl;
     std::shared_ptr<Impl> impl_;
 };

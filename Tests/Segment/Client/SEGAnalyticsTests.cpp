@@ -345,6 +345,17 @@ TEST(SEGAnalytics, RejectedBatchIsDroppedCountedAndLogged) {
     EXPECT_EQ(h.requests->sentCount(), 1u);
 }
 
+// Nests `depth` arrays without recursion, as a hostile caller could.
+json nested(std::size_t depth) {
+    json value = json::array();
+    for (std::size_t i = 1; i < depth; ++i) {
+        json outer = json::array();
+        outer.push_back(std::move(value));
+        value = std::move(outer);
+    }
+    return value;
+}
+
 TEST(SEGAnalytics, MessagesThatCannotBeKeptAreCountedByReason) {
     const struct {
         json properties;
@@ -353,13 +364,22 @@ TEST(SEGAnalytics, MessagesThatCannotBeKeptAreCountedByReason) {
         {{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes, 'x')}}, "too_large"},
         {{{"ratio", std::nan("")}}, "not_persisted"},
         {{{"name", std::string("\xff\xfe")}}, "not_persisted"},
+        {json::object(), "too_deeply_nested"},  // properties made below: copying them would recurse
     };
     for (const auto& c : cases) {
         Harness h;
-        h.track("big", c.properties);
+        if (c.properties.empty()) {
+            // Deeper than a recursive walk of the caller's stack could survive, handed over by reference.
+            std::optional<json> deep = json::object();
+            (*deep)["deep"] = nested(200'000);
+            h.client->track("deep", deep, std::nullopt);
+        } else {
+            h.track("big", c.properties);
+        }
         h.track("fine", json{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes - 1000, 'x')}});
         EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{c.reason, 1}})) << c.reason;
         EXPECT_EQ(h.stats().persisted, 1u);
+        EXPECT_EQ(h.stats().waiting, 1u);
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Platform/AttributeValue.h"
 
@@ -18,5 +19,10 @@ public:
     /// True when `dataWithJSONObject` would succeed.
     bool isValidJSONObject(const AttributeValue& object) const;
 };
+
+/// Whether JSON `text` nests arrays and objects deeper than `limit`, found without
+/// recursion so that any depth can be refused before a recursive parser, copy or writer
+/// sees it. Brackets in strings do not count; malformed text is left for the parser.
+bool jsonTextNestsDeeperThan(std::string_view text, std::size_t limit);
 
 }  // namespace kt

@@ -6,6 +6,7 @@
 #include "KTFoundation/CredentialStore.h"
 #include "KTFoundation/LogMacros.h"
 #include "KTFoundation/OAuthHelper.h"
+#include "Segment/Client/SEGAnalytics.h"
 
 namespace kt {
 namespace {
@@ -21,11 +22,11 @@ std::optional<std::string> hostOf(const std::string& url) {
 SegmentRequestRewriter SegmentRequestRewriter::make(std::shared_ptr<KeychainCredentialStoring> keychain,
                                                     const std::string& apiHost, std::string replacementAPIHost,
                                                     std::shared_ptr<KTLogger> logger) {
-    // A configured host without a scheme ("api.example.com/v1") is still a host.
-    auto host = hostOf(apiHost);
-    if (!host && apiHost.find("://") == std::string::npos) host = hostOf("https://" + apiHost);
-    return SegmentRequestRewriter{std::move(keychain), host.value_or(kDefaultSegmentAPIHost),
-                                  std::move(replacementAPIHost), kDefaultSegmentAPIHost, std::move(logger)};
+    // Read as the client reads it: a host without a scheme ("api.example.com/v1") is still a host.
+    auto defaultHost = hostOf(SEGAnalyticsConfiguration::apiURL({})).value_or(std::string());
+    auto host = hostOf(SEGAnalyticsConfiguration::apiURL(apiHost)).value_or(defaultHost);
+    return SegmentRequestRewriter{std::move(keychain), std::move(host), std::move(replacementAPIHost),
+                                  std::move(defaultHost), std::move(logger)};
 }
 
 HTTPRequest SegmentRequestRewriter::operator()(const std::string& url) const {

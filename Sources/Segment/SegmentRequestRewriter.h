@@ -19,9 +19,6 @@ struct SegmentRequestRewriter {
     std::string defaultSegmentAPIHost;
     std::shared_ptr<KTLogger> logger;
 
-    /// The host of the client's default API URL.
-    static constexpr const char* kDefaultSegmentAPIHost = "api.segment.io";
-
     /// `apiHost` is the client's configured API URL; its host, or the default one when
     /// it has none, is the host that gets re-addressed.
     static SegmentRequestRewriter make(std::shared_ptr<KeychainCredentialStoring> keychain, const std::string& apiHost,

@@ -22,6 +22,8 @@ std::vector<std::string> enabledKeys(const SegmentIntegrations& integrations) {
     return keys;
 }
 
+bool tooDeep(const AttributeValue& values) { return value::nestsDeeperThan(values, SEGAnalytics::kMaximumNesting); }
+
 AttributeValue integrationsObject(const SegmentIntegrations& integrations) {
     auto object = AttributeValue::object();
     for (const auto& [key, enabled] : integrations) object[key] = enabled;
@@ -100,8 +102,10 @@ void SegmentWrapper::track(const std::string& name, std::int64_t version,
     AttributeValue options = {{"integrations", integrationsObject(integrations)},
                               {"context", {{"protocols", {{"event_version", version}}}}}};
     segmentAnalytics_->track(name, properties, options);
-    // The client refuses (and counts) properties nested too deeply; nothing here walks them.
-    if (properties && value::nestsDeeperThan(*properties, SEGAnalytics::kMaximumNesting)) return;
+    const bool logged = logger_ && logger_->isEnabled(1);
+    // The client refuses (and counts) properties nested too deeply; the mirror and the log
+    // line must not walk them either.
+    if ((!eventRecorder_ && !logged) || (properties && tooDeep(*properties))) return;
 
     if (eventRecorder_) {
         auto mirrored = properties && properties->is_object() ? *properties : AttributeValue::object();
@@ -116,8 +120,8 @@ void SegmentWrapper::identify(const std::string& userId, const std::optional<Att
                               const SegmentIntegrations& integrations) {
     AttributeValue options = {{"integrations", integrationsObject(integrations)}};
     segmentAnalytics_->identify(userId, traits, options);
-    if (traits && value::nestsDeeperThan(*traits, SEGAnalytics::kMaximumNesting)) return;
-    if (eventRecorder_) eventRecorder_->record("Identify: " + userId, traits, enabledKeys(integrations));
+    if (eventRecorder_ && !(traits && tooDeep(*traits)))
+        eventRecorder_->record("Identify: " + userId, traits, enabledKeys(integrations));
 }
 
 void SegmentWrapper::flush() { segmentAnalytics_->flush(); }

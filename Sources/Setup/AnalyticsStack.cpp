@@ -50,11 +50,10 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// The product-analytics API URL: the client's default when empty, https when given as a
-// bare host ("api.example.com/v1"); nullopt when it is no http(s) URL with a host.
+// The product-analytics API URL as the client reads it; nullopt when it is no http(s) URL
+// with a host.
 std::optional<std::string> segmentAPIBase(const std::string& configured) {
-    std::string text = configured.empty() ? std::string("https://api.segment.io/v1") : configured;
-    if (text.find("://") == std::string::npos) text = "https://" + text;
+    std::string text = SEGAnalyticsConfiguration::apiURL(configured);
     auto url = boost::urls::parse_uri(text);
     if (!url || (url->scheme() != "http" && url->scheme() != "https") || url->encoded_host().empty())
         return std::nullopt;
@@ -418,24 +417,20 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
         waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
     }
     reportProgress(reported);
-    // Single requests retry on their own; they are done when delivered or given up.
-    bool requestsSettled = false;
-    if (reliableUploader_) {
-        reliableUploader_->flush();
-        while (!(requestsSettled = reliableUploader_->statistics().waiting == 0) && Clock::now() < deadline)
-            waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
-    }
-    // Tracking-plan messages retry on their client's own back-off.
-    bool messagesSettled = true;
-    if (segmentAnalytics_) {
-        segmentAnalytics_->flush();
-        while (!(messagesSettled = segmentAnalytics_->statistics().waiting == 0) && Clock::now() < deadline)
-            waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
-    }
+    // Single requests and tracking-plan messages retry on their own back-off; they are done
+    // when delivered or given up.
+    reliableUploader_->flush();
+    segmentAnalytics_->flush();
+    const auto othersWaiting = [this] {
+        return reliableUploader_->statistics().waiting + segmentAnalytics_->statistics().waiting;
+    };
+    bool othersSettled;
+    while (!(othersSettled = othersWaiting() == 0) && Clock::now() < deadline)
+        waitForResult(signalGeneration(), std::min(deadline, Clock::now() + kLongestQuietWait));
     recordDrops();
-    if (settled) return requestsSettled && messagesSettled;
+    if (settled) return othersSettled;
     const auto upload = uploader_->statistics();
-    return upload.waiting == 0 && upload.inFlight == 0 && requestsSettled && messagesSettled;
+    return upload.waiting == 0 && upload.inFlight == 0 && othersSettled;
 }
 
 std::string AnalyticsStack::segmentAPIURL(const AnalyticsStackConfiguration& configuration) {

@@ -1,7 +1,5 @@
 #include "TrackingArchitecture/EventSender.h"
 
-#include <unordered_set>
-
 #include "Platform/Fatal.h"
 #include "Segment/SegmentWrapper.h"
 #include "TrackingArchitecture/EventBroker.h"
@@ -26,10 +24,11 @@ void EventSender::identify(const std::string& userId, const AttributeValue& trai
 }
 
 TrackingProperties uniqueProperties(TrackingProperties pairs) {
-    std::unordered_set<std::string_view> keys;
-    keys.reserve(pairs.size());
-    for (const auto& [key, value] : pairs)
-        if (!keys.insert(key).second) fatalError("Duplicate property key '" + key + "' in a tracking event");
+    // An event has a handful of keys: comparing each with those before it costs less than
+    // building a set on the caller's thread for every event.
+    for (auto it = pairs.begin(); it != pairs.end(); ++it)
+        for (auto before = pairs.begin(); before != it; ++before)
+            if (before->first == it->first) fatalError("Duplicate property key '" + it->first + "' in a tracking event");
     return pairs;
 }
 

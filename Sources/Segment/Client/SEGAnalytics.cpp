@@ -54,6 +54,13 @@ AttributeValue baseContext() {
 
 }  // namespace
 
+std::string SEGAnalyticsConfiguration::apiURL(std::string_view apiHost) {
+    std::string url = apiHost.empty() ? SEGAnalyticsConfiguration{}.apiHost : std::string(apiHost);
+    if (url.find("://") == std::string::npos) url = "https://" + url;
+    while (!url.empty() && url.back() == '/') url.pop_back();
+    return url;
+}
+
 SEGAnalyticsConfiguration SEGAnalyticsConfiguration::configurationWithWriteKey(std::string writeKey) {
     SEGAnalyticsConfiguration configuration;
     configuration.writeKey = std::move(writeKey);

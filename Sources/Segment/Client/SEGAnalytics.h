@@ -21,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Platform/HTTPRequest.h"
@@ -35,6 +36,9 @@ class SerialQueue;
 
 struct SEGAnalyticsConfiguration {
     static SEGAnalyticsConfiguration configurationWithWriteKey(std::string writeKey);
+    /// The API's base URL for a configured `apiHost`: https when it names no scheme, without
+    /// trailing "/"; empty means the default.
+    static std::string apiURL(std::string_view apiHost);
 
     std::string writeKey;
     /// The API's base URL; uploads go to "<apiHost>/batch". A value without a scheme is
@@ -89,6 +93,13 @@ struct SEGAnalyticsStatistics {
     /// "corrupted" counts unreadable rows found at start.
     std::map<std::string, std::uint64_t> droppedByReason;
     std::uint64_t waiting = 0;  // calls handed over and not yet delivered or dropped
+
+    /// Every message removed without delivery, whatever the reason.
+    std::uint64_t dropped() const {
+        std::uint64_t total = 0;
+        for (const auto& [reason, count] : droppedByReason) total += count;
+        return total;
+    }
 };
 
 class SEGAnalytics final : public SegmentAnalyticsProtocol {

@@ -385,8 +385,7 @@ int runDemo(const DemoOptions& options) {
         << "-" << std::setw(11) << "-" << std::setw(11) << "-" << std::setw(9) << promoted.retried << std::setw(9)
         << promoted.givenUp + promoted.rejected << "\n";
     const auto messages = stack->statistics().segment;
-    std::uint64_t messagesDropped = 0;
-    for (const auto& [reason, count] : messages.droppedByReason) messagesDropped += count;
+    const auto messagesDropped = messages.dropped();
     out << "  " << std::left << std::setw(16) << "product analytics" << std::right << std::setw(7)
         << messages.tracked << std::setw(8) << messages.persisted << std::setw(10) << messages.delivered
         << std::setw(9) << messages.batchesSent << std::setw(11) << "-" << std::setw(11) << messages.bytesSent

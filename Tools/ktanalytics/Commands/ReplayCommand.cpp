@@ -21,6 +21,7 @@
 #include "Commands/Commands.h"
 #include "Commands/Playback.h"
 #include "KTFoundation/KTLogger.h"
+#include "Platform/JSONSerialization.h"
 #include "TrackingArchitecture/EventSender.h"
 #include "TrackingArchitecture/Plan/PlanCall.h"
 
@@ -78,8 +79,7 @@ std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string
     if (!json.is_object()) return std::nullopt;
     // Converting a value walks it recursively: a hostile depth must be refused first. The
     // line's own object and its "properties" (or "traits", "args") add two levels.
-    if (const auto plain = AttributeValue::parse(text, nullptr, false);
-        value::nestsDeeperThan(plain, SEGAnalytics::kMaximumNesting + 2)) {
+    if (jsonTextNestsDeeperThan(text, SEGAnalytics::kMaximumNesting + 2)) {
         problem = "nested more than " + std::to_string(SEGAnalytics::kMaximumNesting) + " levels";
         return std::nullopt;
     }
@@ -91,43 +91,33 @@ std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string
         return std::nullopt;
     };
     if (kinds > 1) return fail("more than one of \"track\", \"identify\" and \"plan\"");
+    // Each form: its key, what that key holds, and the key of its values.
+    using Kind = TrackingLine::Kind;
+    const auto [key, kind, meaning, valuesKey] =
+        plan != json.end()       ? std::tuple{plan, Kind::plan, "an operation name", "args"}
+        : identify != json.end() ? std::tuple{identify, Kind::identify, "a user id", "traits"}
+                                 : std::tuple{track, Kind::track, "an event name", "properties"};
+    if (!key->is_string() || key->get_ref<const std::string&>().empty())
+        return fail("\"" + key.key() + "\" is not " + meaning);
     TrackingLine line;
-    if (plan != json.end()) {
-        if (!plan->is_string() || plan->get_ref<const std::string&>().empty())
-            return fail("\"plan\" is not an operation name");
-        line.kind = TrackingLine::Kind::plan;
-        line.name = plan->get<std::string>();
-        if (auto args = json.find("args"); args != json.end() && !args->is_null()) {
-            if (!args->is_object()) return fail("\"args\" is not an object");
-            line.traits = AttributeValue(*args);
-        }
+    line.kind = kind;
+    line.name = key->get<std::string>();
+    const auto values = json.find(valuesKey);
+    const bool hasValues = values != json.end() && !values->is_null();
+    if (hasValues && !values->is_object()) return fail("\"" + std::string(valuesKey) + "\" is not an object");
+    if (kind != Kind::track) {
+        if (hasValues) line.traits = AttributeValue(*values);
         return line;
     }
-    if (identify != json.end()) {
-        if (!identify->is_string() || identify->get_ref<const std::string&>().empty())
-            return fail("\"identify\" is not a user id");
-        line.kind = TrackingLine::Kind::identify;
-        line.name = identify->get<std::string>();
-        if (auto traits = json.find("traits"); traits != json.end() && !traits->is_null()) {
-            if (!traits->is_object()) return fail("\"traits\" is not an object");
-            line.traits = AttributeValue(*traits);
-        }
-        return line;
-    }
-    if (!track->is_string() || track->get_ref<const std::string&>().empty())
-        return fail("\"track\" is not an event name");
-    line.name = track->get<std::string>();
     if (auto version = json.find("version"); version != json.end()) {
         if (!version->is_number_integer() || version->get<std::int64_t>() < 1)
             return fail("\"version\" is not a positive integer");
         line.version = version->get<std::int64_t>();
     }
-    if (auto properties = json.find("properties"); properties != json.end() && !properties->is_null()) {
-        if (!properties->is_object()) return fail("\"properties\" is not an object");
-        for (auto& [key, value] : properties->items())
-            line.properties.emplace_back(key, value.is_null() ? std::nullopt
-                                                              : std::optional<AttributeValue>(AttributeValue(value)));
-    }
+    if (hasValues)
+        for (auto& [name, value] : values->items())
+            line.properties.emplace_back(name, value.is_null() ? std::nullopt
+                                                               : std::optional<AttributeValue>(AttributeValue(value)));
     if (auto thirdParties = json.find("thirdParties"); thirdParties != json.end() && !thirdParties->is_null()) {
         if (!thirdParties->is_array()) return fail("\"thirdParties\" is not a list of names");
         for (const auto& name : *thirdParties) {

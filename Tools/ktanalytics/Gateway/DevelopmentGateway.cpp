@@ -1,4 +1,5 @@
 #include "Gateway/DevelopmentGateway.h"
+#include "Platform/JSONSerialization.h"
 
 #include <algorithm>
 #include <atomic>
@@ -182,28 +183,6 @@ Inflated gunzip(const std::string& body, std::size_t maximum, std::string& out) 
     const bool complete = status == Z_STREAM_END && stream.avail_in == 0 && fed == body.size();
     inflateEnd(&stream);
     return complete ? Inflated::complete : Inflated::notGzip;
-}
-
-// Whether `text` nests arrays and objects deeper than `limit`, found without recursion so
-// that any depth can be refused before a recursive parser or writer sees it. Brackets in
-// strings do not count; malformed text is left for the parser to refuse.
-bool nestsDeeperThan(const std::string& text, std::size_t limit) {
-    std::size_t depth = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (inString) {
-            if (c == '\\') ++i;
-            else if (c == '"') inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '[' || c == '{') {
-            if (++depth > limit) return true;
-        } else if ((c == ']' || c == '}') && depth > 0) {
-            --depth;
-        }
-    }
-    return false;
 }
 
 enum class BodyRead { complete, tooLarge, failed };
@@ -667,7 +646,7 @@ struct DevelopmentGateway::Impl {
             raw.swap(body);
         }
         std::string().swap(body);
-        if (nestsDeeperThan(raw, kMaximumNesting))
+        if (jsonTextNestsDeeperThan(raw, kMaximumNesting))
             return reject(400, "the body nests JSON deeper than " + std::to_string(kMaximumNesting) + " levels");
         const json document = json::parse(raw, nullptr, false);
         received.raw = raw.size();

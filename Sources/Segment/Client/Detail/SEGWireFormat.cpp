@@ -1,5 +1,7 @@
 #include "Segment/Client/Detail/SEGWireFormat.h"
 
+#include "Segment/Client/SEGAnalytics.h"
+
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -32,12 +34,7 @@ std::string base64(std::string_view bytes) {
     return out;
 }
 
-std::string batchURL(std::string_view apiHost) {
-    std::string url(apiHost);
-    if (url.find("://") == std::string::npos) url = "https://" + url;
-    while (!url.empty() && url.back() == '/') url.pop_back();
-    return url + "/batch";
-}
+std::string batchURL(std::string_view apiHost) { return SEGAnalyticsConfiguration::apiURL(apiHost) + "/batch"; }
 
 std::string localeTag(const char* lcAll, const char* lang) {
     std::string locale = lcAll && *lcAll ? lcAll : (lang && *lang ? lang : "");

@@ -1,5 +1,7 @@
 #include "Platform/AttributeValue.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <cstring>
 
 namespace kt::value {
@@ -88,7 +90,9 @@ bool nestsDeeperThan(const AttributeValue& v, std::size_t limit) {
         AttributeValue::const_iterator next;
     };
     if (!v.is_structured()) return false;
-    std::vector<Level> stack;
+    // Callers check every event on their own thread: the usual shallow values need no
+    // allocation.
+    boost::container::small_vector<Level, 16> stack;
     stack.push_back({&v, v.cbegin()});
     while (!stack.empty()) {
         if (stack.size() > limit) return true;

@@ -511,6 +511,16 @@ bool tooDeep(const std::optional<AttributeValue>& a, const std::optional<Attribu
     return (a && value::nestsDeeperThan(*a, SEGAnalytics::kMaximumNesting)) ||
            (b && value::nestsDeeperThan(*b, SEGAnalytics::kMaximumNesting));
 }
+
+// Hands one call to the worker; it counts as waiting until the worker has finished with it.
+template <class ImplPointer, class Work>
+void handOver(const ImplPointer& impl, Work work) {
+    impl->tracked.fetch_add(1, std::memory_order_relaxed);
+    impl->worker->async([impl, work = std::move(work)]() mutable {
+        work(*impl);
+        impl->handled.fetch_add(1, std::memory_order_release);
+    });
+}
 }  // namespace
 
 bool SEGAnalytics::refusedAsTooDeep(const std::optional<AttributeValue>& values,
@@ -531,20 +541,16 @@ bool SEGAnalytics::refusedAsTooDeep(const std::optional<AttributeValue>& values,
 void SEGAnalytics::identify(const std::string& userId, const std::optional<AttributeValue>& traits,
                             const std::optional<AttributeValue>& options) {
     if (refusedAsTooDeep(traits, options)) return;
-    impl_->tracked.fetch_add(1, std::memory_order_relaxed);
-    impl_->worker->async([impl = impl_, userId, traits, options, at = Clock::now()]() mutable {
-        impl->identify(std::move(userId), std::move(traits), std::move(options), at);
-        impl->handled.fetch_add(1, std::memory_order_release);
+    handOver(impl_, [userId, traits, options, at = Clock::now()](auto& impl) mutable {
+        impl.identify(std::move(userId), std::move(traits), std::move(options), at);
     });
 }
 
 void SEGAnalytics::track(const std::string& event, const std::optional<AttributeValue>& properties,
                          const std::optional<AttributeValue>& options) {
     if (refusedAsTooDeep(properties, options)) return;
-    impl_->tracked.fetch_add(1, std::memory_order_relaxed);
-    impl_->worker->async([impl = impl_, event, properties, options, at = Clock::now()]() mutable {
-        impl->track(std::move(event), std::move(properties), std::move(options), at);
-        impl->handled.fetch_add(1, std::memory_order_release);
+    handOver(impl_, [event, properties, options, at = Clock::now()](auto& impl) mutable {
+        impl.track(std::move(event), std::move(properties), std::move(options), at);
     });
 }
 

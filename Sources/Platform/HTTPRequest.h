@@ -29,6 +29,7 @@ struct HTTPRequest {
             if (equalsIgnoringCase(name, field)) return &v;
         return nullptr;
     }
+    bool operator==(const HTTPRequest&) const = default;
 
 private:
     static bool equalsIgnoringCase(const std::string& a, const std::string& b) {

@@ -4,10 +4,12 @@
 
 #include <cstddef>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "KTData/RequestQueue.h"
+#include "Support/HTTPRequestPrinting.h"
 
 namespace kt::testing {
 
@@ -20,12 +22,15 @@ public:
     void sendRequest(HTTPRequest request, ResultCallback resultCallback) override {
         std::lock_guard lock(mutex_);
         sent_.push_back(std::move(request));
+        senders_.push_back(std::this_thread::get_id());
         pendingCallbacks_.push_back(std::move(resultCallback));
     }
 
     void setReachable(bool reachable) { std::lock_guard lock(mutex_); reachable_ = reachable; }
 
     std::vector<HTTPRequest> sentRequests() const { std::lock_guard lock(mutex_); return sent_; }
+    /// The thread each request was sent from, in order.
+    std::vector<std::thread::id> senders() const { std::lock_guard lock(mutex_); return senders_; }
     std::size_t sentCount() const { std::lock_guard lock(mutex_); return sent_.size(); }
     std::size_t pendingCount() const { std::lock_guard lock(mutex_); return pendingCallbacks_.size(); }
     /// Answers the oldest unanswered request with `code` (outside the lock, as callbacks may
@@ -54,6 +59,7 @@ private:
     mutable std::mutex mutex_;
     bool reachable_;                                // guarded by mutex_
     std::vector<HTTPRequest> sent_;                 // guarded by mutex_
+    std::vector<std::thread::id> senders_;          // guarded by mutex_
     std::vector<ResultCallback> pendingCallbacks_;  // guarded by mutex_
 };
 

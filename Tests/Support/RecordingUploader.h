@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "KTData/RRUReliableRequestUploader.h"
+#include "Support/HTTPRequestPrinting.h"
 
 namespace kt::testing {
 

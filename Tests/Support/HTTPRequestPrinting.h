@@ -1,0 +1,17 @@
+#pragma once
+// Readable failures for whole-request comparisons: GoogleTest finds PrintTo by argument lookup.
+
+#include <ostream>
+
+#include <gtest/gtest.h>
+
+#include "Platform/HTTPRequest.h"
+
+namespace kt {
+
+inline void PrintTo(const HTTPRequest& request, std::ostream* out) {
+    *out << request.method << ' ' << request.url << ' ' << ::testing::PrintToString(request.headers) << ' '
+         << ::testing::PrintToString(request.body);
+}
+
+}  // namespace kt

@@ -1,6 +1,7 @@
 #include "Analytics/ConsoleFirebaseAnalytics.h"
 
 #include <sstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -31,12 +32,9 @@ TEST(ConsoleFirebaseAnalytics, WritesOneLinePerCallAndCountsByKind) {
               "firebase: screen Library (class LibraryScreen)\n"
               "firebase: user id \"user-7\"\n"
               "firebase: user property subscription_status = \"peak_band\"\n");
-    auto counts = console.counts();
-    EXPECT_EQ(counts.events, 3u);
-    EXPECT_EQ(counts.screens, 2u);
-    EXPECT_EQ(counts.userIdentifiers, 1u);
-    EXPECT_EQ(counts.userProperties, 1u);
-    EXPECT_EQ(counts.total(), 7u);
+    const auto counts = console.counts();
+    EXPECT_EQ(std::tuple(counts.events, counts.screens, counts.userIdentifiers, counts.userProperties, counts.total()),
+              std::tuple(3u, 2u, 1u, 1u, 7u));
 }
 
 }  // namespace

@@ -153,19 +153,17 @@ TEST(AddKTAttributesToContext, RebuildsTrackAndIdentifyWithTheSixKeysAndKeepsThe
         EXPECT_EQ(out->messageId, "m-1");
         return std::dynamic_pointer_cast<const Payload>(out);
     };
+    const auto kt = [](AttributeValue client, AttributeValue user, AttributeValue variants, AttributeValue analytics) {
+        return AttributeValue{{"client_application_id", client}, {"anonymous_id", "ANON-1"}, {"user_id", user},
+                              {"part_of_variants", variants}, {"analytics_id", analytics},
+                              {"session_id", "0A1B2C3D-4E5F-4061-8273-94A5B6C7D8E9"}};
+    };
 
     auto track = run(std::make_shared<SEGTrackPayload>("Played", AttributeValue{{"a", 1}},
                                                        AttributeValue{{"kt", "old"}, {"locale", "de-DE"}},
                                                        AttributeValue{{"All", false}}));
     ASSERT_TRUE(track);
-    EXPECT_EQ(track->context, (AttributeValue{{"locale", "de-DE"},
-                                              {"kt",
-                                               {{"client_application_id", nullptr},
-                                                {"anonymous_id", "ANON-1"},
-                                                {"user_id", nullptr},
-                                                {"part_of_variants", nullptr},
-                                                {"analytics_id", nullptr},
-                                                {"session_id", "0A1B2C3D-4E5F-4061-8273-94A5B6C7D8E9"}}}}));
+    EXPECT_EQ(track->context, (AttributeValue{{"locale", "de-DE"}, {"kt", kt(nullptr, nullptr, nullptr, nullptr)}}));
     EXPECT_EQ(track->event, "Played");
     EXPECT_EQ(track->properties, (AttributeValue{{"a", 1}}));
     EXPECT_EQ(track->integrations, (AttributeValue{{"All", false}}));
@@ -177,12 +175,7 @@ TEST(AddKTAttributesToContext, RebuildsTrackAndIdentifyWithTheSixKeysAndKeepsThe
     auto identify = run(std::make_shared<SEGIdentifyPayload>("u7", "ANON-1", AttributeValue{{"t", 1}},
                                                              AttributeValue::object(), AttributeValue::object()));
     ASSERT_TRUE(identify);
-    EXPECT_EQ(identify->context["kt"], (AttributeValue{{"client_application_id", 42},
-                                                       {"anonymous_id", "ANON-1"},
-                                                       {"user_id", "quillarbor:users:7"},
-                                                       {"part_of_variants", {"v1", "v2"}},
-                                                       {"analytics_id", "an-9"},
-                                                       {"session_id", "0A1B2C3D-4E5F-4061-8273-94A5B6C7D8E9"}}));
+    EXPECT_EQ(identify->context, (AttributeValue{{"kt", kt(42, "quillarbor:users:7", {"v1", "v2"}, "an-9")}}));
     EXPECT_EQ(identify->userId, "u7");
     EXPECT_EQ(identify->traits, (AttributeValue{{"t", 1}}));
 }
@@ -245,17 +238,16 @@ TEST(SegmentIntegrations, ForwardOnceTheirHookAnswersAndAskAgainUntilThen) {
     EXPECT_EQ(console.str(), line + line);
 }
 
-TEST(SegmentWrapper, ConfigurationWithoutAReplacementHostHasNoRewriterAndTheContextMiddlewareAndIntegrations) {
+TEST(SegmentWrapper, ConfigurationHasTheWriteKeyTheContextMiddlewareAndIntegrations) {
     SegmentMiddlewareSources sources;
     SegmentWrapperSetup setup{.writeKey = "wk", .apiHost = "http://api.segment.io:9/v1",
                               .middlewareFactory = std::make_shared<SegmentMiddlewareFactory>(sources)};
-    auto without = SegmentWrapper::makeConfiguration(setup);
-    EXPECT_FALSE(without.requestFactory);
-    EXPECT_EQ(without.writeKey, "wk");
-    ASSERT_EQ(without.sourceMiddleware.size(), 1u);
-    EXPECT_TRUE(std::dynamic_pointer_cast<AddKTAttributesToContext>(without.sourceMiddleware[0]));
+    auto configuration = SegmentWrapper::makeConfiguration(setup);
+    EXPECT_EQ(configuration.writeKey, "wk");
+    ASSERT_EQ(configuration.sourceMiddleware.size(), 1u);
+    EXPECT_TRUE(std::dynamic_pointer_cast<AddKTAttributesToContext>(configuration.sourceMiddleware[0]));
     std::vector<std::string> keys;
-    for (const auto& f : without.factories) keys.push_back(f->key());
+    for (const auto& f : configuration.factories) keys.push_back(f->key());
     EXPECT_EQ(keys, (std::vector<std::string>{"Firebase", "MoEngage"}));
 }
 

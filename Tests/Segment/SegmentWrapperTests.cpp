@@ -205,14 +205,12 @@ TEST(SegmentIntegrations, ForwardOnceTheirHookAnswersAndAskAgainUntilThen) {
     auto firebase = std::make_shared<SegmentFirebaseIntegration>(
         [&]() -> DependencyResult<FirebaseAnalyticsControlling> {
             ++asked;
-            if (ready) return controller;
-            return DependencyError::depencyNotSet;
+            return ready ? DependencyResult<FirebaseAnalyticsControlling>(controller) : DependencyError::depencyNotSet;
         },
         logger);
     auto moEngage = std::make_shared<SegmentMoEngageIntegration>(
         [&]() -> DependencyResult<MoEngageEventLogging> {
-            if (ready) return engagement;
-            return DependencyError::depencyNotSet;
+            return ready ? DependencyResult<MoEngageEventLogging>(engagement) : DependencyError::depencyNotSet;
         },
         logger, console);
 

@@ -61,21 +61,13 @@ TEST(EventBroker, SendsAbsentValuesAsNullAndDecidesTheIntegrationsMapInOrder) {
     }
 }
 
-TEST(EventSender, HandsOnePropertyMapPerCallAndIdentifiesWithNoIntegration) {
+TEST(EventSender, IdentifiesWithNoIntegrationAndFlushesThroughTheBroker) {
     auto wrapper = std::make_shared<RecordingWrapper>();
     EventSender sender(std::make_shared<EventBroker>(wrapper));
-    sender.send("Playlist Added To Downloads", 1, {{"playlist_urn", AttributeValue("quillarbor:playlists:4")},
-                                                   {"source", std::nullopt}},
-                {"mo-engage"});
     sender.identify("u1", AttributeValue{{"plan", nullptr}, {"age", 30}});
     sender.flush();
-    EXPECT_EQ(wrapper->calls,
-              (std::vector<RecordingWrapper::Call>{
-                  {"track", "Playlist Added To Downloads", 1,
-                   AttributeValue{{"playlist_urn", "quillarbor:playlists:4"}, {"source", nullptr}},
-                   {{"MoEngage", true}, {"All", false}}},
-                  {"identify", "u1", 0, AttributeValue{{"plan", nullptr}, {"age", 30}}, {{"All", false}}},
-              }));
+    EXPECT_EQ(wrapper->calls, (std::vector<RecordingWrapper::Call>{
+                                  {"identify", "u1", 0, AttributeValue{{"plan", nullptr}, {"age", 30}}, {{"All", false}}}}));
     EXPECT_EQ(wrapper->flushes, 1);
 }
 

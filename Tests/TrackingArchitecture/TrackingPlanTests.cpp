@@ -28,12 +28,6 @@ struct Recorded {
     EventSender sender{broker};
 };
 
-Urn urn(const std::string& text) {
-    auto parsed = Urn::parse(text);
-    EXPECT_TRUE(parsed) << text;
-    return *parsed;
-}
-
 /// Hands the typed operations their arguments, read from the same JSON object that the
 /// call by name is given.
 class ArgumentValues {
@@ -46,10 +40,10 @@ public:
     AttributeValue map(const char* key) const { return arguments_.at(key); }
     AttributeValue maps(const char* key) const { return arguments_.at(key); }
     AttributeValue strings(const char* key) const { return arguments_.at(key); }
-    Urn urn(const char* key) const { return kt::urn(string(key)); }
+    Urn urn(const char* key) const { return Urn::parse(string(key)).value(); }
     std::vector<Urn> urns(const char* key) const {
         std::vector<Urn> urns;
-        for (const auto& text : arguments_.at(key)) urns.push_back(kt::urn(text.get<std::string>()));
+        for (const auto& text : arguments_.at(key)) urns.push_back(Urn::parse(text.get<std::string>()).value());
         return urns;
     }
     template <class E>

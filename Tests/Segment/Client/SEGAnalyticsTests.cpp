@@ -20,6 +20,7 @@ namespace {
 
 using json = AttributeValue;
 using Headers = std::vector<std::pair<std::string, std::string>>;
+using Batches = std::vector<std::vector<std::string>>;
 
 constexpr int kDelivered = 0, kFailed = 2, kRejected = 3;
 
@@ -57,15 +58,24 @@ struct Harness {
         ASSERT_TRUE(requests->respond(code));
         worker->runUntilIdle();
     }
+    // Tracks each event, flushes, and answers the batch sent when `answer` is given.
+    void upload(std::initializer_list<const char*> events, std::optional<int> answer = {}) {
+        for (const char* event : events) track(event);
+        flush();
+        if (answer) respond(*answer);
+    }
     std::string rawBody(std::size_t index) const {
         return *GzipCodec::gunzippedData(requests->sentRequests().at(index).body);
     }
     json body(std::size_t index) const { return json::parse(rawBody(index)); }
-    std::vector<std::string> events(std::size_t index) const {
-        std::vector<std::string> names;
-        const json whole = body(index);
-        for (const auto& m : whole["batch"]) names.push_back(m.value("event", "<" + m.value("type", "") + ">"));
-        return names;
+    // The event names of every batch sent so far, "<type>" for a message without one.
+    Batches batches() const {
+        Batches all(requests->sentCount());
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            const json batch = body(i).at("batch");
+            for (const auto& m : batch) all[i].push_back(m.value("event", "<" + m.value("type", "") + ">"));
+        }
+        return all;
     }
     SEGAnalyticsStatistics stats() const { return client->statistics(); }
 };
@@ -86,7 +96,6 @@ TEST(SEGAnalytics, MessagesCarryEveryFieldAndTheEnvelopeIsComplete) {
     ASSERT_EQ(h.requests->sentCount(), 1u);
 
     json envelope = h.body(0);
-    EXPECT_EQ(envelope.at("writeKey"), "wk");
     EXPECT_TRUE(std::regex_match(envelope.at("sentAt").get<std::string>(), kTimestamp));
     json batch = envelope.at("batch");
     envelope.erase("batch");
@@ -127,17 +136,8 @@ TEST(SEGAnalytics, RequestHasTheClientsHeadersUnlessTheFactorysWin) {
                                    {"Content-Encoding", "gzip"},
                                    {"Authorization", "Basic d2s6"},  // base64("wk:")
                                    {"User-Agent", std::string("ktanalytics/") + kSDKVersion}};
-    {
-        Harness h;
-        h.track("a");
-        h.flush();
-        const auto request = h.requests->sentRequests().at(0);
-        EXPECT_EQ(request.url, "https://collector.example/v1/batch");
-        EXPECT_EQ(request.method, "POST");
-        EXPECT_EQ(request.headers, clientHeaders);
-    }
-    auto c = config();
-    c.requestFactory = [](const std::string& url) {
+    auto rewriting = config();
+    rewriting.requestFactory = [](const std::string& url) {
         HTTPRequest request;
         request.url = "http://127.0.0.1:1/rewritten?from=" + url;
         request.method = "PUT";
@@ -145,17 +145,23 @@ TEST(SEGAnalytics, RequestHasTheClientsHeadersUnlessTheFactorysWin) {
         request.setValue("1", "X-Trace");
         return request;
     };
-    Harness h(c);
-    h.track("a");
-    h.flush();
-    const auto request = h.requests->sentRequests().at(0);
-    EXPECT_EQ(request.url, "http://127.0.0.1:1/rewritten?from=https://collector.example/v1/batch");
-    EXPECT_EQ(request.method, "POST");
-    EXPECT_EQ(request.headers, (Headers{{"content-type", "text/plain"},
-                                        {"X-Trace", "1"},
-                                        clientHeaders[1],
-                                        clientHeaders[2],
-                                        clientHeaders[3]}));
+    const struct {
+        SEGAnalyticsConfiguration configuration;
+        std::string url;
+        Headers headers;
+    } cases[] = {
+        {config(), "https://collector.example/v1/batch", clientHeaders},
+        {rewriting, "http://127.0.0.1:1/rewritten?from=https://collector.example/v1/batch",
+         {{"content-type", "text/plain"}, {"X-Trace", "1"}, clientHeaders[1], clientHeaders[2], clientHeaders[3]}},
+    };
+    for (const auto& c : cases) {
+        Harness h(c.configuration);
+        h.upload({"a"});
+        const auto request = h.requests->sentRequests().at(0);
+        EXPECT_EQ(request.url, c.url);
+        EXPECT_EQ(request.method, "POST");
+        EXPECT_EQ(request.headers, c.headers);
+    }
 }
 
 TEST(SEGAnalytics, MiddlewaresRunInOrderAndMayReplaceOrDrop) {
@@ -179,15 +185,13 @@ TEST(SEGAnalytics, MiddlewaresRunInOrderAndMayReplaceOrDrop) {
         }),
     };
     Harness h(c);
-    h.track("secret");
-    h.track("original");
-    h.flush();
+    h.upload({"secret", "original"});
     EXPECT_EQ(seen, (std::vector<std::string>{"first", "first", "second"}));
-    const json message = h.body(0)["batch"].at(0);
-    EXPECT_EQ(h.body(0)["batch"].size(), 1u);
-    EXPECT_EQ(message["event"], "renamed");
-    EXPECT_EQ(message["properties"], json({{"by", "middleware"}}));
-    EXPECT_EQ(message["messageId"], originalId);
+    json batch = h.body(0).at("batch");
+    EXPECT_EQ(batch.at(0).erase("context") + batch.at(0).erase("timestamp"), 2u);  // the client's own, checked above
+    EXPECT_EQ(batch, json::array({{{"type", "track"}, {"event", "renamed"}, {"properties", {{"by", "middleware"}}},
+                                   {"integrations", json::object()}, {"anonymousId", h.client->getAnonymousId()},
+                                   {"messageId", originalId}}}));
     EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"dropped_by_middleware", 1}}));
     EXPECT_EQ(h.stats().persisted, 1u);
     EXPECT_EQ(h.stats().tracked, 2u);
@@ -248,11 +252,9 @@ TEST(SEGAnalytics, RestartKeepsIdsAndSendsWhatWasQueued) {
     EXPECT_EQ(h.requests->sentCount(), 0u);
     h.start(config());
     EXPECT_EQ(h.client->getAnonymousId(), anonymousId);
-    ASSERT_EQ(h.requests->sentCount(), 1u);  // sent at start, below flushAt
-    EXPECT_EQ(h.events(0), (std::vector<std::string>{"<identify>", "before"}));
+    ASSERT_EQ(h.batches(), (Batches{{"<identify>", "before"}}));  // sent at start, below flushAt
     h.respond(kDelivered);
-    h.track("after");
-    h.flush();
+    h.upload({"after"});
     EXPECT_EQ(h.body(1)["batch"][0]["userId"], "u9");
     EXPECT_EQ(h.body(1)["batch"][0]["anonymousId"], anonymousId);
 }
@@ -285,27 +287,21 @@ TEST(SEGAnalytics, UploadsAtFlushAtAndOnTheInterval) {
     auto c = config(3);
     c.flushInterval = std::chrono::seconds(30);
     Harness h(c);
-    h.track("a");
-    h.track("b");
+    for (const char* name : {"a", "b"}) h.track(name);
     EXPECT_EQ(h.requests->sentCount(), 0u);
     h.track("c");
-    ASSERT_EQ(h.requests->sentCount(), 1u);
-    EXPECT_EQ(h.events(0), (std::vector<std::string>{"a", "b", "c"}));
-    h.track("d");  // one batch at a time
-    h.track("e");
-    h.track("f");
+    EXPECT_EQ(h.batches(), (Batches{{"a", "b", "c"}}));
+    for (const char* name : {"d", "e", "f"}) h.track(name);  // one batch at a time
     EXPECT_EQ(h.requests->sentCount(), 1u);
     h.respond(kDelivered);
-    ASSERT_EQ(h.requests->sentCount(), 2u);
-    EXPECT_EQ(h.events(1), (std::vector<std::string>{"d", "e", "f"}));
+    EXPECT_EQ(h.batches(), (Batches{{"a", "b", "c"}, {"d", "e", "f"}}));
     h.respond(kDelivered);
 
     h.track("g");
     h.worker->advance(std::chrono::seconds(29));
     EXPECT_EQ(h.requests->sentCount(), 2u);
     h.worker->advance(std::chrono::seconds(31));
-    ASSERT_EQ(h.requests->sentCount(), 3u);
-    EXPECT_EQ(h.events(2), (std::vector<std::string>{"g"}));
+    EXPECT_EQ(h.batches(), (Batches{{"a", "b", "c"}, {"d", "e", "f"}, {"g"}}));
     h.respond(kDelivered);
     EXPECT_EQ(h.stats().delivered, 7u);
     EXPECT_EQ(h.stats().batchesSent, 3u);
@@ -314,18 +310,14 @@ TEST(SEGAnalytics, UploadsAtFlushAtAndOnTheInterval) {
 
 TEST(SEGAnalytics, FailedBatchIsRetriedAfterBackOffThenDelivered) {
     Harness h;
-    h.track("a");
-    h.flush();
-    h.respond(kFailed);
+    h.upload({"a"}, kFailed);
     EXPECT_EQ(h.stats().retries, 1u);
     EXPECT_EQ(h.stats().waiting, 1u);
-    h.track("b");
-    h.flush();  // waits for the back-off
+    h.upload({"b"});  // waits for the back-off
     EXPECT_EQ(h.requests->sentCount(), 1u);
     h.worker->advance(std::chrono::milliseconds(1200));  // the first pause, jitter included
-    ASSERT_EQ(h.requests->sentCount(), 2u);
+    ASSERT_EQ(h.batches(), (Batches{{"a"}, {"a", "b"}}));
     EXPECT_EQ(h.body(1)["batch"][0]["messageId"], h.body(0)["batch"][0]["messageId"]);
-    EXPECT_EQ(h.events(1), (std::vector<std::string>{"a", "b"}));
     h.respond(kDelivered);
     EXPECT_EQ(h.stats().delivered, 2u);
     EXPECT_EQ(h.stats().waiting, 0u);
@@ -334,10 +326,7 @@ TEST(SEGAnalytics, FailedBatchIsRetriedAfterBackOffThenDelivered) {
 
 TEST(SEGAnalytics, RejectedBatchIsDroppedCountedAndLogged) {
     Harness h;
-    h.track("a");
-    h.track("b");
-    h.flush();
-    h.respond(kRejected);
+    h.upload({"a", "b"}, kRejected);
     EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"rejected", 2}}));
     EXPECT_EQ(h.stats().waiting, 0u);
     EXPECT_TRUE(h.logger->contains("rejected"));
@@ -388,7 +377,6 @@ TEST(SEGAnalytics, LargeQueueIsSentInBatchesWithinTheLimit) {
     const std::string filler(20'000, 'x');
     for (int i = 0; i < 40; ++i) h.track("e" + std::to_string(i), json{{"f", filler}});
     h.flush();
-    std::vector<std::string> all;
     while (h.requests->pendingCount() > 0) {
         const std::size_t index = h.requests->sentCount() - 1;
         const std::string raw = h.rawBody(index);
@@ -397,10 +385,11 @@ TEST(SEGAnalytics, LargeQueueIsSentInBatchesWithinTheLimit) {
         if (h.stats().waiting > h.body(index)["batch"].size()) {
             EXPECT_GT(raw.size() + h.body(index)["batch"][0].dump().size() + 1, SEGAnalytics::kMaximumBatchBytes);
         }
-        for (const auto& name : h.events(index)) all.push_back(name);
         h.respond(kDelivered);
     }
     EXPECT_EQ(h.requests->sentCount(), 2u);
+    std::vector<std::string> all;
+    for (const auto& batch : h.batches()) all.insert(all.end(), batch.begin(), batch.end());
     std::vector<std::string> expected;
     for (int i = 0; i < 40; ++i) expected.push_back("e" + std::to_string(i));
     EXPECT_EQ(all, expected);
@@ -414,7 +403,7 @@ TEST(SEGAnalytics, FullQueueDropsTheOldestWaitingMessage) {
     EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"queue_full", 2}}));
     EXPECT_EQ(h.stats().waiting, 3u);
     h.flush();
-    EXPECT_EQ(h.events(0), (std::vector<std::string>{"c", "d", "e"}));
+    EXPECT_EQ(h.batches(), (Batches{{"c", "d", "e"}}));
     // While those three are in flight the newest gives way, not a message being sent.
     h.track("f");
     h.respond(kDelivered);

@@ -5,7 +5,7 @@
 
 #include <map>
 
-#include "Support/TrackingEventPrinting.h"
+#include "Support/RecordingBroker.h"
 #include "TrackingArchitecture/EventSender.h"
 #include "TrackingArchitecture/Plan/PlanCall.h"
 #include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
@@ -16,12 +16,7 @@ namespace {
 using tracking::PlanOperation;
 using tracking::PropertyKind;
 
-struct RecordingBroker final : EventBrokering {
-    std::vector<TrackingEvent> events;
-    void track(TrackingEvent event) override { events.push_back(std::move(event)); }
-    void identify(const std::string&, const AttributeValue&) override {}
-    void flush() override {}
-};
+using testing::RecordingBroker;
 
 struct Recorded {
     std::shared_ptr<RecordingBroker> broker = std::make_shared<RecordingBroker>();

@@ -3,19 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "Support/RecordingLogger.h"
-#include "Support/TrackingEventPrinting.h"
+#include "Support/RecordingBroker.h"
 #include "TrackingArchitecture/EventSender.h"
 #include "TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 
 namespace kt {
 namespace {
 
-struct RecordingBroker final : EventBrokering {
-    std::vector<TrackingEvent> events;
-    void track(TrackingEvent event) override { events.push_back(std::move(event)); }
-    void identify(const std::string&, const AttributeValue&) override {}
-    void flush() override {}
-};
+using testing::RecordingBroker;
 
 TEST(WidgetAnalyticsHandler, ReportsCompleteWidgetURLsAndReturnsThemWithoutTheMarkers) {
     const auto incomplete = [](const char* family, const char* kind) {

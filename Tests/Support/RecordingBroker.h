@@ -1,8 +1,11 @@
 #pragma once
-// Readable failures for tracking events: GoogleTest finds PrintTo by argument lookup.
+// A broker that keeps every event it is handed, and readable failures for tracking events
+// (GoogleTest finds PrintTo by argument lookup).
 
 #include <ostream>
+#include <vector>
 
+#include "TrackingArchitecture/EventBrokering.h"
 #include "TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
@@ -16,4 +19,14 @@ inline void PrintTo(const TrackingEvent& event, std::ostream* out) {
     *out << " ]";
 }
 
+namespace testing {
+
+struct RecordingBroker final : EventBrokering {
+    std::vector<TrackingEvent> events;
+    void track(TrackingEvent event) override { events.push_back(std::move(event)); }
+    void identify(const std::string&, const AttributeValue&) override {}
+    void flush() override {}
+};
+
+}  // namespace testing
 }  // namespace kt

@@ -99,10 +99,10 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
     EXPECT_EQ(tracking[1]["method"], "GET");
     const json events = getJSON(*gateway, "/events?limit=10");
     ASSERT_EQ(events.size(), 3u);
-    const json uploaded[] = {batch[0], batch[1], withSentAt["events"][0]};
-    for (std::size_t i = 0; i < 3; ++i)
-        EXPECT_EQ(json({{"event", events[i]["event"]}, {"version", events[i]["version"]}, {"payload", events[i]["payload"]}}),
-                  uploaded[i]);
+    json asUploaded = json::array();
+    for (const auto& e : events)
+        asUploaded.push_back({{"event", e["event"]}, {"version", e["version"]}, {"payload", e["payload"]}});
+    EXPECT_EQ(asUploaded, json::array({batch[0], batch[1], withSentAt["events"][0]}));
     const json& headers = events[1]["headers"];
     EXPECT_EQ(std::tuple(headers["User-Agent"], headers["Content-Encoding"], headers.contains("REMOTE_ADDR")),
               std::tuple("KTAnalytics-Test/2", "gzip", false));
@@ -236,17 +236,15 @@ TEST_F(DevelopmentGatewayTests, hostileUploadsAreRefusedAndTheGatewayKeepsAnswer
 TEST_F(DevelopmentGatewayTests, idleAndSlowConnectionsDoNotKeepOthersWaiting) {
     auto gateway = startGateway();
     std::vector<int> stalled;
-    for (int i = 0; i < 64; ++i) {
-        // Half never send a byte; half stop in the middle of their headers.
-        const int s = stalledConnection(gateway->port(), i % 2 == 0 ? "" : "POST /v1/events HTTP/1.1\r\nHost: x\r\nCont");
-        if (s >= 0) stalled.push_back(s);
-    }
+    // Half never send a byte; half stop in the middle of their headers.
+    const std::string partial = "POST /v1/events HTTP/1.1\r\nHost: x\r\nCont";
+    for (int i = 0; i < 64; ++i) stalled.push_back(stalledConnection(gateway->port(), i % 2 == 0 ? "" : partial));
     httplib::Client client(gateway->baseURL());
     client.set_connection_timeout(5);
     client.set_read_timeout(5);
     auto result = client.Get("/stats");
     for (int s : stalled) close(s);
-    EXPECT_EQ(stalled.size(), 64u);
+    EXPECT_EQ(std::count(stalled.begin(), stalled.end(), -1), 0) << "connections that could not be opened";
     EXPECT_EQ(status(result), 200) << "no answer within 5 s while stalled connections are open";
 }
 

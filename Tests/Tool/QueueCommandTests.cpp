@@ -52,7 +52,8 @@ TEST(QueueCommandTests, listsEachStoredEventWithItsRetryCountAndLeavesUndecodabl
                                 {"attributes", {{"track", "quillarbor:tracks:9"}}}},
                            json{{"file", viewed->eventURL().filename().native()}, {"event", "pageview"},
                                 {"retry_count", 0}, {"attributes", json::object()}},
-                           json{{"file", garbage.filename().native()}, {"error", "cannot be decoded"}, {"retry_count", 0}},
+                           json{{"file", garbage.filename().native()}, {"error", "cannot be decoded"},
+                                {"retry_count", 0}},
                        }));
     EXPECT_TRUE(fs::exists(garbage)) << "looking is not touching";
 

@@ -56,15 +56,12 @@ protected:
     static httplib::Result upload(const DevelopmentGateway& gateway, const std::string& body,
                                   httplib::Headers headers = {{"Content-Encoding", "gzip"},
                                                               {"User-Agent", "KTAnalytics-Test/2"}}) {
-        httplib::Client client(gateway.baseURL());
-        return client.Post("/v1/events", headers, body, "application/json");
+        return httplib::Client(gateway.baseURL()).Post("/v1/events", headers, body, "application/json");
     }
 
     static json getJSON(const DevelopmentGateway& gateway, const std::string& path) {
-        httplib::Client client(gateway.baseURL());
-        auto result = client.Get(path.c_str());
-        if (!result || result->status != 200) return json();
-        return json::parse(result->body, nullptr, false);
+        auto result = httplib::Client(gateway.baseURL()).Get(path);
+        return result && result->status == 200 ? json::parse(result->body, nullptr, false) : json();
     }
 
     testing::TemporaryDirectory directory{"kt-gateway"};
@@ -261,8 +258,7 @@ TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSu
     }
     auto restarted = startGateway({.dbPath = dbPath});
     EXPECT_EQ(restarted->stats().events, 0u);  // counts are per run
-    httplib::Client client(restarted->baseURL());
-    auto listing = client.Get("/events");
+    auto listing = httplib::Client(restarted->baseURL()).Get("/events");
     ASSERT_TRUE(listing);
     EXPECT_EQ(listing->body.find(secret), std::string::npos);
     const json events = json::parse(listing->body, nullptr, false);

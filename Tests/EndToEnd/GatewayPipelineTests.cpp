@@ -143,9 +143,8 @@ TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEach
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
 
     const auto upload = stack->statistics().upload;
-    EXPECT_EQ(upload.batchesSent, 2u);
-    EXPECT_EQ(upload.dropped(APEventDropReason::rejected), 2u);
-    EXPECT_EQ(gateway->stats().failuresInjected, 2u);
+    EXPECT_EQ(std::tuple(upload.batchesSent, upload.dropped(APEventDropReason::rejected), gateway->stats().failuresInjected),
+              std::tuple(2u, 2u, 2u));
     // What each report says is checked on the uploader; here, that the stack's tech logger gets them.
     EXPECT_EQ(techLogger->eventsNamed("invalid-tracking-event").size(), 2u);
 }

@@ -44,11 +44,10 @@ protected:
     }
 
     void fire(AnalyticsStack& stack, int port, int from, int to) {
-        for (int i = from; i < to; ++i)
-            stack.tagEvent(APEvent::make(
-                "promoted_event",
-                AttributeDictionary{{"url", "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" +
-                                                std::to_string(i)}}));
+        for (int i = from; i < to; ++i) {
+            const auto url = "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" + std::to_string(i);
+            stack.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
+        }
     }
 
     // Each target received, and how often.

@@ -241,9 +241,8 @@ TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenH
     // A call the plan refuses is reported with its line and skipped.
     EXPECT_NE(run.err.find("line 6: the argument 'track_urn' of 'trackLiked' is not"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("line 7: unknown operation 'noSuchOperation'"), std::string::npos) << run.err;
-    const auto messages = gateway->lastMessages(10);
     std::vector<std::string> received;
-    for (const auto& m : messages) received.push_back(m.type + " " + m.name + " " + m.integrations);
+    for (const auto& m : gateway->lastMessages(10)) received.push_back(m.type + " " + m.name + " " + m.integrations);
     EXPECT_EQ(received, (std::vector<std::string>{"identify quillarbor:users:7 {\"All\":false}",
                                                   "track Track Liked {\"All\":false}",
                                                   "track Playlist Added To Downloads {\"All\":false,\"MoEngage\":true}",

@@ -83,11 +83,8 @@ TEST(CurlRequestQueueAgainstServerTests, statusCodesBecomeResultCodes) {
     const std::map<int, int> expected{{200, 0}, {204, 0}, {400, 3}, {404, 3}, {408, 2}, {429, 2}, {500, 2}, {503, 2}};
     for (const auto& [status, code] : expected) queue.sendRequest(jsonPost(server.url(status)), results.callback(status));
     EXPECT_EQ(results.waitFor(expected.size()), expected);
-    const auto statistics = queue.statistics();
-    EXPECT_EQ(statistics.requestsSent, expected.size());
-    EXPECT_EQ(statistics.delivered, 2u);
-    EXPECT_EQ(statistics.rejected, 2u);
-    EXPECT_EQ(statistics.failed, 4u);
+    const auto s = queue.statistics();
+    EXPECT_EQ(std::tuple(s.requestsSent, s.delivered, s.rejected, s.failed), std::tuple(expected.size(), 2u, 2u, 4u));
 }
 
 TEST(CurlRequestQueueAgainstServerTests, requestsArriveAsBuiltAndOneAfterAnotherShareAConnection) {
@@ -106,15 +103,13 @@ TEST(CurlRequestQueueAgainstServerTests, requestsArriveAsBuiltAndOneAfterAnother
 
     const auto received = server.received();
     ASSERT_EQ(received.size(), 2u);
-    EXPECT_EQ(received[0].method, "POST");
-    EXPECT_EQ(received[0].body, body);
+    EXPECT_EQ(std::tie(received[0].method, received[0].body, received[1].method, received[1].body),
+              std::tuple("POST", body, "GET", ""));
     const httplib::Headers& headers = received[0].headers;
     for (const auto& [name, value] : {std::pair{"User-Agent", "KTAnalytics-Test/1"}, {"Content-Type", "application/json"},
                                       {"Authorization", "Bearer abc"}})
         EXPECT_TRUE(headers.count(name) == 1 && headers.find(name)->second == value) << name;
     EXPECT_EQ(headers.count("Expect"), 0u);
-    EXPECT_EQ(received[1].method, "GET");
-    EXPECT_TRUE(received[1].body.empty());
     EXPECT_EQ(received[1].remotePort, received[0].remotePort) << "the connection is reused";
     EXPECT_EQ(queue.statistics().bytesSent, body.size());
 }

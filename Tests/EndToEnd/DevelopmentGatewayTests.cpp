@@ -41,10 +41,8 @@ std::string nestedUpload(std::size_t levels) {
 // A TCP connection to the gateway that sends `text` and then says nothing more.
 int stalledConnection(int port, const std::string& text) {
     const int s = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(static_cast<std::uint16_t>(port)),
+                        .sin_addr = {htonl(INADDR_LOOPBACK)}};
     if (s < 0 || connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         send(s, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
         if (s >= 0) close(s);
@@ -58,15 +56,12 @@ protected:
     static httplib::Result upload(const DevelopmentGateway& gateway, const std::string& body,
                                   httplib::Headers headers = {{"Content-Encoding", "gzip"},
                                                               {"User-Agent", "KTAnalytics-Test/2"}}) {
-        httplib::Client client(gateway.baseURL());
-        return client.Post("/v1/events", headers, body, "application/json");
+        return httplib::Client(gateway.baseURL()).Post("/v1/events", headers, body, "application/json");
     }
 
     static json getJSON(const DevelopmentGateway& gateway, const std::string& path) {
-        httplib::Client client(gateway.baseURL());
-        auto result = client.Get(path.c_str());
-        if (!result || result->status != 200) return json();
-        return json::parse(result->body, nullptr, false);
+        auto result = httplib::Client(gateway.baseURL()).Get(path);
+        return result && result->status == 200 ? json::parse(result->body, nullptr, false) : json();
     }
 
     testing::TemporaryDirectory directory{"kt-gateway"};
@@ -101,15 +96,14 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
     EXPECT_EQ(tracking[1]["method"], "GET");
     const json events = getJSON(*gateway, "/events?limit=10");
     ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[0]["event"], "play");
-    EXPECT_EQ(events[0]["version"], "v1.27.36");
-    EXPECT_EQ(events[0]["payload"], batch[0]["payload"]);
-    EXPECT_EQ(events[1]["event"], "like");
-    EXPECT_EQ(events[1]["headers"]["User-Agent"], "KTAnalytics-Test/2");
-    EXPECT_EQ(events[1]["headers"]["Content-Encoding"], "gzip");
-    EXPECT_FALSE(events[1]["headers"].contains("REMOTE_ADDR"));
+    json asUploaded = json::array();
+    for (const auto& e : events)
+        asUploaded.push_back({{"event", e["event"]}, {"version", e["version"]}, {"payload", e["payload"]}});
+    EXPECT_EQ(asUploaded, json::array({batch[0], batch[1], withSentAt["events"][0]}));
+    const json& headers = events[1]["headers"];
+    EXPECT_EQ(std::tuple(headers["User-Agent"], headers["Content-Encoding"], headers.contains("REMOTE_ADDR")),
+              std::tuple("KTAnalytics-Test/2", "gzip", false));
     EXPECT_TRUE(events[1]["received_at"].is_string());
-    EXPECT_EQ(events[2]["event"], "a");
     EXPECT_EQ(getJSON(*gateway, "/events?limit=1"), json::array({events[2]}));
 }
 
@@ -134,10 +128,8 @@ TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400And
     };
     for (const auto& [why, body] : bad) EXPECT_EQ(status(upload(*gateway, body)), 400) << why;
     const GatewayStatistics stats = gateway->stats();
-    EXPECT_EQ(stats.rejected, bad.size());
-    EXPECT_EQ(stats.requests, bad.size());
-    EXPECT_EQ(stats.events, 0u);
-    EXPECT_EQ(stats.bytesCompressed, 0u);
+    EXPECT_EQ(std::tuple(stats.rejected, stats.requests, stats.events, stats.bytesCompressed),
+              std::tuple(bad.size(), bad.size(), 0u, 0u));
     EXPECT_TRUE(gateway->lastEvents(10).empty());
 }
 
@@ -179,9 +171,8 @@ TEST_F(DevelopmentGatewayTests, aListingStopsAtItsByteBudgetKeepingTheNewest) {
                   200);
     const json events = getJSON(*gateway, "/events?limit=10");
     ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0]["event"], "c");
-    EXPECT_EQ(events[1]["event"], "d");
-    EXPECT_EQ(events[1]["payload"]["text"], std::string(2000, 'x'));
+    EXPECT_EQ(std::tuple(events[0]["event"], events[1]["event"], events[1]["payload"]["text"]),
+              std::tuple("c", "d", std::string(2000, 'x')));
     EXPECT_EQ(gateway->lastEvents(10).size(), 4u);  // the in-process listing has no budget
 
     auto tiny = startGateway({.maxListingBytes = 1});
@@ -242,17 +233,15 @@ TEST_F(DevelopmentGatewayTests, hostileUploadsAreRefusedAndTheGatewayKeepsAnswer
 TEST_F(DevelopmentGatewayTests, idleAndSlowConnectionsDoNotKeepOthersWaiting) {
     auto gateway = startGateway();
     std::vector<int> stalled;
-    for (int i = 0; i < 64; ++i) {
-        // Half never send a byte; half stop in the middle of their headers.
-        const int s = stalledConnection(gateway->port(), i % 2 == 0 ? "" : "POST /v1/events HTTP/1.1\r\nHost: x\r\nCont");
-        if (s >= 0) stalled.push_back(s);
-    }
+    // Half never send a byte; half stop in the middle of their headers.
+    const std::string partial = "POST /v1/events HTTP/1.1\r\nHost: x\r\nCont";
+    for (int i = 0; i < 64; ++i) stalled.push_back(stalledConnection(gateway->port(), i % 2 == 0 ? "" : partial));
     httplib::Client client(gateway->baseURL());
     client.set_connection_timeout(5);
     client.set_read_timeout(5);
     auto result = client.Get("/stats");
     for (int s : stalled) close(s);
-    EXPECT_EQ(stalled.size(), 64u);
+    EXPECT_EQ(std::count(stalled.begin(), stalled.end(), -1), 0) << "connections that could not be opened";
     EXPECT_EQ(status(result), 200) << "no answer within 5 s while stalled connections are open";
 }
 
@@ -269,15 +258,13 @@ TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSu
     }
     auto restarted = startGateway({.dbPath = dbPath});
     EXPECT_EQ(restarted->stats().events, 0u);  // counts are per run
-    httplib::Client client(restarted->baseURL());
-    auto listing = client.Get("/events");
+    auto listing = httplib::Client(restarted->baseURL()).Get("/events");
     ASSERT_TRUE(listing);
     EXPECT_EQ(listing->body.find(secret), std::string::npos);
     const json events = json::parse(listing->body, nullptr, false);
     ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0]["event"], "first");
-    EXPECT_EQ(events[1]["event"], "second");
-    EXPECT_EQ(events[1]["headers"]["authorization"], "present");
+    EXPECT_EQ(std::tuple(events[0]["event"], events[1]["event"], events[1]["headers"]["authorization"]),
+              std::tuple("first", "second", "present"));
     restarted.reset();
     for (const auto& file : std::filesystem::directory_iterator(directory.path())) {
         std::ifstream in(file.path(), std::ios::binary);

@@ -108,12 +108,9 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSentWithT
     // Byte for byte: what the gateway inflated is what the uploader compressed.
     const auto upload = stack->statistics().upload;
     const auto stats = gateway->stats();
-    EXPECT_EQ(upload.delivered, 25u);
-    EXPECT_EQ(upload.waiting, 0u);
-    EXPECT_EQ(stats.requests, upload.batchesSent);
-    EXPECT_EQ(stats.events, 25u);
-    EXPECT_EQ(stats.bytesRaw, upload.bytesRaw);
-    EXPECT_EQ(stats.bytesCompressed, upload.bytesGzipped);
+    EXPECT_EQ(std::tuple(upload.delivered, upload.waiting, stats.events), std::tuple(25u, 0u, 25u));
+    EXPECT_EQ(std::tuple(stats.requests, stats.bytesRaw, stats.bytesCompressed),
+              std::tuple(upload.batchesSent, upload.bytesRaw, upload.bytesGzipped));
     EXPECT_TRUE(eventFiles(*stack).empty());
 
     signedOutStack->tagEvent(APEvent::make("like", AttributeDictionary{{"who", "signed-out"}}));
@@ -125,12 +122,11 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesExactlyTheEventsThatWereSentWithT
         const json headers = json::parse(row.headers);
         const bool signedOut = json::parse(row.payload).contains("who");
         SCOPED_TRACE(signedOut ? "signed out" : "signed in");
-        EXPECT_EQ(headers["User-Agent"], kUserAgent);
-        EXPECT_EQ(headers["Content-Type"], "application/json");
-        EXPECT_EQ(headers["Content-Encoding"], "gzip");
         // The gateway keeps only that a credential came; its value is checked where the
         // request is built.
-        EXPECT_EQ(headers.value("Authorization", "(none)"), signedOut ? "(none)" : "present");
+        EXPECT_EQ(json::array({headers["User-Agent"], headers["Content-Type"], headers["Content-Encoding"],
+                               headers.value("Authorization", "(none)")}),
+                  json::array({kUserAgent, "application/json", "gzip", signedOut ? "(none)" : "present"}));
     }
 }
 
@@ -147,9 +143,8 @@ TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEach
     ASSERT_TRUE(stack->waitUntilDelivered(kDeadline));
 
     const auto upload = stack->statistics().upload;
-    EXPECT_EQ(upload.batchesSent, 2u);
-    EXPECT_EQ(upload.dropped(APEventDropReason::rejected), 2u);
-    EXPECT_EQ(gateway->stats().failuresInjected, 2u);
+    EXPECT_EQ(std::tuple(upload.batchesSent, upload.dropped(APEventDropReason::rejected), gateway->stats().failuresInjected),
+              std::tuple(2u, 2u, 2u));
     // What each report says is checked on the uploader; here, that the stack's tech logger gets them.
     EXPECT_EQ(techLogger->eventsNamed("invalid-tracking-event").size(), 2u);
 }

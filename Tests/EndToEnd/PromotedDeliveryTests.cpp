@@ -44,23 +44,16 @@ protected:
     }
 
     void fire(AnalyticsStack& stack, int port, int from, int to) {
-        for (int i = from; i < to; ++i)
-            stack.tagEvent(APEvent::make(
-                "promoted_event",
-                AttributeDictionary{{"url", "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" +
-                                                std::to_string(i)}}));
+        for (int i = from; i < to; ++i) {
+            const auto url = "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" + std::to_string(i);
+            stack.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
+        }
     }
 
     // Each target received, and how often.
     static std::multiset<std::string> received(const DevelopmentGateway& gateway) {
         std::multiset<std::string> targets;
         for (const auto& r : gateway.lastTrackingRequests(1000)) targets.insert(r.target);
-        return targets;
-    }
-
-    static std::multiset<std::string> expected(int from, int to) {
-        std::multiset<std::string> targets;
-        for (int i = from; i < to; ++i) targets.insert("/track/impression/" + std::to_string(i));
         return targets;
     }
 
@@ -97,7 +90,9 @@ TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) 
     auto gateway = startGateway({.port = port});
     auto stack = makeStack(port);
     ASSERT_TRUE(stack->waitUntilDelivered(20s));
-    EXPECT_EQ(received(*gateway), expected(0, 6));
+    std::multiset<std::string> fired;
+    for (int i = 0; i < 6; ++i) fired.insert("/track/impression/" + std::to_string(i));
+    EXPECT_EQ(received(*gateway), fired);
     const auto requests = stack->statistics().reliableRequests;
     EXPECT_EQ(requests.delivered, 6u);
     EXPECT_EQ(requests.givenUp + requests.rejected, 0u);
@@ -106,7 +101,7 @@ TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) 
     stack.reset();
     stack = makeStack(port);
     ASSERT_TRUE(stack->waitUntilDelivered(5s));
-    EXPECT_EQ(received(*gateway), expected(0, 6));
+    EXPECT_EQ(received(*gateway), fired);
 }
 
 }  // namespace

@@ -13,9 +13,9 @@
 #include <unistd.h>
 
 #include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
-#include "Gateway/DevelopmentGateway.h"
 #include "Segment/SegmentWrapper.h"
 #include "Setup/AnalyticsStack.h"
+#include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 #include "TrackingArchitecture/EventSender.h"
 
@@ -23,18 +23,16 @@ namespace kt {
 namespace {
 
 using namespace std::chrono_literals;
-using gateway::DevelopmentGateway;
-using gateway::GatewayConfiguration;
+using testing::startGateway;
 
-std::unique_ptr<AnalyticsStack> makeStack(const std::filesystem::path& state, int port, std::ostream& console,
-                                          std::optional<std::string> token = "tok-1") {
+std::unique_ptr<AnalyticsStack> makeStack(const std::filesystem::path& state, int port, std::ostream& console) {
     AnalyticsStackConfiguration c;
     c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
     c.environment.clientId = 7;
     c.environment.segmentWriteKey = "wk";
     c.environment.shouldFlushAtRegularIntervals = false;
     c.stateDirectory = state;
-    c.token = std::move(token);
+    c.token = "tok-1";
     c.userUrn = "quillarbor:users:7";
     c.variantIds = {"v-1"};
     c.segmentFlushAt = 5;
@@ -48,13 +46,12 @@ std::unique_ptr<AnalyticsStack> makeStack(const std::filesystem::path& state, in
 
 TEST(TrackingPlanDelivery, ReachesTheGatewayOnlyThroughTheRewriterSignedCompressedAndWithItsContext) {
     testing::TemporaryDirectory directory;
-    DevelopmentGateway gateway(GatewayConfiguration{});
-    ASSERT_TRUE(gateway.start()) << gateway.lastError();
+    auto gateway = startGateway();
     std::ostringstream console;
-    auto stack = makeStack(directory.path() / "state", gateway.port(), console);
+    auto stack = makeStack(directory.path() / "state", gateway->port(), console);
     // The client's own endpoint names the API host: only the rewriter's host swap finds the gateway.
     EXPECT_EQ(AnalyticsStack::segmentAPIURL(stack->configuration()),
-              "http://api.segment.io:" + std::to_string(gateway.port()) + "/v1");
+              "http://api.segment.io:" + std::to_string(gateway->port()) + "/v1");
 
     auto& sender = *stack->eventSender();
     sender.identify("u-7", AttributeValue{{"plan", "go+"}});
@@ -64,51 +61,34 @@ TEST(TrackingPlanDelivery, ReachesTheGatewayOnlyThroughTheRewriterSignedCompress
     ASSERT_TRUE(stack->waitUntilDelivered(20s));
 
     const auto statistics = stack->statistics().segment;
-    EXPECT_EQ(statistics.delivered, 13u);
-    EXPECT_EQ(statistics.waiting, 0u);
+    EXPECT_EQ(std::tuple(statistics.delivered, statistics.waiting, gateway->stats().duplicateMessages),
+              std::tuple(13u, 0u, 0u));
     EXPECT_TRUE(statistics.droppedByReason.empty());
-    EXPECT_EQ(gateway.stats().duplicateMessages, 0u);
 
-    const auto messages = gateway.lastMessages(100);
-    ASSERT_EQ(messages.size(), 13u);
+    // Every message carries the context of the stack that sent it.
+    const AttributeValue kt{{"client_application_id", 7}, {"anonymous_id", stack->segmentWrapper()->anonymousId()},
+                            {"user_id", "quillarbor:users:7"}, {"part_of_variants", {"v-1"}}, {"analytics_id", nullptr},
+                            {"session_id", stack->sessionIdProvider()->getSessionId().uuidString()}};
+    std::multiset<std::string> expected{R"(identify u-7 {"All":false})"};
+    for (int i = 0; i < 12; ++i)
+        expected.insert(std::string("track Track Liked ") +
+                        (i % 2 ? R"({"All":false,"MoEngage":true})" : R"({"All":false})"));
+    std::multiset<std::string> received;
     std::set<std::string> ids;
-    std::size_t tracks = 0, enabled = 0;
-    for (const auto& m : messages) {
+    for (const auto& m : gateway->lastMessages(100)) {
         SCOPED_TRACE(m.messageId);
         ids.insert(m.messageId);
-        EXPECT_EQ(m.authorization, "present");
-        EXPECT_TRUE(m.gzip);
-        const auto kt = AttributeValue::parse(m.kt);
-        EXPECT_EQ(kt["client_application_id"], 7);
-        EXPECT_EQ(kt["user_id"], "quillarbor:users:7");
-        EXPECT_EQ(kt["part_of_variants"], AttributeValue({"v-1"}));
-        EXPECT_EQ(kt["analytics_id"], nullptr);
-        EXPECT_EQ(kt["anonymous_id"], stack->segmentWrapper()->anonymousId());
-        EXPECT_EQ(kt["session_id"], stack->sessionIdProvider()->getSessionId().uuidString());
-        if (m.type == "track") {
-            ++tracks;
-            EXPECT_EQ(m.name, "Track Liked");
-            const auto integrations = AttributeValue::parse(m.integrations);
-            if (integrations.contains("MoEngage")) ++enabled;
-            EXPECT_EQ(integrations["All"], false);
-        } else {
-            EXPECT_EQ(m.type, "identify");
-            EXPECT_EQ(m.name, "u-7");
-        }
+        received.insert(m.type + " " + m.name + " " + m.integrations);
+        EXPECT_EQ(std::tuple(m.authorization, m.gzip), std::tuple("present", true));
+        EXPECT_EQ(AttributeValue::parse(m.kt), kt);
     }
+    EXPECT_EQ(received, expected);
     EXPECT_EQ(ids.size(), 13u);
-    EXPECT_EQ(tracks, 12u);
-    EXPECT_EQ(enabled, 6u);
 }
 
 TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownOrAtAKillArrivesAfterARestartOnce) {
     testing::TemporaryDirectory directory;
-    int port;
-    {
-        DevelopmentGateway probe(GatewayConfiguration{});
-        ASSERT_TRUE(probe.start());
-        port = probe.port();
-    }
+    const int port = testing::closedPort();
     std::ostringstream console;
     {
         // Nobody listens: the messages stay queued on disk when the stack goes.
@@ -128,14 +108,11 @@ TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownOrAtAKillArrivesAf
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFSIGNALED(status));
 
-    GatewayConfiguration c;
-    c.port = port;
-    DevelopmentGateway gateway(c);
-    ASSERT_TRUE(gateway.start()) << gateway.lastError();
+    auto gateway = startGateway({.port = port});
     auto stack = makeStack(directory.path() / "state", port, console);
     ASSERT_TRUE(stack->waitUntilDelivered(20s));
-    EXPECT_EQ(gateway.lastMessages(100).size(), 10u);
-    EXPECT_EQ(gateway.stats().duplicateMessages, 0u);
+    EXPECT_EQ(gateway->lastMessages(100).size(), 10u);
+    EXPECT_EQ(gateway->stats().duplicateMessages, 0u);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
@@ -43,22 +44,17 @@ TEST(QueueCommandTests, listsEachStoredEventWithItsRetryCountAndLeavesUndecodabl
 
     out.str("");
     EXPECT_EQ(listStoredEvents(state, false, out, error), 3u) << error;
-    std::map<std::string, json> byFile;
+    std::multiset<json> entries;  // in no particular order
     std::istringstream lines(out.str());
-    for (std::string line; std::getline(lines, line);) {
-        const json entry = json::parse(line);
-        byFile[entry["file"].get<std::string>()] = entry;
-    }
-    EXPECT_EQ(byFile, (std::map<std::string, json>{
-                          {liked->eventURL().filename().native(),
-                           {{"file", liked->eventURL().filename().native()}, {"event", "like"}, {"retry_count", 2},
-                            {"attributes", {{"track", "quillarbor:tracks:9"}}}}},
-                          {viewed->eventURL().filename().native(),
-                           {{"file", viewed->eventURL().filename().native()}, {"event", "pageview"},
-                            {"retry_count", 0}, {"attributes", json::object()}}},
-                          {garbage.filename().native(),
-                           {{"file", garbage.filename().native()}, {"error", "cannot be decoded"}, {"retry_count", 0}}},
-                      }));
+    for (std::string line; std::getline(lines, line);) entries.insert(json::parse(line));
+    EXPECT_EQ(entries, (std::multiset<json>{
+                           json{{"file", liked->eventURL().filename().native()}, {"event", "like"}, {"retry_count", 2},
+                                {"attributes", {{"track", "quillarbor:tracks:9"}}}},
+                           json{{"file", viewed->eventURL().filename().native()}, {"event", "pageview"},
+                                {"retry_count", 0}, {"attributes", json::object()}},
+                           json{{"file", garbage.filename().native()}, {"error", "cannot be decoded"},
+                                {"retry_count", 0}},
+                       }));
     EXPECT_TRUE(fs::exists(garbage)) << "looking is not touching";
 
     out.str("");

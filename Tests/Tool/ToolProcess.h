@@ -119,15 +119,17 @@ public:
         return ::tcgetattr(slave_, &settings) == 0 && (settings.c_lflag & ICANON) && (settings.c_lflag & ECHO);
     }
 
-    /// The wait status once the process has ended, or nullopt at the deadline.
-    std::optional<int> waitForExit() {
+    /// How the process ended, "exit N" or "signal N", or "running" at the deadline.
+    std::string waitForExit() {
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
         while (!status_ && std::chrono::steady_clock::now() < deadline) {
             int status = 0;
             if (::waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
             else std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        return status_;
+        if (!status_) return "running";
+        return WIFEXITED(*status_) ? "exit " + std::to_string(WEXITSTATUS(*status_))
+                                   : "signal " + std::to_string(WTERMSIG(*status_));
     }
 
 private:

@@ -79,7 +79,8 @@ TEST(TrackingPlanDelivery, ReachesTheGatewayOnlyThroughTheRewriterSignedCompress
         SCOPED_TRACE(m.messageId);
         ids.insert(m.messageId);
         received.insert(m.type + " " + m.name + " " + m.integrations);
-        EXPECT_EQ(std::tuple(m.authorization, m.gzip), std::tuple("present", true));
+        // Signed with the user's token, not the client's write key.
+        EXPECT_EQ(std::tuple(m.authorization, m.gzip), std::tuple("Bearer present", true));
         EXPECT_EQ(AttributeValue::parse(m.kt), kt);
     }
     EXPECT_EQ(received, expected);

@@ -684,7 +684,11 @@ struct DevelopmentGateway::Impl {
                       [&](const json& document, const ReceivedBody& received, std::string& why) {
                           const json* messages = batchMessages(document, why);
                           if (!messages) return false;
-                          const std::string authorization = request.has_header("Authorization") ? "present" : "";
+                          // The scheme tells a user's token from the client's own write key; the
+                          // credential itself is never kept.
+                          const std::string header = request.get_header_value("Authorization");
+                          const std::string authorization =
+                              header.empty() ? "" : header.substr(0, header.find(' ') + 1) + "present";
                           std::size_t duplicates = 0;
                           if (!storeMessages(*messages, dumped(headersOf(request)), authorization, received.gzip,
                                              utcNow(), duplicates)) {

@@ -94,7 +94,7 @@ struct StoredMessage {
     std::string integrations;
     std::string message;
     std::string headers;
-    std::string authorization;  // "present" when the request had one, else empty
+    std::string authorization;  // "<scheme> present" when the request had one, else empty
     bool gzip = false;          // whether the body came gzip-compressed
     std::string receivedAt;
 };

@@ -88,11 +88,8 @@ TEST_F(EventGatewayAttributesProviderTest, OnlyAudioEventsCarryTheVPNFlag) {
         EXPECT_FALSE(provider->baseAttributes(*event("audio_error")).contains("vpn"));
         EXPECT_FALSE(provider->baseAttributes(*event("pageview")).contains("vpn"));
     }
-    EXPECT_DEATH(EventGatewayAttributesProvider(nullptr, registry, std::make_shared<FixedAssignedABTestVariantIDProvider>(),
-                                                [] { return std::nullopt; },
-                                                std::make_shared<FixedAnalyticsIdProvider>(std::nullopt), sessions,
-                                                [] { return false; }),
-                 "Invalid parameter not satisfying: connectivity");
+    connectivity = nullptr;
+    EXPECT_DEATH(makeProvider(), "Invalid parameter not satisfying: connectivity");
 }
 
 TEST(MillisecondsSince1970Test, DropsTheFractionOfAMillisecondTowardZeroAndStopsOnTimesThatDoNotFit) {

@@ -83,8 +83,6 @@ TEST(GzipCodecTests, LevelIsAFractionOfZlibsRangeTruncated) {
              {0.0f, 0}, {0.5f, 4}, {0.99f, 8}, {1.0f, 9}, {-0.25f, Z_DEFAULT_COMPRESSION}})
         EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel(input, level), referenceGzip(input, zlibLevel)) << level;
     EXPECT_EQ(GzipCodec::gzippedData(input), referenceGzip(input, Z_DEFAULT_COMPRESSION));
-    // Stored blocks (level 0) are larger than the text itself.
-    EXPECT_GT(GzipCodec::gzippedDataWithCompressionLevel(input, 0.0f)->size(), input.size());
     EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel("abc", 2.0f), std::nullopt);
     EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel("abc", std::nanf("")), std::nullopt);
 }

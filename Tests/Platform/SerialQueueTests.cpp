@@ -127,8 +127,7 @@ TEST(ThreadSerialQueueTests, QueueReleasedByItsOwnTaskEndsCleanly) {
     // The last owner of the queue goes away inside one of its tasks: joining there would
     // deadlock, so the queue must wind down without it.
     auto queue = std::make_shared<ThreadSerialQueue>("self-release");
-    std::promise<void> mainLetGo;
-    std::promise<void> released;
+    std::promise<void> mainLetGo, released;
     queue->async([owner = queue, letGo = mainLetGo.get_future().share(), &released]() mutable {
         letGo.wait();
         owner.reset();

@@ -88,8 +88,7 @@ TEST_F(APEventGatewayAnalyticsProviderTests, RecordsThenUploadsTheTransformedFor
     EXPECT_EQ(journal.back(), "flush");
     queue->runUntilIdle();
     EXPECT_EQ(journal, (Journal{"upload like", "upload pageview", "flush", "record share", "upload share"}));
-    ASSERT_EQ(recorder->recorded.size(), 1u);
-    EXPECT_EQ(recorder->recorded[0], uploader->uploaded[2]->eventGatewayDictionary());
+    EXPECT_EQ(recorder->recorded, std::vector<AttributeDictionary>{uploader->uploaded.at(2)->eventGatewayDictionary()});
     EXPECT_EQ(*uploader->uploaded[2]->attributes(), (AttributeDictionary{{"page_name", "stream"}, {"transformed", true}}));
 }
 

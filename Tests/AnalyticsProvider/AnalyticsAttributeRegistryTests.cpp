@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -14,27 +15,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Records the user ids it is given. Each update completes at once unless the test holds it.
+// Records the user ids it is given. Each update completes at once but the first after the test
+// sets `holdNext`, which completes only when the test sets `held`.
 struct RecordingStatsigManager final : StatsigManaging {
     std::future<void> updateUserId(std::optional<std::string> userId) override {
         std::lock_guard lock(mutex_);
         updates_.push_back(std::move(userId));
         changed_.notify_all();
-        if (holdNext_) {
-            holdNext_ = false;
-            return heldUpdate_.get_future();
-        }
+        if (std::exchange(holdNext, false)) return held.get_future();
         std::promise<void> done;
         done.set_value();
         return done.get_future();
     }
-
-    /// The next update completes only when `releaseHeldUpdate` is called.
-    void holdNextUpdate() {
-        std::lock_guard lock(mutex_);
-        holdNext_ = true;
-    }
-    void releaseHeldUpdate() { heldUpdate_.set_value(); }
 
     std::vector<std::optional<std::string>> waitForUpdates(std::size_t count) {
         std::unique_lock lock(mutex_);
@@ -44,8 +36,8 @@ struct RecordingStatsigManager final : StatsigManaging {
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::optional<std::string>> updates_;  // guarded by mutex_
-    bool holdNext_ = false;                            // guarded by mutex_
-    std::promise<void> heldUpdate_;
+    bool holdNext = false;  // set before the update it holds is asked for; then guarded by mutex_
+    std::promise<void> held;
 };
 
 class AnalyticsAttributeRegistryTest : public ::testing::Test {
@@ -85,11 +77,11 @@ TEST_F(AnalyticsAttributeRegistryTest, OnlyTheFlagOnSendsTheURNsIdentifierOrNoUs
 TEST_F(AnalyticsAttributeRegistryTest, AnUpdateThatNeverCompletesHoldsBackTheNextOnlyUntilTheTimeOut) {
     AnalyticsAttributeRegistry impatient{dependencies, queue, 50ms};
     setFlag(true);
-    statsig->holdNextUpdate();  // never released before the second update arrives
+    statsig->holdNext = true;  // never released before the second update arrives
     impatient.registerUserUrn("quillarbor:users:7");
     impatient.registerUserUrn("quillarbor:users:9");
     EXPECT_EQ(statsig->waitForUpdates(2), (std::vector<std::optional<std::string>>{"7", "9"}));
-    statsig->releaseHeldUpdate();
+    statsig->held.set_value();
     drainUpdates();
 }
 

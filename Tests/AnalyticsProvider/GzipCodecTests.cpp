@@ -23,10 +23,10 @@ std::string text(std::size_t size) {
     return out;
 }
 
-// zlib run directly with the codec's parameters, as a reference.
-std::string referenceGzip(const std::string& input, int level) {
+// zlib run directly with the codec's parameters, as a reference; window bits 15 give a zlib wrapper.
+std::string referenceGzip(const std::string& input, int level, int windowBits = 31) {
     z_stream stream{};
-    EXPECT_EQ(deflateInit2(&stream, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    EXPECT_EQ(deflateInit2(&stream, level, Z_DEFLATED, windowBits, 8, Z_DEFAULT_STRATEGY), Z_OK);
     std::string out(deflateBound(&stream, input.size()) + 64, '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
     stream.avail_in = static_cast<uInt>(input.size());
@@ -54,13 +54,6 @@ std::size_t recoverableLength(const std::string& compressed) {
     return length;
 }
 
-// The buffer grows in steps of half the input's length, one step past what decodes, and is
-// not cut back.
-std::size_t untrimmedLength(const std::string& damaged) {
-    const std::size_t step = damaged.size() / 2;
-    return (recoverableLength(damaged) / step + 1) * step;
-}
-
 TEST(GzipCodecTests, OnlyInputWithTheMagicIsDecodedAndEmptyOrGzipInputIsNotEncodedAgain) {
     for (const auto& [data, gzip] : std::vector<std::pair<std::string, bool>>{
              {"", false}, {"\x1f", false}, {std::string("\x8b\x1f", 2), false}, {std::string("\x1f\x8b", 2), true}})
@@ -70,12 +63,7 @@ TEST(GzipCodecTests, OnlyInputWithTheMagicIsDecodedAndEmptyOrGzipInputIsNotEncod
     EXPECT_EQ(GzipCodec::gzippedData(""), std::string());
     EXPECT_TRUE(GzipCodec::isGzippedData(*GzipCodec::gzippedData(std::string("\x1f", 1))));
     // A zlib-wrapped stream lacks the gzip magic and is not touched either.
-    std::string zlibStream(compressBound(300), '\0');
-    uLongf size = zlibStream.size();
-    ASSERT_EQ(compress2(reinterpret_cast<Bytef*>(zlibStream.data()), &size, reinterpret_cast<const Bytef*>(text(300).data()),
-                        300, 6), Z_OK);
-    zlibStream.resize(size);
-    for (const std::string& plain : {std::string(), std::string("[1,2]"), zlibStream})
+    for (const std::string& plain : {std::string(), std::string("[1,2]"), referenceGzip(text(300), 6, 15)})
         EXPECT_EQ(GzipCodec::gunzippedData(plain), plain);
 }
 
@@ -95,8 +83,6 @@ TEST(GzipCodecTests, LevelIsAFractionOfZlibsRangeTruncated) {
              {0.0f, 0}, {0.5f, 4}, {0.99f, 8}, {1.0f, 9}, {-0.25f, Z_DEFAULT_COMPRESSION}})
         EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel(input, level), referenceGzip(input, zlibLevel)) << level;
     EXPECT_EQ(GzipCodec::gzippedData(input), referenceGzip(input, Z_DEFAULT_COMPRESSION));
-    // Stored blocks (level 0) are larger than the text itself.
-    EXPECT_GT(GzipCodec::gzippedDataWithCompressionLevel(input, 0.0f)->size(), input.size());
     EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel("abc", 2.0f), std::nullopt);
     EXPECT_EQ(GzipCodec::gzippedDataWithCompressionLevel("abc", std::nanf("")), std::nullopt);
 }
@@ -111,7 +97,10 @@ TEST(GzipCodecTests, DamagedStreamsGiveTheUntrimmedBuffer) {
         const auto result = GzipCodec::gunzippedData(damaged);
         ASSERT_TRUE(result);
         const std::size_t recovered = recoverableLength(damaged);
-        EXPECT_EQ(result->size(), untrimmedLength(damaged));
+        // The buffer grows in steps of half the input's length, one step past what decodes,
+        // and is not cut back.
+        const std::size_t step = damaged.size() / 2;
+        EXPECT_EQ(result->size(), (recovered / step + 1) * step);
         EXPECT_EQ(result->substr(0, recovered), original.substr(0, recovered));
     }
 }

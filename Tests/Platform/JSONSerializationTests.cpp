@@ -22,8 +22,7 @@ TEST(JSONSerializationTests, WritesCompactJSONThatReadsBackAndBadTextIsAnError) 
     EXPECT_TRUE(serialization.isValidJSONObject(batch));
     const auto parsed = serialization.JSONObjectWithData(*text, &error);
     ASSERT_TRUE(parsed) << error;
-    EXPECT_EQ(*parsed, batch);
-    EXPECT_TRUE((*parsed)[0]["payload"]["ok"].is_boolean());
+    EXPECT_EQ(*parsed, batch);  // a boolean read back as a number would differ
 
     for (const std::string bad : {"", "{", "[1,]", "{\"a\":1} x", "\"\xff\"", "NaN"}) {
         error.clear();

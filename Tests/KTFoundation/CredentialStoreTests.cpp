@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "KTFoundation/OAuthHelper.h"
 #include "Support/RecordingLogger.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -58,7 +57,6 @@ TEST(CredentialStoreTests, FileStoreKeepsTheTokenInAnOwnerOnlyFileAndRefusesHead
     EXPECT_FALSE(std::filesystem::exists(path));
     store.setCredential(std::nullopt);
     EXPECT_EQ(logger->count(), logged) << "signing out twice is no error";
-    EXPECT_EQ(OAuthHelper::authHeaderForToken("2-29xxx-abc"), "Bearer 2-29xxx-abc");
 }
 
 TEST(CredentialStoreTests, InMemoryStoreIsSafeFromSeveralThreads) {

@@ -1,5 +1,6 @@
 #include "Platform/UserDefaults.h"
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -19,6 +20,20 @@ namespace kt {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
+// Under load another connection can hold the file past one busy wait (SQLite's waits back
+// off to 100 ms while the holder keeps retaking the lock): a change is tried again until
+// this much time has passed, rather than lost.
+constexpr auto kWriteDeadline = std::chrono::seconds(60);
+
+int stepChange(sqlite3_stmt* s) {
+    const auto deadline = std::chrono::steady_clock::now() + kWriteDeadline;
+    int rc = sqlite3_step(s);
+    while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && std::chrono::steady_clock::now() < deadline) {
+        sqlite3_reset(s);  // keeps the bindings
+        rc = sqlite3_step(s);
+    }
+    return rc;
+}
 
 // Resets a prepared statement when a use of it ends, however it ends.
 class StatementUse {
@@ -78,6 +93,17 @@ struct UserDefaults::Impl {
         if (error != nullptr) *error = message != nullptr ? message : sqlite3_errmsg(db);
         sqlite3_free(message);
         return false;
+    }
+
+    // A statement that takes the file's lock, tried again while another connection holds it.
+    bool execChange(const char* sql) {
+        const auto deadline = std::chrono::steady_clock::now() + kWriteDeadline;
+        while (!exec(sql, nullptr)) {
+            const int code = sqlite3_errcode(db);
+            if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || std::chrono::steady_clock::now() >= deadline)
+                return false;
+        }
+        return true;
     }
 
     bool prepare(sqlite3_stmt*& s, const char* sql, std::string* error) {
@@ -159,7 +185,7 @@ struct UserDefaults::Impl {
         sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
         sqlite3_bind_blob(s, 2, encoded.data(), static_cast<int>(encoded.size()), SQLITE_STATIC);
         // Only a write that reached the database may be remembered as its value.
-        if (sqlite3_step(s) == SQLITE_DONE)
+        if (stepChange(s) == SQLITE_DONE)
             cache.erase(key);
         else
             cache.clear();
@@ -169,7 +195,7 @@ struct UserDefaults::Impl {
         sqlite3_stmt* s = remove;
         StatementUse use(s);
         sqlite3_bind_text(s, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
-        sqlite3_step(s);
+        stepChange(s);
         cache.erase(key);
     }
 
@@ -299,9 +325,10 @@ void UserDefaults::removeKeysWithPrefix(const std::string& prefix) {
     std::lock_guard lock(impl_->mutex);
     // One transaction: another connection never sees half of the name space removed,
     // and the whole removal costs one sync instead of one per key.
-    const bool inTransaction = impl_->exec("BEGIN IMMEDIATE;", nullptr);
+    // A COMMIT refused as busy leaves the transaction open, so it is tried again.
+    const bool inTransaction = impl_->execChange("BEGIN IMMEDIATE;");
     for (const auto& key : impl_->keysWithPrefix(prefix)) impl_->erase(key);
-    if (inTransaction && !impl_->exec("COMMIT;", nullptr)) impl_->exec("ROLLBACK;", nullptr);
+    if (inTransaction && !impl_->execChange("COMMIT;")) impl_->exec("ROLLBACK;", nullptr);
 }
 
 }  // namespace kt

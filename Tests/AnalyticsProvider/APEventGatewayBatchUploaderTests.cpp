@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <limits>
 #include <set>
 #include <tuple>
@@ -293,8 +294,7 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
     const std::vector<std::tuple<const char*, std::function<void(APEventGatewayBatchUploaderTests&, const Uploader&)>,
                                  std::optional<APEventDropReason>>>
         cases = {
-        // A third failure, a rejection and a value JSON cannot hold have tests of their own above;
-        // a failed write is counted by the stack's full-disk test.
+        // A third failure, a rejection and a value JSON cannot hold have tests of their own above.
         // A null marker is stored but is not a class the store reads back.
         {"unreadable", [](auto& t, const auto& u) { t.upload(u, event(1, AttributeValue::array({nullptr}))); },
          APEventDropReason::unreadable},
@@ -307,6 +307,14 @@ TEST_F(APEventGatewayBatchUploaderTests, EveryDropIsCountedUnderItsReason) {
          APEventDropReason::retryCountLost},
         {"too deep", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(300))); },
          APEventDropReason::tooDeeplyNested},
+        {"write failed",
+         [](auto& t, const auto& u) {
+             // A file where the folder should be: creating anything in it fails, even as root.
+             std::filesystem::remove_all(t.temp / "events");
+             std::ofstream(t.temp / "events") << "not a folder";
+             t.upload(u, event(1));
+         },
+         APEventDropReason::notStored},
         // Depth 256 is the most the store takes (the attributes dictionary is one level), and
         // it reads it back.
         {"deepest accepted", [nested](auto& t, const auto& u) { t.upload(u, event(1, nested(255))), t.respond(0); },

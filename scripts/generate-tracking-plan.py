@@ -181,22 +181,28 @@ def enumerations_header(enumerations):
     return "\n".join(out)
 
 
+def catalogue_order(items, name=lambda item: item):
+    """Sorted by name as std::string_view compares, so that lookups can search in halves."""
+    return sorted(items, key=lambda item: name(item).encode())
+
+
 def enumerations_source(enumerations):
+    # The strings live once, in the catalogue's data; each description indexes into it.
+    index = {name: i for i, name in enumerate(catalogue_order(enumerations))}
     out = [HEADER, '#include "TrackingArchitecture/Plan/TrackingPlanEnumerations.h"\n',
-           "#include <string>\n", '#include "Platform/Fatal.h"\n', "namespace kt {\n",
+           "#include <string>\n", '#include "Platform/Fatal.h"',
+           '#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n', "namespace kt {\n",
            "namespace {",
-           "std::string describe(std::string_view enumeration, const std::string_view* strings, std::int64_t count,",
-           "                     std::int64_t raw) {",
-           "    if (raw < 0 || raw >= count)",
-           '        fatalError(std::string(enumeration) + " has no case with raw value " + std::to_string(raw));',
-           "    return std::string(strings[raw]);",
+           "std::string describe(std::size_t index, std::int64_t raw) {",
+           "    const tracking::PlanEnumerationInfo& enumeration = tracking::planEnumerations()[index];",
+           "    if (raw < 0 || raw >= static_cast<std::int64_t>(enumeration.descriptions.size()))",
+           '        fatalError(std::string(enumeration.name) + " has no case with raw value " + std::to_string(raw));',
+           "    return std::string(enumeration.descriptions[static_cast<std::size_t>(raw)]);",
            "}",
            "}  // namespace\n"]
-    for name, strings in enumerations.items():
-        table = ", ".join(cpp_string(s) for s in strings)
+    for name in enumerations:
         out.append(f"std::string description({name} value) {{")
-        out.append(f"    static constexpr std::string_view strings[] = {{{table}}};")
-        out.append(f'    return describe("{name}", strings, {len(strings)}, static_cast<std::int64_t>(value));')
+        out.append(f"    return describe({index[name]}, static_cast<std::int64_t>(value));")
         out.append("}\n")
     out.append("}  // namespace kt\n")
     return "\n".join(out)
@@ -264,7 +270,7 @@ def plan_call_source(operations):
         out.append(f"    if (read.finish()) sender.{op['name']}({', '.join(arguments)});")
         out.append("}\n")
     out.append("constexpr std::pair<std::string_view, Call> kOperations[] = {")
-    for op in sorted(operations, key=lambda o: o["name"].encode()):
+    for op in catalogue_order(operations, lambda o: o["name"]):
         out.append(f'    {{"{op["name"]}", &{op["name"]}}},')
     out.append("};\n")
     out.append("}  // namespace\n")
@@ -290,9 +296,8 @@ KINDS = {
 
 
 def catalogue_source(operations, enumerations):
-    # Sorted as std::string_view compares, so that lookups can search in halves.
-    operations = sorted(operations, key=lambda o: o["name"].encode())
-    enumerations = dict(sorted(enumerations.items(), key=lambda e: e[0].encode()))
+    operations = catalogue_order(operations, lambda o: o["name"])
+    enumerations = {name: enumerations[name] for name in catalogue_order(enumerations)}
     out = [HEADER, '#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n',
            "#include <algorithm>\n", "namespace kt::tracking {\n", "namespace {\n",
            "using K = PropertyKind;\n"]

@@ -25,14 +25,21 @@ constexpr int kBusyTimeoutMs = 5000;
 // this much time has passed, rather than lost.
 constexpr auto kWriteDeadline = std::chrono::seconds(60);
 
-int stepChange(sqlite3_stmt* s) {
+// Repeats `attempt` (an SQLite call answering its result code) while the file stays busy.
+template <class Attempt>
+int whileBusy(Attempt attempt) {
     const auto deadline = std::chrono::steady_clock::now() + kWriteDeadline;
-    int rc = sqlite3_step(s);
-    while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && std::chrono::steady_clock::now() < deadline) {
-        sqlite3_reset(s);  // keeps the bindings
-        rc = sqlite3_step(s);
-    }
+    int rc = attempt();
+    while ((rc == SQLITE_BUSY || rc == SQLITE_LOCKED) && std::chrono::steady_clock::now() < deadline) rc = attempt();
     return rc;
+}
+
+int stepChange(sqlite3_stmt* s) {
+    return whileBusy([s] {
+        const int rc = sqlite3_step(s);
+        if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) sqlite3_reset(s);  // keeps the bindings
+        return rc;
+    });
 }
 
 // Resets a prepared statement when a use of it ends, however it ends.
@@ -97,13 +104,7 @@ struct UserDefaults::Impl {
 
     // A statement that takes the file's lock, tried again while another connection holds it.
     bool execChange(const char* sql) {
-        const auto deadline = std::chrono::steady_clock::now() + kWriteDeadline;
-        while (!exec(sql, nullptr)) {
-            const int code = sqlite3_errcode(db);
-            if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) || std::chrono::steady_clock::now() >= deadline)
-                return false;
-        }
-        return true;
+        return whileBusy([&] { return sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }) == SQLITE_OK;
     }
 
     bool prepare(sqlite3_stmt*& s, const char* sql, std::string* error) {

@@ -1,5 +1,6 @@
 #include "Segment/Client/SEGAnalytics.h"
 
+#include <algorithm>
 #include <atomic>
 #include <deque>
 #include <mutex>
@@ -136,7 +137,9 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         } else {
             if (auto saved = store->value(kAnonymousIdKey)) anonymousId = *saved;
             userId = store->value(kUserIdKey);
-            loadRows();
+            // Counted now, so that what waits shows at once; read and checked on the worker.
+            for (const auto& [id, bytes] : store->sizes()) rows.push_back({id, bytes});
+            publishWaiting();
         }
         if (anonymousId.empty()) {
             anonymousId = UUID::random().uuidString();
@@ -146,26 +149,25 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     }
 
     // Rows from an earlier process are read as untrusted: one that is not a JSON object, or
-    // too large to send, would spoil every batch it joined.
-    void loadRows() {
+    // too large to send, would spoil every batch it joined. Its first task, so the worker
+    // reads them, not the thread that makes the client.
+    void removeUnreadableRows() {
+        if (!store || rows.empty()) return;
         const JSONSafeSerialization json;
-        std::vector<std::int64_t> bad;
+        std::vector<std::int64_t> bad;  // in id order, as the rows are
         for (auto& [id, text] : store->all()) {
             auto value = text.size() <= kMaximumMessageBytes ? json.JSONObjectWithData(text) : std::nullopt;
-            if (value && value->is_object())
-                rows.push_back({id, text.size()});
-            else
-                bad.push_back(id);
+            if (!value || !value->is_object()) bad.push_back(id);
         }
-        if (!bad.empty()) {
-            store->remove(bad);
-            KT_LOG(logger, 2, kFile, "-[SEGAnalytics init]", "{} unreadable queued messages removed", bad.size());
-            drop("corrupted", bad.size());
-        }
-        publishWaiting();
+        if (bad.empty()) return;
+        store->remove(bad);
+        std::erase_if(rows, [&](const Row& row) { return std::binary_search(bad.begin(), bad.end(), row.id); });
+        KT_LOG(logger, 2, kFile, "-[SEGAnalytics init]", "{} unreadable queued messages removed", bad.size());
+        drop("corrupted", bad.size());
     }
 
     void start(std::vector<std::pair<std::string, std::shared_ptr<SEGIntegration>>> made) {
+        removeUnreadableRows();
         integrations = std::move(made);
         scheduleTimer();
         // What an earlier process left is sent now rather than after the first interval.

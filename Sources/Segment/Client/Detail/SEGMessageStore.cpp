@@ -25,9 +25,9 @@ std::string columnText(sqlite3_stmt* s, int column) {
 struct SEGMessageStore::Impl {
     sqlite3* db = nullptr;
     // Prepared once: the worker inserts and deletes one statement per message.
-    Statement insert, remove, getValue, putValue, range, all;
+    Statement insert, remove, getValue, putValue, range, all, sizes;
     ~Impl() {
-        for (Statement* s : {&insert, &remove, &getValue, &putValue, &range, &all}) {
+        for (Statement* s : {&insert, &remove, &getValue, &putValue, &range, &all, &sizes}) {
             sqlite3_finalize(s->s);
             s->s = nullptr;
         }
@@ -72,6 +72,7 @@ std::unique_ptr<SEGMessageStore> SEGMessageStore::open(const std::filesystem::pa
         {&impl->putValue, "INSERT OR REPLACE INTO state (key, value) VALUES (?, ?)"},
         {&impl->range, "SELECT id, json FROM messages WHERE id BETWEEN ? AND ? ORDER BY id"},
         {&impl->all, "SELECT id, json FROM messages ORDER BY id"},
+        {&impl->sizes, "SELECT id, length(CAST(json AS BLOB)) FROM messages ORDER BY id"},
     };
     for (const auto& [statement, sql] : statements)
         if (sqlite3_prepare_v2(impl->db, sql, -1, &statement->s, nullptr) != SQLITE_OK)
@@ -143,6 +144,15 @@ std::vector<std::pair<std::int64_t, std::string>> rows(sqlite3_stmt* s) {
 }  // namespace
 
 std::vector<std::pair<std::int64_t, std::string>> SEGMessageStore::all() { return rows(impl_->all.s); }
+
+std::vector<std::pair<std::int64_t, std::size_t>> SEGMessageStore::sizes() {
+    sqlite3_stmt* s = impl_->sizes.s;
+    std::vector<std::pair<std::int64_t, std::size_t>> result;
+    while (sqlite3_step(s) == SQLITE_ROW)
+        result.emplace_back(sqlite3_column_int64(s, 0), static_cast<std::size_t>(sqlite3_column_int64(s, 1)));
+    sqlite3_reset(s);
+    return result;
+}
 
 std::vector<std::pair<std::int64_t, std::string>> SEGMessageStore::range(std::int64_t first, std::int64_t last) {
     sqlite3_bind_int64(impl_->range.s, 1, first);

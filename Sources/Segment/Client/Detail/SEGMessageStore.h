@@ -34,6 +34,8 @@ public:
     bool remove(const std::vector<std::int64_t>& ids);
     /// Every row, oldest first: id and JSON text.
     std::vector<std::pair<std::int64_t, std::string>> all();
+    /// Every row, oldest first: id and the size of its text in bytes, without reading the text.
+    std::vector<std::pair<std::int64_t, std::size_t>> sizes();
     /// The rows with ids in [first, last], oldest first.
     std::vector<std::pair<std::int64_t, std::string>> range(std::int64_t first, std::int64_t last);
 

@@ -26,6 +26,11 @@ void SegmentEventRecorder::record(const std::string& name, const std::optional<A
     viewer->record(dictionary);
 }
 
+bool SegmentEventRecorder::isRecording() const {
+    std::lock_guard lock(mutex_);
+    return !eventRecorder_.expired();
+}
+
 void SegmentEventRecorder::injectEventRecorder(const std::shared_ptr<ThirdPartyEventRecording>& eventRecorder) {
     std::lock_guard lock(mutex_);
     eventRecorder_ = eventRecorder;

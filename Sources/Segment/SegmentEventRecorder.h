@@ -31,6 +31,8 @@ public:
 
     virtual void record(const std::string& name, const std::optional<AttributeValue>& properties,
                         const std::optional<std::vector<std::string>>& thirdParties) = 0;
+    /// Whether a record would reach anyone: without a viewer the sender skips building one.
+    virtual bool isRecording() const { return true; }
 };
 
 class SegmentEventRecorder final : public SegmentEventRecording {
@@ -41,6 +43,7 @@ public:
 
     void record(const std::string& name, const std::optional<AttributeValue>& properties,
                 const std::optional<std::vector<std::string>>& thirdParties) override;
+    bool isRecording() const override;
     /// Installs (or, with null, removes) the viewer; held weakly.
     void injectEventRecorder(const std::shared_ptr<ThirdPartyEventRecording>& eventRecorder);
 

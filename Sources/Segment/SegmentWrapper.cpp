@@ -102,12 +102,13 @@ void SegmentWrapper::track(const std::string& name, std::int64_t version,
     AttributeValue options = {{"integrations", integrationsObject(integrations)},
                               {"context", {{"protocols", {{"event_version", version}}}}}};
     segmentAnalytics_->track(name, properties, options);
+    const bool mirrored = eventRecorder_ && eventRecorder_->isRecording();
     const bool logged = logger_ && logger_->isEnabled(1);
     // The client refuses (and counts) properties nested too deeply; the mirror and the log
     // line must not walk them either.
-    if ((!eventRecorder_ && !logged) || (properties && tooDeep(*properties))) return;
+    if ((!mirrored && !logged) || (properties && tooDeep(*properties))) return;
 
-    if (eventRecorder_) {
+    if (mirrored) {
         auto mirrored = properties && properties->is_object() ? *properties : AttributeValue::object();
         mirrored["version"] = version;
         eventRecorder_->record(name, mirrored, enabledKeys(integrations));
@@ -120,7 +121,7 @@ void SegmentWrapper::identify(const std::string& userId, const std::optional<Att
                               const SegmentIntegrations& integrations) {
     AttributeValue options = {{"integrations", integrationsObject(integrations)}};
     segmentAnalytics_->identify(userId, traits, options);
-    if (eventRecorder_ && !(traits && tooDeep(*traits)))
+    if (eventRecorder_ && eventRecorder_->isRecording() && !(traits && tooDeep(*traits)))
         eventRecorder_->record("Identify: " + userId, traits, enabledKeys(integrations));
 }
 

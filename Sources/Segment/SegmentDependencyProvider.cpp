@@ -29,8 +29,6 @@ SEGAnalyticsDependencies defaultClientDependencies() {
 
 std::vector<std::string> noVariants() { return {}; }
 std::optional<std::string> noAnalyticsId() { return std::nullopt; }
-DependencyResult<MoEngageEventLogging> noMoEngageEventLogger() { return DependencyError::depencyNotSet; }
-DependencyResult<FirebaseAnalyticsControlling> noFirebaseController() { return DependencyError::depencyNotSet; }
 std::shared_ptr<KeychainCredentialStoring> signedOut() { return std::make_shared<InMemoryCredentialStore>(); }
 
 }  // namespace
@@ -39,9 +37,9 @@ std::function<std::optional<std::string>()> SegmentDependencyProvider::rewriteTo
 std::function<std::vector<std::string>()> SegmentDependencyProvider::assignedVariantIds = noVariants;
 std::function<std::optional<std::string>()> SegmentDependencyProvider::analyticsId = noAnalyticsId;
 std::function<DependencyResult<MoEngageEventLogging>()> SegmentDependencyProvider::moEngageEventLogger =
-    noMoEngageEventLogger;
+    dependencyHook<MoEngageEventLogging>(nullptr);
 std::function<DependencyResult<FirebaseAnalyticsControlling>()> SegmentDependencyProvider::firebaseAnalyticsController =
-    noFirebaseController;
+    dependencyHook<FirebaseAnalyticsControlling>(nullptr);
 std::function<SEGAnalyticsDependencies()> SegmentDependencyProvider::clientDependencies = defaultClientDependencies;
 std::function<std::shared_ptr<KeychainCredentialStoring>()> SegmentDependencyProvider::keychain = signedOut;
 
@@ -49,8 +47,8 @@ void SegmentDependencyProvider::reset() {
     rewriteToEventGatewayHost = gatewayHost;
     assignedVariantIds = noVariants;
     analyticsId = noAnalyticsId;
-    moEngageEventLogger = noMoEngageEventLogger;
-    firebaseAnalyticsController = noFirebaseController;
+    moEngageEventLogger = dependencyHook<MoEngageEventLogging>(nullptr);
+    firebaseAnalyticsController = dependencyHook<FirebaseAnalyticsControlling>(nullptr);
     clientDependencies = defaultClientDependencies;
     keychain = signedOut;
 }

@@ -23,6 +23,15 @@ enum class DependencyError { depencyNotSet };
 template <class T>
 using DependencyResult = std::variant<std::shared_ptr<T>, DependencyError>;
 
+/// A hook that answers `dependency`, or that none is set while it is null.
+template <class T>
+std::function<DependencyResult<T>()> dependencyHook(std::shared_ptr<T> dependency) {
+    return [dependency = std::move(dependency)]() -> DependencyResult<T> {
+        if (dependency) return dependency;
+        return DependencyError::depencyNotSet;
+    };
+}
+
 struct SegmentDependencyProvider {
     SegmentDependencyProvider() = delete;
 

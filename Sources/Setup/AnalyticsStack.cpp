@@ -261,15 +261,8 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     sources.sessionIdProvider = s.sessionIdProvider_;
     sources.assignedVariantIds = [variants = config.variantIds] { return variants; };
     sources.analyticsId = [id = config.analyticsId] { return id; };
-    sources.firebaseAnalyticsController = [controller = config.firebaseAnalyticsController]()
-        -> DependencyResult<FirebaseAnalyticsControlling> {
-        if (controller) return controller;
-        return DependencyError::depencyNotSet;
-    };
-    sources.moEngageEventLogger = [logger = config.moEngageEventLogger]() -> DependencyResult<MoEngageEventLogging> {
-        if (logger) return logger;
-        return DependencyError::depencyNotSet;
-    };
+    sources.firebaseAnalyticsController = dependencyHook(config.firebaseAnalyticsController);
+    sources.moEngageEventLogger = dependencyHook(config.moEngageEventLogger);
     sources.logger = s.logger_;
     sources.console = config.console;
     SegmentWrapperSetup segmentSetup;

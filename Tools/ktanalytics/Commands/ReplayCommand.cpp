@@ -74,15 +74,16 @@ std::optional<ReplayLine> parseReplayLine(std::string_view text, const std::unor
 
 std::optional<TrackingLine> parseTrackingLine(std::string_view text, std::string& problem) {
     problem.clear();
-    // Ordered, so that properties keep the line's order.
-    auto json = nlohmann::ordered_json::parse(text, nullptr, /*allow_exceptions=*/false);
-    if (!json.is_object()) return std::nullopt;
-    // Converting a value walks it recursively: a hostile depth must be refused first. The
-    // line's own object and its "properties" (or "traits", "args") add two levels.
+    // Converting a value walks it recursively: a hostile depth is refused from the text,
+    // before anything parses it. The line's own object and its "properties" (or "traits",
+    // "args") add two levels.
     if (jsonTextNestsDeeperThan(text, SEGAnalytics::kMaximumNesting + 2)) {
         problem = "nested more than " + std::to_string(SEGAnalytics::kMaximumNesting) + " levels";
         return std::nullopt;
     }
+    // Ordered, so that properties keep the line's order.
+    auto json = nlohmann::ordered_json::parse(text, nullptr, /*allow_exceptions=*/false);
+    if (!json.is_object()) return std::nullopt;
     const auto track = json.find("track"), identify = json.find("identify"), plan = json.find("plan");
     const int kinds = (track != json.end()) + (identify != json.end()) + (plan != json.end());
     if (kinds == 0) return std::nullopt;

@@ -399,8 +399,8 @@ void registerReplayCommand(CLI::App& app, int& exitCode) {
         "replay", "Tag the events of a JSON-lines file through the gateway pipeline and wait for their delivery");
     command->add_option("FILE", options->file,
                         "One JSON object per line: {\"name\": ..., \"attributes\": {...}}, or a tracking-plan line "
-                        "{\"track\": ..., \"version\": N, \"properties\": {...}, \"thirdParties\": [...]} or "
-                        "{\"identify\": ..., \"traits\": {...}}")
+                        "{\"track\": ..., \"version\": N, \"properties\": {...}, \"thirdParties\": [...]}, "
+                        "{\"identify\": ..., \"traits\": {...}} or {\"plan\": OPERATION, \"args\": {...}}")
         ->required();
     command->add_option("--gateway", options->gateway, "Base URL of the event gateway (default: KTANALYTICS_GATEWAY_URL)");
     command->add_option("--state-dir", options->stateDir, "Folder for every file the run keeps (event queue, user defaults)");

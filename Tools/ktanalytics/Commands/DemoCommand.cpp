@@ -422,10 +422,13 @@ int runDemo(const DemoOptions& options) {
         out << "  received, by event name:\n";
         for (const auto& [name, count] : byName) out << "  " << std::setw(5) << count << "  " << name << "\n";
     }
-    out << "  integration calls: firebase " << integrationLines->firebase << ", mo-engage "
-        << integrationLines->moEngage << "\n";
+    // The client's worker may still call an integration: read its counts and lines together.
+    std::size_t firebaseIntegrationCalls = 0, moEngageCalls = 0;
     {
         std::lock_guard lock(integrationLines->mutex);
+        firebaseIntegrationCalls = integrationLines->firebase;
+        moEngageCalls = integrationLines->moEngage;
+        out << "  integration calls: firebase " << firebaseIntegrationCalls << ", mo-engage " << moEngageCalls << "\n";
         std::istringstream integrationText(integrationLines->lines.str());
         for (std::string line; std::getline(integrationText, line);) out << "    " << line << "\n";
     }
@@ -460,7 +463,7 @@ int runDemo(const DemoOptions& options) {
     // and the checkout) and the plan's own (plays, likes, follows, the download).
     const bool planOk = messages.delivered == planMessages && messages.waiting == 0 && messagesDropped == 0 &&
                         gatewayStats.messages == planMessages && gatewayStats.duplicateMessages == 0 &&
-                        integrationLines->firebase == 5 && integrationLines->moEngage == 2 + kPlanEventsForEngagement;
+                        firebaseIntegrationCalls == 5 && moEngageCalls == 2 + kPlanEventsForEngagement;
     const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk && planOk;
     out << "\nResult: " << (ok ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";
     stack.reset();

@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <thread>
 #include <unordered_map>
 
@@ -15,6 +16,7 @@
 
 #include "KTFoundation/ConnectivityStateDetecting.h"
 #include "KTFoundation/LogMacros.h"
+#include "Platform/Backoff.h"
 #include "Platform/Fatal.h"
 
 namespace kt {
@@ -50,11 +52,25 @@ bool isLoopbackHost(const std::string& baseURL) {
     }
 }
 
+// What a pause applies to: scheme, host and port, so that one failing server does not hold
+// back requests to another. Text that does not parse is its own origin.
+std::string originOf(const std::string& text) {
+    auto parsed = boost::urls::parse_uri(text);
+    if (!parsed) return text;
+    std::string host(parsed->encoded_host());
+    std::transform(host.begin(), host.end(), host.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::string port(parsed->port());
+    if (port.empty()) port = parsed->scheme() == "https" ? "443" : "80";
+    return std::string(parsed->scheme()) + "://" + host + ":" + port;
+}
+
 std::size_t discardBody(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
 struct Pending {
     HTTPRequest request;
     RequestQueueing::ResultCallback callback;
+    std::string origin;
 };
 
 // One transfer in flight. The request stays here because curl reads its URL and body
@@ -62,6 +78,7 @@ struct Pending {
 struct Transfer {
     HTTPRequest request;
     RequestQueueing::ResultCallback callback;
+    std::string origin;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     char error[CURL_ERROR_SIZE] = {};
@@ -94,6 +111,17 @@ struct CurlRequestQueue::Impl {
     std::atomic<std::uint64_t> delivered{0};
     std::atomic<std::uint64_t> failed{0};
     std::atomic<std::uint64_t> rejected{0};
+    std::atomic<std::uint64_t> notSent{0};
+    std::atomic<std::uint64_t> pausesBegun{0};
+
+    // The pause of each origin that failed and has not answered since.
+    struct Pause {
+        int failures = 0;
+        std::chrono::steady_clock::time_point until{};
+    };
+    mutable std::mutex pauseMutex;
+    std::unordered_map<std::string, Pause> pauses;  // guarded by pauseMutex
+    std::minstd_rand jitter{std::random_device{}()};  // guarded by pauseMutex
 
     std::thread worker;
 
@@ -108,10 +136,15 @@ struct CurlRequestQueue::Impl {
     std::unordered_map<CURL*, std::unique_ptr<Transfer>> running;
 
     void run();
+    // Starts what may start now; the earliest end of a pause holding a waiting request.
+    std::optional<std::chrono::steady_clock::time_point> startWaiting();
     bool start(Pending pending);
     void finish(Transfer& transfer, CURLcode code);
     void complete(RequestQueueing::ResultCallback& callback, long status);
-    void drainCompleted();
+    void complete(RequestQueueing::ResultCallback& callback, RequestResult result);
+    std::optional<std::chrono::steady_clock::time_point> pausedUntil(const std::string& origin) const;
+    void notePauseOutcome(const std::string& origin, RequestResult result, std::chrono::seconds retryAfter);
+    bool drainCompleted();
     void abortEverything();
 };
 
@@ -145,17 +178,73 @@ bool CurlRequestQueue::isNetworkReachable() const {
 }
 
 void CurlRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCallback) {
+    std::string origin = originOf(request.url);
     {
         std::lock_guard lock(impl_->mutex);
         (impl_->stopping ? impl_->refused : impl_->posted)
-            .push_back(Pending{std::move(request), std::move(resultCallback)});
+            .push_back(Pending{std::move(request), std::move(resultCallback), std::move(origin)});
     }
     curl_multi_wakeup(impl_->multi);
 }
 
+std::chrono::milliseconds CurlRequestQueue::pauseRemaining(const std::string& url) const {
+    const auto until = impl_->pausedUntil(originOf(url));
+    if (!until) return std::chrono::milliseconds::zero();
+    // Rounded up: a caller that waits this long finds the pause over.
+    return std::chrono::ceil<std::chrono::milliseconds>(*until - std::chrono::steady_clock::now());
+}
+
 CurlRequestQueue::Statistics CurlRequestQueue::statistics() const {
     return Statistics{impl_->requestsSent.load(), impl_->bytesSent.load(), impl_->delivered.load(),
-                      impl_->failed.load(), impl_->rejected.load()};
+                      impl_->failed.load(),       impl_->rejected.load(),  impl_->notSent.load(),
+                      impl_->pausesBegun.load()};
+}
+
+std::optional<std::chrono::steady_clock::time_point> CurlRequestQueue::Impl::pausedUntil(
+    const std::string& origin) const {
+    std::lock_guard lock(pauseMutex);
+    auto it = pauses.find(origin);
+    if (it == pauses.end() || it->second.until <= std::chrono::steady_clock::now()) return std::nullopt;
+    return it->second.until;
+}
+
+void CurlRequestQueue::Impl::notePauseOutcome(const std::string& origin, RequestResult result,
+                                              std::chrono::seconds retryAfter) {
+    if (result == RequestResult::notSent) return;
+    std::lock_guard lock(pauseMutex);
+    if (result != RequestResult::failed) {
+        // The server answered: whatever made it fail has passed.
+        pauses.erase(origin);
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    auto& pause = pauses[origin];
+    // Requests that were already under way when a pause began fail with it; only an attempt
+    // made after a pause (or the first failure) lengthens the next one.
+    if (pause.until > now) return;
+    auto length = jitteredBackoff(configuration.firstFailurePause, configuration.failurePauseGrowth,
+                                  configuration.longestFailurePause, ++pause.failures, jitter);
+    length = std::max(length, std::min(std::chrono::duration_cast<std::chrono::milliseconds>(retryAfter),
+                                       configuration.longestFailurePause));
+    pause.until = now + length;
+    pausesBegun.fetch_add(1, std::memory_order_relaxed);
+    KT_LOG(logger, 2, kFile, "-[CurlRequestQueue sendRequest:resultCallback:]",
+           "{} failed {} time(s) in a row; nothing more goes there for {} ms", origin, pause.failures, length.count());
+}
+
+std::optional<std::chrono::steady_clock::time_point> CurlRequestQueue::Impl::startWaiting() {
+    std::optional<std::chrono::steady_clock::time_point> earliest;
+    for (auto it = waiting.begin(); it != waiting.end() && running.size() < configuration.maximumConcurrentRequests;) {
+        if (auto until = pausedUntil(it->origin)) {
+            earliest = earliest ? std::min(*earliest, *until) : *until;
+            ++it;
+            continue;
+        }
+        Pending next = std::move(*it);
+        it = waiting.erase(it);
+        start(std::move(next));
+    }
+    return earliest;
 }
 
 const CurlRequestQueue::Configuration& CurlRequestQueue::configuration() const { return impl_->configuration; }
@@ -172,18 +261,14 @@ void CurlRequestQueue::Impl::run() {
             refusedNow.swap(refused);
             stop = stopping;
         }
-        for (auto& p : refusedNow) complete(p.callback, 0);
+        for (auto& p : refusedNow) complete(p.callback, RequestResult::notSent);
         if (stop && !deadline) deadline = std::chrono::steady_clock::now() + configuration.shutdownTimeout;
 
-        while (running.size() < configuration.maximumConcurrentRequests && !waiting.empty()) {
-            Pending next = std::move(waiting.front());
-            waiting.pop_front();
-            start(std::move(next));
-        }
+        const auto heldUntil = startWaiting();
 
         int stillRunning = 0;
         curl_multi_perform(multi, &stillRunning);
-        drainCompleted();
+        const bool answered = drainCompleted();
 
         if (stop) {
             bool nothingLeft;
@@ -191,14 +276,19 @@ void CurlRequestQueue::Impl::run() {
                 std::lock_guard lock(mutex);
                 nothingLeft = posted.empty() && refused.empty();
             }
-            if ((nothingLeft && running.empty() && waiting.empty()) ||
-                std::chrono::steady_clock::now() >= *deadline)
+            // With nothing running, whatever still waits is held by a pause: it is answered
+            // as not sent rather than kept until the deadline.
+            if ((nothingLeft && running.empty()) || std::chrono::steady_clock::now() >= *deadline)
                 break;
         }
-        // Freed slots are refilled before sleeping.
-        if (!waiting.empty() && running.size() < configuration.maximumConcurrentRequests) continue;
+        // Freed slots are refilled before sleeping (an answer may also have ended a pause).
+        if (answered && !waiting.empty()) continue;
 
         int waitMs = running.empty() ? kIdleWaitMs : kBusyWaitMs;
+        if (heldUntil) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(*heldUntil - std::chrono::steady_clock::now());
+            waitMs = std::clamp(static_cast<int>(left.count()), 0, waitMs);
+        }
         if (deadline) {
             auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
             waitMs = std::clamp(static_cast<int>(left.count()) + 1, 0, waitMs);
@@ -212,6 +302,7 @@ bool CurlRequestQueue::Impl::start(Pending pending) {
     auto transfer = std::make_unique<Transfer>();
     transfer->request = std::move(pending.request);
     transfer->callback = std::move(pending.callback);
+    transfer->origin = std::move(pending.origin);
     transfer->easy = curl_easy_init();
     if (transfer->easy == nullptr) {
         KT_LOG(logger, 3, kFile, "-[CurlRequestQueue sendRequest:resultCallback:]", "curl_easy_init failed for {}",
@@ -254,7 +345,8 @@ bool CurlRequestQueue::Impl::start(Pending pending) {
     return true;
 }
 
-void CurlRequestQueue::Impl::drainCompleted() {
+bool CurlRequestQueue::Impl::drainCompleted() {
+    bool any = false;
     int left = 0;
     while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
         if (message->msg != CURLMSG_DONE) continue;
@@ -266,13 +358,17 @@ void CurlRequestQueue::Impl::drainCompleted() {
         running.erase(it);
         curl_multi_remove_handle(multi, easy);
         finish(*transfer, code);
+        any = true;
     }
+    return any;
 }
 
 void CurlRequestQueue::Impl::finish(Transfer& transfer, CURLcode code) {
     long status = 0;
+    curl_off_t retryAfter = 0;
     if (code == CURLE_OK) {
         curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+        curl_easy_getinfo(transfer.easy, CURLINFO_RETRY_AFTER, &retryAfter);
         requestsSent.fetch_add(1, std::memory_order_relaxed);
         bytesSent.fetch_add(transfer.request.body.size(), std::memory_order_relaxed);
         KT_LOG(logger, 0, kFile, "-[CurlRequestQueue sendRequest:resultCallback:]", "{} {} answered {}",
@@ -282,13 +378,19 @@ void CurlRequestQueue::Impl::finish(Transfer& transfer, CURLcode code) {
                transfer.request.method, transfer.request.url,
                transfer.error[0] != '\0' ? transfer.error : curl_easy_strerror(code));
     }
+    // Before the callback: a sender that asks at once must see the pause.
+    notePauseOutcome(transfer.origin, requestResultFor(status), std::chrono::seconds(std::max<curl_off_t>(retryAfter, 0)));
     complete(transfer.callback, status);
 }
 
 void CurlRequestQueue::Impl::complete(RequestQueueing::ResultCallback& callback, long status) {
-    const RequestResult result = requestResultFor(status);
+    complete(callback, requestResultFor(status));
+}
+
+void CurlRequestQueue::Impl::complete(RequestQueueing::ResultCallback& callback, RequestResult result) {
     switch (result) {
     case RequestResult::delivered: delivered.fetch_add(1, std::memory_order_relaxed); break;
+    case RequestResult::notSent: notSent.fetch_add(1, std::memory_order_relaxed); break;
     case RequestResult::failed: failed.fetch_add(1, std::memory_order_relaxed); break;
     case RequestResult::rejected: rejected.fetch_add(1, std::memory_order_relaxed); break;
     }
@@ -309,7 +411,8 @@ void CurlRequestQueue::Impl::abortEverything() {
         curl_multi_remove_handle(multi, easy);
         KT_LOG(logger, 2, kFile, "-[CurlRequestQueue dealloc]", "aborted {} {} at shutdown", transfer->request.method,
                transfer->request.url);
-        complete(transfer->callback, 0);
+        // Cut off, not answered: whether it arrived is unknown, and no attempt is spent on it.
+        complete(transfer->callback, RequestResult::notSent);
     }
     running.clear();
     // Callbacks may post again; whatever arrives now is refused, until nothing is left.
@@ -324,7 +427,7 @@ void CurlRequestQueue::Impl::abortEverything() {
             rest.swap(waiting);
         }
         if (rest.empty()) break;
-        for (auto& p : rest) complete(p.callback, 0);
+        for (auto& p : rest) complete(p.callback, RequestResult::notSent);
     }
 }
 

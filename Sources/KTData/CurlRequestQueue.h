@@ -24,6 +24,15 @@ struct CurlRequestQueueConfiguration {
     std::chrono::milliseconds shutdownTimeout = std::chrono::seconds(2);
     /// Transfers running at once; further requests wait their turn in order.
     std::size_t maximumConcurrentRequests = 8;
+    /// After a failed attempt (no connection, a time-out, 5xx, 408, 429) the request's origin
+    /// (scheme, host, port) pauses: nothing more is sent to it until the pause has passed,
+    /// whatever is handed over meanwhile. The first pause, each next one this many times
+    /// longer, at most the longest, each spread by ±20 %; a Retry-After answer lengthens it
+    /// (up to the longest). Any answer that is not a failure ends the pauses of its origin.
+    /// The defaults make an item's three attempts span more than a minute.
+    std::chrono::milliseconds firstFailurePause = std::chrono::seconds(20);
+    int failurePauseGrowth = 3;
+    std::chrono::milliseconds longestFailurePause = std::chrono::minutes(5);
     /// The base URL the requests go to. When its host is loopback (127.0.0.0/8, ::1,
     /// "localhost") the network always counts as reachable: a machine whose only interface
     /// is loopback still reaches a gateway running on it, while the connectivity detector
@@ -38,11 +47,15 @@ struct CurlRequestQueueStatistics {
     std::uint64_t delivered = 0;     // answered with code 0
     std::uint64_t failed = 0;        // answered with code 2 (no answer, time-out, 5xx, 408, 429)
     std::uint64_t rejected = 0;      // answered with code 3
+    std::uint64_t notSent = 0;       // answered with code 1: held by a pause, then shutdown came
+    std::uint64_t pauses = 0;        // pauses begun after a failed attempt
 };
 
 /// `sendRequest` only enqueues and wakes the worker; result callbacks run on the worker
-/// thread, never on the caller's. Destruction stops accepting requests, lets the accepted
-/// ones run for at most `shutdownTimeout`, answers whatever is left with code 2 and joins.
+/// thread, never on the caller's. Requests to a paused origin wait in the queue, in order,
+/// and go out when the pause has passed. Destruction stops accepting requests, lets the
+/// accepted ones run for at most `shutdownTimeout`, answers whatever is left with code 1
+/// (not sent: no attempt spent) and joins.
 class CurlRequestQueue final : public RequestQueueing {
 public:
     using Configuration = CurlRequestQueueConfiguration;
@@ -56,8 +69,10 @@ public:
     CurlRequestQueue() = delete;
     ~CurlRequestQueue() override;
 
+    /// Reachability alone; a pause is asked for with `pauseRemaining`.
     bool isNetworkReachable() const override;
     void sendRequest(HTTPRequest request, ResultCallback resultCallback) override;
+    std::chrono::milliseconds pauseRemaining(const std::string& url) const override;
 
     Statistics statistics() const;
     const Configuration& configuration() const;

@@ -90,9 +90,39 @@ TEST(CurlRequestQueueTests, destructionAnswersEveryAcceptedRequestAndWhatItsCall
             results.callback(4)(code);
         });
     }
-    // The destructor has joined the worker: every callback has run.
-    EXPECT_EQ(results.codes(), (Codes{{0, 2}, {1, 2}, {2, 2}, {3, 2}, {4, 2}}));
-    EXPECT_EQ(postedDuringShutdown.codes(), (Codes{{0, 2}}));
+    // The destructor has joined the worker: every callback has run, as not sent (no attempt
+    // is spent on what shutdown cut off).
+    EXPECT_EQ(results.codes(), (Codes{{0, 1}, {1, 1}, {2, 1}, {3, 1}, {4, 1}}));
+    EXPECT_EQ(postedDuringShutdown.codes(), (Codes{{0, 1}}));
+}
+
+TEST(CurlRequestQueueTests, aFailedOriginPausesOnceForWhatWasUnderWayAndHoldsWhatComesMeanwhile) {
+    LoopbackSocket closed(false), other(false);
+    closed.close();
+    other.close();
+    CurlRequestQueue::Configuration configuration;
+    configuration.firstFailurePause = 300ms;
+    configuration.failurePauseGrowth = 3;
+    CurlRequestQueue queue(configuration, nullptr, nullptr);
+    testing::ResultCollector results;
+    for (int key = 0; key < 3; ++key) queue.sendRequest(jsonPost(closed.url()), results.callback(key));
+    results.waitFor(3);
+    const auto paused = std::chrono::steady_clock::now();
+    // Three requests under way at once failed together: one pause, of the first length.
+    EXPECT_EQ(queue.statistics().pauses, 1u);
+    const auto first = queue.pauseRemaining(closed.url());
+    EXPECT_GT(first, 200ms);
+    EXPECT_LE(first, 360ms);
+    EXPECT_EQ(queue.pauseRemaining(other.url()), 0ms) << "another origin does not pause";
+
+    queue.sendRequest(jsonPost(closed.url()), results.callback(3));
+    queue.sendRequest(jsonPost(other.url()), results.callback(4));
+    EXPECT_EQ(results.waitFor(4).count(3), 0u) << "held until the pause has passed";
+    EXPECT_EQ(results.waitFor(5).at(3), 2);
+    EXPECT_GE(std::chrono::steady_clock::now() - paused, 240ms);
+    // Its one attempt after the pause failed too: the next pause is three times longer.
+    EXPECT_GT(queue.pauseRemaining(closed.url()), 600ms);
+    EXPECT_EQ(queue.statistics().failed, 5u);
 }
 
 TEST(CurlRequestQueueTests, aLoopbackGatewayIsReachableWhateverTheDetectorSays) {

@@ -2,7 +2,10 @@
 // A RequestQueueing that sends nothing: it keeps each request with its callback until the
 // test answers it. State belongs to the instance.
 
+#include <chrono>
 #include <cstddef>
+#include <map>
+#include <string>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -27,6 +30,15 @@ public:
     }
 
     void setReachable(bool reachable) { std::lock_guard lock(mutex_); reachable_ = reachable; }
+    std::chrono::milliseconds pauseRemaining(const std::string& url) const override {
+        std::lock_guard lock(mutex_);
+        auto it = pauses_.find(url);
+        return it == pauses_.end() ? pause_ : it->second;
+    }
+    /// What `pauseRemaining` answers for exactly `url` until set again; other URLs get the
+    /// pause set for all (zero by default).
+    void setPause(const std::string& url, std::chrono::milliseconds pause) { std::lock_guard lock(mutex_); pauses_[url] = pause; }
+    void setPause(std::chrono::milliseconds pause) { std::lock_guard lock(mutex_); pause_ = pause; }
 
     std::vector<HTTPRequest> sentRequests() const { std::lock_guard lock(mutex_); return sent_; }
     /// The thread each request was sent from, in order.
@@ -61,6 +73,8 @@ private:
     std::vector<HTTPRequest> sent_;                 // guarded by mutex_
     std::vector<std::thread::id> senders_;          // guarded by mutex_
     std::vector<ResultCallback> pendingCallbacks_;  // guarded by mutex_
+    std::map<std::string, std::chrono::milliseconds> pauses_;  // guarded by mutex_
+    std::chrono::milliseconds pause_{0};                       // guarded by mutex_
 };
 
 }  // namespace kt::testing

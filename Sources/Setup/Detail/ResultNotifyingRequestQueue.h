@@ -24,12 +24,15 @@ public:
     /// After `stop` the request is not sent and its callback never runs: whoever sent it is
     /// being torn down, and its events stay on disk for the next start.
     void sendRequest(HTTPRequest request, ResultCallback resultCallback) override;
+    std::chrono::milliseconds pauseRemaining(const std::string& url) const override;
 
     /// Releases the inner queue (outside the lock, so its destructor may still answer
     /// requests in flight). Idempotent.
     void stop();
 
 private:
+    std::shared_ptr<RequestQueueing> inner() const;
+
     mutable std::mutex mutex_;
     std::shared_ptr<RequestQueueing> inner_;  // guarded by mutex_
     const std::function<void()> onResult_;

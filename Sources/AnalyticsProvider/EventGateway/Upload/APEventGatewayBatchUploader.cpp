@@ -49,11 +49,11 @@ std::shared_ptr<APEventGatewayBatchUploader> APEventGatewayBatchUploader::make(
     std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents, std::size_t minimumBatchSize,
     std::shared_ptr<TechLogging> techLogger, std::shared_ptr<SerialQueue> queue,
     std::shared_ptr<BuildEnvironmentDetecting> environmentDetector, bool shouldFlushAtRegularIntervals,
-    std::shared_ptr<KTLogger> logger) {
+    std::shared_ptr<KTLogger> logger, std::function<void()> dropped) {
     auto uploader = std::make_shared<APEventGatewayBatchUploader>(
         Passkey(), std::move(eventSerializer), std::move(requestFactory), std::move(requestQueue),
         std::move(queuedEvents), minimumBatchSize, std::move(techLogger), std::move(queue),
-        std::move(environmentDetector), shouldFlushAtRegularIntervals, std::move(logger));
+        std::move(environmentDetector), shouldFlushAtRegularIntervals, std::move(logger), std::move(dropped));
     // The timer holds the uploader weakly, which needs the shared pointer made above.
     uploader->flushDelayed();
     return uploader;
@@ -64,7 +64,7 @@ APEventGatewayBatchUploader::APEventGatewayBatchUploader(
     std::shared_ptr<APEventGatewayRequestFactory> requestFactory, std::shared_ptr<RequestQueueing> requestQueue,
     APSerializedEventSet queuedEvents, std::size_t minimumBatchSize, std::shared_ptr<TechLogging> techLogger,
     std::shared_ptr<SerialQueue> queue, std::shared_ptr<BuildEnvironmentDetecting> environmentDetector,
-    bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger)
+    bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger, std::function<void()> dropped)
     : eventSerializer_(std::move(eventSerializer)),
       requestFactory_(std::move(requestFactory)),
       requestQueue_(std::move(requestQueue)),
@@ -74,7 +74,8 @@ APEventGatewayBatchUploader::APEventGatewayBatchUploader(
       eventGatewayQueue_(std::move(queue)),
       environmentDetector_(std::move(environmentDetector)),
       shouldFlushAtRegularIntervals_(shouldFlushAtRegularIntervals),
-      logger_(logger ? std::move(logger) : KTLogger::null()) {
+      logger_(logger ? std::move(logger) : KTLogger::null()),
+      dropped_(std::move(dropped)) {
     KT_PARAMETER_ASSERT_TEXT(eventSerializer_ != nullptr, "eventSerializer");
     KT_PARAMETER_ASSERT_TEXT(requestFactory_ != nullptr, "requestFactory");
     KT_PARAMETER_ASSERT_TEXT(requestQueue_ != nullptr, "requestQueue");
@@ -112,12 +113,13 @@ void APEventGatewayBatchUploader::discardEvent(const APEventDescripting& event, 
 
 void APEventGatewayBatchUploader::drop(APEventDropReason reason, std::uint64_t count) {
     add(counters_.dropped[static_cast<std::size_t>(reason)], count);
+    if (dropped_) dropped_();
 }
 
 void APEventGatewayBatchUploader::flush() {
     // The caller may be on any thread; the state belongs to the queue.
     eventGatewayQueue_->async([weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->flushOnQueue();
+        if (auto self = weak.lock(); self && !self->pausedAfterFailure()) self->flushOnQueue();
     });
 }
 
@@ -126,7 +128,25 @@ void APEventGatewayBatchUploader::flushIfNeeded() {
 }
 
 void APEventGatewayBatchUploader::flushIfPossible() {
-    if (requestQueue_->isNetworkReachable()) flushOnQueue();
+    if (requestQueue_->isNetworkReachable() && !pausedAfterFailure()) flushOnQueue();
+}
+
+bool APEventGatewayBatchUploader::pausedAfterFailure() {
+    // While the gateway pauses after a failed attempt, a flush would only spend an attempt of
+    // every waiting event (or wait in the request queue): the events wait on disk instead,
+    // and one flush is due when the pause has passed.
+    const auto remaining = requestQueue_->pauseRemaining(requestFactory_->baseURL());
+    if (remaining <= std::chrono::milliseconds::zero()) return false;
+    if (!flushAfterPauseScheduled_) {
+        flushAfterPauseScheduled_ = true;
+        eventGatewayQueue_->asyncAfter(remaining, [weak = weak_from_this()] {
+            auto self = weak.lock();
+            if (!self) return;
+            self->flushAfterPauseScheduled_ = false;
+            if (!self->notQueuedNames_.empty()) self->flushIfPossible();
+        });
+    }
+    return true;
 }
 
 void APEventGatewayBatchUploader::flushDelayed() {
@@ -290,6 +310,10 @@ void APEventGatewayBatchUploader::handleResult(const Batch& events, int resultCo
             eventSerializer_->deleteEvents(events);
             drop(APEventDropReason::rejected, events.size());
             break;
+        case static_cast<int>(RequestResult::notSent):
+            // Never answered: the events wait as they were, their attempts unspent.
+            for (const auto& e : events) notQueuedNames_.insert(fileName(e));
+            break;
         default:
             add(counters_.batchesFailed, 1);
             increaseRetryCountAndDeleteEventsIfNeeded(events);
@@ -299,6 +323,10 @@ void APEventGatewayBatchUploader::handleResult(const Batch& events, int resultCo
         queuedEvents_.erase(e);
         inFlightNames_.erase(fileName(e));
     }
+    // Schedules the flush for the end of the pause this answer may have begun.
+    if (resultCode != static_cast<int>(RequestResult::delivered) &&
+        resultCode != static_cast<int>(RequestResult::rejected))
+        pausedAfterFailure();
     publishQueueState();
 }
 

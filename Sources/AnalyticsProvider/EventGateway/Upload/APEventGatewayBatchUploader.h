@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -71,12 +72,14 @@ public:
     /// Builds the uploader and starts the 60-second flush when `shouldFlushAtRegularIntervals`.
     /// `queuedEvents` is the initial in-flight set (normally empty). A null tech logger,
     /// environment detector or logger is allowed (nothing is reported; not an alpha build).
+    /// `dropped`, when set, runs on the queue right after events were counted as dropped, so
+    /// that the count can be written down before a kill could lose it.
     static std::shared_ptr<APEventGatewayBatchUploader> make(
         std::shared_ptr<APEventSerializer> eventSerializer, std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
         std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents, std::size_t minimumBatchSize,
         std::shared_ptr<TechLogging> techLogger, std::shared_ptr<SerialQueue> queue,
         std::shared_ptr<BuildEnvironmentDetecting> environmentDetector, bool shouldFlushAtRegularIntervals,
-        std::shared_ptr<KTLogger> logger);
+        std::shared_ptr<KTLogger> logger, std::function<void()> dropped = {});
 
     APEventGatewayBatchUploader(Passkey, std::shared_ptr<APEventSerializer> eventSerializer,
                                 std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
@@ -84,19 +87,22 @@ public:
                                 std::size_t minimumBatchSize, std::shared_ptr<TechLogging> techLogger,
                                 std::shared_ptr<SerialQueue> queue,
                                 std::shared_ptr<BuildEnvironmentDetecting> environmentDetector,
-                                bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger);
+                                bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger,
+                                std::function<void()> dropped = {});
     APEventGatewayBatchUploader() = delete;
 
     /// On the queue: stores the event and flushes if enough are waiting.
     void uploadEvent(const std::shared_ptr<const APEvent>& event) override;
-    /// Any thread: uploads every stored event not in flight (one event on alpha builds).
+    /// Any thread: uploads every stored event not in flight (one event on alpha builds);
+    /// while the gateway pauses after a failed attempt, nothing until the pause has passed.
     void flush() override;
     /// On the queue: counts and logs an event refused before it reached the store.
     void discardEvent(const APEventDescripting& event, APEventDropReason reason) override;
 
     /// On the queue: `flushIfPossible` when at least `minimumBatchSize` events wait.
     void flushIfNeeded();
-    /// On the queue: flushes when the network is reachable.
+    /// On the queue: flushes when the network is reachable and the gateway is not pausing
+    /// after a failed attempt (then one flush follows the pause).
     void flushIfPossible();
     /// On the queue: schedules the next 60-second flush (when enabled).
     void flushDelayed();
@@ -121,6 +127,9 @@ private:
     using Batch = std::vector<APSerializedEvent>;
 
     void flushOnQueue();
+    // True while the request queue holds the gateway back after a failure; makes sure one
+    // flush runs when that pause has passed.
+    bool pausedAfterFailure();
     void relistNotQueued();
     std::vector<std::string> takeNotQueued(bool single);
     void markInFlight(const Batch& batch);
@@ -154,6 +163,8 @@ private:
     const std::shared_ptr<BuildEnvironmentDetecting> environmentDetector_;
     const bool shouldFlushAtRegularIntervals_;
     const std::shared_ptr<KTLogger> logger_;
+    const std::function<void()> dropped_;
+    bool flushAfterPauseScheduled_ = false;  // queue only
 
     struct Counters {
         std::atomic<std::uint64_t> stored{0}, delivered{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},

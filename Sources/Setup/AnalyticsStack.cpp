@@ -5,7 +5,6 @@
 #include <boost/url/url_view.hpp>
 
 #include <algorithm>
-#include <random>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -34,7 +33,6 @@
 #include "KTFoundation/KeyValueStoring.h"
 #include "KTFoundation/LogMacros.h"
 #include "Middleware/AssignedABTestVariantIDProviding.h"
-#include "Platform/Backoff.h"
 #include "Platform/OwnerOnlyFiles.h"
 #include "Platform/SerialQueue.h"
 #include "Platform/UserDefaults.h"
@@ -109,6 +107,26 @@ void AnalyticsStack::ResultSignal::notify() {
         ++generation;
     }
     changed.notify_all();
+}
+
+void AnalyticsStack::ResultSignal::noteDrops() {
+    {
+        std::lock_guard lock(mutex);
+        dropsPending = true;
+    }
+    changed.notify_all();
+}
+
+void AnalyticsStack::writeLedgerUntilStopped() {
+    std::unique_lock lock(signal_->mutex);
+    for (;;) {
+        signal_->changed.wait(lock, [this] { return signal_->stopping || signal_->dropsPending; });
+        if (signal_->stopping) return;
+        signal_->dropsPending = false;
+        lock.unlock();
+        recordDrops();
+        lock.lock();
+    }
 }
 
 fs::path AnalyticsStack::resolvedStateDirectory(const AnalyticsStackConfiguration& configuration) {
@@ -195,6 +213,9 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     queueConfiguration.totalTimeout = config.requestTimeout.value_or(environment.requestTimeout);
     queueConfiguration.shutdownTimeout = config.shutdownTimeout;
     queueConfiguration.baseURL = environment.eventGatewayBaseURL;
+    queueConfiguration.firstFailurePause = config.firstRetryPause;
+    queueConfiguration.failurePauseGrowth = kRetryPauseGrowth;
+    queueConfiguration.longestFailurePause = config.longestRetryPause;
     s.curlRequestQueue_ = std::make_shared<CurlRequestQueue>(queueConfiguration, s.connectivity_, s.logger_);
 
     // One serial queue for the provider's per-event work and the uploader's storage, batching
@@ -232,7 +253,10 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.uploader_ = APEventGatewayBatchUploader::make(
         s.eventSerializer_, s.requestFactory_, s.notifyingRequestQueue_, {}, environment.minimumBatchSize,
         config.techLogger, s.queue_, std::make_shared<BuildEnvironmentDetector>(buildEnvironment),
-        environment.shouldFlushAtRegularIntervals, s.logger_);
+        environment.shouldFlushAtRegularIntervals, s.logger_,
+        [weakSignal = std::weak_ptr<ResultSignal>(s.signal_)] {
+            if (auto signal = weakSignal.lock()) signal->noteDrops();
+        });
 
     std::shared_ptr<const ConnectivityStateDetecting> connectivity = s.connectivity_;
     s.attributesProvider_ = std::make_shared<EventGatewayAttributesProvider>(
@@ -285,12 +309,22 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.segmentAnalytics_ = std::dynamic_pointer_cast<SEGAnalytics>(s.segmentWrapper_->segmentAnalytics());
     s.eventSender_ = std::make_shared<EventSender>(std::make_shared<EventBroker>(s.segmentWrapper_));
 
+    s.ledgerWriter_ = std::thread([&s] { s.writeLedgerUntilStopped(); });
+
     KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
            environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
     return stack;
 }
 
 AnalyticsStack::~AnalyticsStack() {
+    if (ledgerWriter_.joinable()) {
+        {
+            std::lock_guard lock(signal_->mutex);
+            signal_->stopping = true;
+        }
+        signal_->changed.notify_all();
+        ledgerWriter_.join();
+    }
     // Events tagged until now get stored; then nothing more runs on the queue, and the
     // request queue lets what is in flight finish (or answers it as failed) before its worker
     // is joined. Whatever did not get through stays on disk for the next start.
@@ -366,9 +400,6 @@ bool AnalyticsStack::waitUntilIdle(std::chrono::milliseconds timeout) {
 bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     std::optional<AnalyticsStackStatistics> reported;
-    std::uint64_t failedBatchesSeen = uploader_->statistics().batchesFailed;
-    int retries = 0;
-    std::minstd_rand jitter(std::random_device{}());
     // The signal generation when the last flush was issued; kNoFlush once that is settled.
     constexpr std::uint64_t kNoFlush = ~std::uint64_t{0};
     std::uint64_t flushedAt = kNoFlush;
@@ -383,22 +414,12 @@ bool AnalyticsStack::waitUntilDelivered(std::chrono::milliseconds timeout) {
             settled = true;
             break;
         }
-
         if (upload.requestsInFlight == 0) {
-            // Everything on disk waits for an attempt. After a failed one, give the gateway a
-            // growing moment first: each attempt costs every waiting event one of its three.
-            if (upload.batchesFailed != failedBatchesSeen) {
-                failedBatchesSeen = upload.batchesFailed;
-                const auto pause = jitteredBackoff(configuration_.firstRetryPause, kRetryPauseGrowth,
-                                                   configuration_.longestRetryPause, ++retries, jitter);
-                const auto until = std::min(deadline, Clock::now() + pause);
-                // Results still arrive meanwhile (the 60-second flush may send): wait them out.
-                while (Clock::now() < until) waitForResult(signalGeneration(), until);
-                if (Clock::now() >= deadline) break;
-                continue;
-            } else if (flushedAt == generation) {
-                // The last flush put nothing in flight and nothing was answered since (an
-                // injected queue its owner has not run yet, say): wait before asking again.
+            // Everything on disk waits for an attempt. The uploader itself holds back while
+            // the gateway pauses after a failure, so asking again costs no attempt.
+            if (flushedAt == generation) {
+                // The last flush put nothing in flight and nothing was answered since (a pause,
+                // or an injected queue its owner has not run yet): wait before asking again.
                 flushedAt = kNoFlush;
                 waitForResult(generation, std::min(deadline, Clock::now() + kLongestQuietWait));
                 continue;

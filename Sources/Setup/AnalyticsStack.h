@@ -28,6 +28,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
@@ -117,10 +118,11 @@ struct AnalyticsStackConfiguration {
     std::ostream* console = nullptr;
     /// Called from `waitUntilDelivered`, on the waiting thread, whenever the statistics change.
     std::function<void(const AnalyticsStackStatistics&)> progress{};
-    /// `waitUntilDelivered` spaces its flushes after a failed attempt: the first pause, then
-    /// three times longer each time up to the longest, each with ±20 % jitter. With the
-    /// defaults an event's three attempts span more than a minute, so a gateway that is down
-    /// for a minute costs no event.
+    /// After a failed attempt, nothing more is sent to that server (the gateway, a tracking
+    /// URL's host) for a pause, whatever arrives or is flushed meanwhile: the first pause, then
+    /// three times longer each time up to the longest, each with ±20 % jitter, ended by an
+    /// answer. With the defaults an event's three attempts span more than a minute, so a
+    /// gateway that is down for a minute costs no event.
     std::chrono::milliseconds firstRetryPause = std::chrono::seconds(20);
     std::chrono::milliseconds longestRetryPause = std::chrono::minutes(5);
     /// Single requests (promoted tracking URLs): see ReliableRequestUploaderConfiguration.
@@ -213,7 +215,7 @@ public:
     /// none left out).
     static std::map<std::string, std::uint64_t> recordedMessageDrops(std::shared_ptr<UserDefaults> defaults);
     /// Adds this stack's drops (events and messages) since the last call to the state
-    /// folder's ledgers. Done by
+    /// folder's ledgers. Done as drops happen (a kill loses none already written), by
     /// `waitUntilDelivered` and on destruction too.
     void recordDrops();
 
@@ -251,8 +253,13 @@ private:
         std::mutex mutex;
         std::condition_variable changed;
         std::uint64_t generation = 0;  // guarded by mutex
+        bool dropsPending = false;     // guarded by mutex: counts the ledger has not seen
+        bool stopping = false;         // guarded by mutex: the ledger writer ends
         void notify();
+        void noteDrops();
     };
+    // Writes drops to the state folder's ledger as they happen, off the pipeline's queue.
+    void writeLedgerUntilStopped();
 
     std::uint64_t signalGeneration() const;
     // Waits until a result newer than `generation` has been handled, or until `until`.
@@ -294,6 +301,7 @@ private:
     std::shared_ptr<SEGAnalytics> segmentAnalytics_;
     std::shared_ptr<SegmentWrapper> segmentWrapper_;
     std::shared_ptr<EventSender> eventSender_;
+    std::thread ledgerWriter_;
 };
 
 }  // namespace kt

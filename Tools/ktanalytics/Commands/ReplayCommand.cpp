@@ -332,14 +332,17 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     configuration->console = &err;
     configuration->logger = makeSpdlogLogger(environment->logLevel, "ktanalytics-replay");
     auto lastProgress = std::make_shared<std::chrono::steady_clock::time_point>();
-    configuration->progress = [&err, lastProgress](const AnalyticsStackStatistics& s) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now - *lastProgress < kProgressInterval) return;
-        *lastProgress = now;
+    const auto printProgress = [&err](const AnalyticsStackStatistics& s) {
         err << "replay: " << s.upload.delivered << " delivered, " << s.upload.dropped() << " dropped, "
             << s.upload.waiting << " waiting (" << s.upload.inFlight << " in flight), " << s.upload.batchesSent
             << " batches\n"
             << std::flush;
+    };
+    configuration->progress = [printProgress, lastProgress](const AnalyticsStackStatistics& s) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - *lastProgress < kProgressInterval) return;
+        *lastProgress = now;
+        printProgress(s);
     };
 
     // Likes, follows and plays in the file reach the attribution emitter; no player plays here.
@@ -357,6 +360,8 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
         input, *stack, [&stack](const std::shared_ptr<const APEventDescripting>& event) { stack->tagEvent(event); },
         timeout, err);
     summary.attributionTokens = tokens->tokens();
+    // The last line comes after the answers in flight, so it agrees with the summary.
+    printProgress(stack->statistics());
 
     if (summary.notForGateway != 0)
         err << "replay: " << summary.notForGateway

@@ -1,0 +1,92 @@
+// Outages across the three roads (gateway events, promoted URLs, tracking-plan messages):
+// what the application hands over while the gateway is away arrives once it is back, and
+// nothing is dropped for the outage.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+#include <thread>
+
+#include "AnalyticsProvider/APEvent.h"
+#include "Setup/AnalyticsStack.h"
+#include "Support/RunningGateway.h"
+#include "Support/TemporaryDirectory.h"
+#include "TrackingArchitecture/EventSender.h"
+
+namespace kt {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// Time runs a hundred times faster than on a device: a first pause of 200 ms stands for the
+// default 20 s, and an outage of 600 ms for a minute.
+constexpr auto kFirstPause = 200ms;
+constexpr auto kOutage = 600ms;
+
+class OutageTests : public ::testing::Test {
+protected:
+    std::unique_ptr<AnalyticsStack> makeStack(int port) {
+        AnalyticsStackConfiguration c;
+        c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
+        c.environment.clientId = 7;
+        c.environment.minimumBatchSize = 20;
+        c.environment.segmentWriteKey = "wk";
+        c.environment.shouldFlushAtRegularIntervals = false;
+        c.stateDirectory = directory.path() / "state";
+        c.firstRetryPause = kFirstPause;
+        c.requestFirstRetryDelay = 20ms;
+        c.shutdownTimeout = 500ms;
+        c.console = &console;
+        std::string error;
+        auto stack = AnalyticsStack::make(std::move(c), &error);
+        EXPECT_NE(stack, nullptr) << error;
+        return stack;
+    }
+
+    // One gateway event, one message, and a promoted URL every tenth time, each unique.
+    void handOver(AnalyticsStack& stack, int port, int count) {
+        for (int i = 0; i < count; ++i, ++sent) {
+            stack.tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "p" + std::to_string(sent)}}));
+            stack.eventSender()->send("App Cache Cleared", 1, {});
+            if (sent % 10 == 0) {
+                const auto url = "http://127.0.0.1:" + std::to_string(port) + "/track/impression/" + std::to_string(sent);
+                stack.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
+                ++urls;
+            }
+        }
+    }
+
+    testing::TemporaryDirectory directory{"kt-outage"};
+    std::ostringstream console;
+    std::uint64_t sent = 0, urls = 0;
+};
+
+TEST_F(OutageTests, aGatewayRefusingConnectionsAndThenAnsweringCostsNothingOnAnyRoad) {
+    const int port = testing::closedPort();
+    auto stack = makeStack(port);
+    // Bursts at the start and in the middle, a trickle all along; the gateway comes back
+    // after the outage while the trickle goes on.
+    const auto start = Clock::now();
+    handOver(*stack, port, 200);
+    while (Clock::now() - start < kOutage / 2) handOver(*stack, port, 2), std::this_thread::sleep_for(10ms);
+    handOver(*stack, port, 200);
+    while (Clock::now() - start < kOutage) handOver(*stack, port, 2), std::this_thread::sleep_for(10ms);
+    auto gateway = testing::startGateway({.port = port});
+    while (Clock::now() - start < kOutage + kFirstPause) handOver(*stack, port, 2), std::this_thread::sleep_for(10ms);
+    ASSERT_TRUE(stack->waitUntilDelivered(30s));
+
+    const auto s = stack->statistics();
+    const auto received = gateway->stats();
+    EXPECT_GT(s.requests.pauses, 0u) << "the outage was seen";
+    constexpr std::uint64_t none = 0;
+    EXPECT_EQ(std::tuple(s.upload.delivered, s.upload.dropped(), received.events), std::tuple(sent, none, sent));
+    EXPECT_EQ(std::tuple(s.segment.delivered, s.segment.dropped(), received.messages, received.duplicateMessages),
+              std::tuple(sent, none, sent, none));
+    EXPECT_EQ(std::tuple(s.reliableRequests.delivered, s.reliableRequests.givenUp, received.trackingRequests),
+              std::tuple(urls, none, urls));
+}
+
+}  // namespace
+}  // namespace kt

@@ -6,13 +6,23 @@
 // Retries: a failed attempt (no answer, 5xx, 408, 429) is tried again after
 // `firstRetryDelay`, doubling each time up to `longestRetryDelay`, each delay with ±20 %
 // jitter. A request is given up after `maximumAttempts` attempts or once it is older than
-// `maximumAge`; one answered as rejected (other 4xx) is never retried. Both are counted.
+// `maximumAge`; one answered as rejected (other 4xx) is never retried. While the request
+// queue holds an origin back after a failure (`pauseRemaining`), nothing is sent to it and
+// no attempt is spent.
+//
+// Every request leaves once: delivered, or dropped under one reason (request_drop_reason),
+// each drop written to the table's `drops` count as it happens. The table's copy of a
+// request's state can lag behind when the disk refuses a write (a full disk): the uploader
+// keeps what it owes (deletions, attempt counts, drops) in memory and writes it later, and
+// never sends a settled request again or a failed one before its back-off has passed.
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <string>
 
 #include "KTData/RRUReliableRequestUploader.h"
 #include "KTData/RequestQueue.h"
@@ -21,6 +31,10 @@
 namespace kt {
 
 class KTLogger;
+
+/// A week offline rarely brings a listener past a few thousand impressions; 10,000 rows of
+/// about 1 KiB keep the file near 10 MiB, whatever the network does.
+inline constexpr std::size_t kDefaultMaximumWaitingRequests = 10'000;
 
 struct ReliableRequestUploaderConfiguration {
     /// The SQLite file of the requests not yet delivered; empty keeps them in memory only.
@@ -33,18 +47,33 @@ struct ReliableRequestUploaderConfiguration {
     std::chrono::milliseconds longestRetryDelay = std::chrono::minutes(10);
     /// While the request queue reports the network unreachable, how often to look again.
     std::chrono::milliseconds reachabilityPoll = std::chrono::seconds(5);
+    /// After the disk refused a write, how long before what is owed is written again (a
+    /// request stored meanwhile writes it sooner).
+    std::chrono::milliseconds storageRetryDelay = std::chrono::seconds(5);
+    /// The most requests kept waiting; past it the oldest gives way (`queue_full`).
+    std::size_t maximumWaiting = kDefaultMaximumWaitingRequests;
 };
 
-/// Counts since the uploader was made; `waiting` and `inFlight` are the state now.
+/// Counts since the uploader was made; `waiting` and `inFlight` are the state now. Always
+/// `restored + fired == delivered + Σ droppedByReason + waiting`.
 struct ReliableRequestUploaderStatistics {
-    std::uint64_t fired = 0;      ///< requests handed to `uploadRequest`
+    std::uint64_t fired = 0;      ///< requests handed over (`uploadRequest`, `refuseRequest`)
+    std::uint64_t restored = 0;   ///< found waiting in the table at start, left by an earlier run
     std::uint64_t delivered = 0;
-    std::uint64_t rejected = 0;   ///< answered with code 3: retrying cannot help
-    std::uint64_t givenUp = 0;    ///< failed `maximumAttempts` times or grew older than `maximumAge`
+    std::uint64_t rejected = 0;   ///< droppedByReason["rejected"]: retrying cannot help
+    std::uint64_t givenUp = 0;    ///< droppedByReason["given_up"]
     std::uint64_t retried = 0;    ///< attempts after the first
-    std::uint64_t waiting = 0;    ///< stored and not yet settled (in flight included)
+    std::uint64_t waiting = 0;    ///< not yet settled (in flight included)
     std::uint64_t inFlight = 0;
-    std::uint64_t notStored = 0;  ///< could not be written; sent once from memory all the same
+    std::uint64_t notStored = 0;  ///< could not be written; sent once from memory (delivered or `not_stored`)
+    /// Every request dropped in this run, by reason (request_drop_reason).
+    std::map<std::string, std::uint64_t> droppedByReason;
+
+    std::uint64_t dropped() const {
+        std::uint64_t sum = 0;
+        for (const auto& [reason, count] : droppedByReason) sum += count;
+        return sum;
+    }
 };
 
 class ReliableRequestUploader final : public RRUReliableRequestUploader {
@@ -60,9 +89,13 @@ public:
     /// Stops the worker; what is not delivered stays in the table for the next start.
     ~ReliableRequestUploader() override;
 
-    /// Any thread: stores the request and returns; the worker sends it.
+    /// Any thread: stores the request and returns; the worker sends it. A request that can
+    /// never be sent (refusalReasonForURL) is refused, logged and counted instead.
     void uploadRequest(HTTPRequest request) override;
-    /// Any thread: every stored request waiting for a later attempt is sent now.
+    /// Any thread: counts a request its caller could not build, dropped under `reason`.
+    void refuseRequest(const char* reason) override;
+    /// Any thread: every stored request waiting for a later attempt is sent now (origins
+    /// the request queue holds back still wait).
     void flush() override;
     /// Any thread: the requests that failed before are tried again at once.
     void uploadFailedRequests() override;
@@ -70,6 +103,10 @@ public:
     /// Requests stored and not yet settled.
     std::size_t numberOfStoredRequests() const;
     Statistics statistics() const;
+
+    /// The drops written to `databasePath` by every run over it, by reason; empty when
+    /// there is no such file or table. Any process may call it while another uses the file.
+    static std::map<std::string, std::uint64_t> recordedDrops(const std::filesystem::path& databasePath);
 
 private:
     struct State;

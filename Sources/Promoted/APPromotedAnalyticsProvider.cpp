@@ -1,6 +1,7 @@
 #include "Promoted/APPromotedAnalyticsProvider.h"
 
 #include "KTData/RRUReliableRequestUploader.h"
+#include "Middleware/APEventDescripting.h"
 #include "Platform/Fatal.h"
 #include "Promoted/APPromotedRequestFactory.h"
 
@@ -22,7 +23,18 @@ std::shared_ptr<const EventNameSet> APPromotedAnalyticsProvider::trackedEvents()
 }
 
 void APPromotedAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
-    if (auto request = requestFactory_->requestForEvent(*event)) uploader_->uploadRequest(std::move(*request));
+    if (auto request = requestFactory_->requestForEvent(*event)) {
+        uploader_->uploadRequest(std::move(*request));
+        return;
+    }
+    // Never dropped without a word: the uploader counts it under the reason it cannot be sent.
+    const std::string* text = nullptr;
+    if (const AttributeDictionary* attributes = event->attributes()) {
+        const auto url = attributes->find("url");
+        if (url != attributes->end() && url->is_string()) text = &url->get_ref<const std::string&>();
+    }
+    const char* reason = text != nullptr ? refusalReasonForURL(*text) : request_drop_reason::notText;
+    uploader_->refuseRequest(reason != nullptr ? reason : request_drop_reason::notAURL);
 }
 
 void APPromotedAnalyticsProvider::flush() { uploader_->flush(); }

@@ -24,7 +24,7 @@ public:
     /// {"promoted_event"}.
     std::shared_ptr<const EventNameSet> trackedEvents() const override;
     /// On the caller's thread: the event's request goes to the uploader; an event without a
-    /// usable "url" is dropped without a word.
+    /// usable "url" is refused there, counted under its reason (not text, not a URL, ...).
     void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override;
     void flush() override;
 

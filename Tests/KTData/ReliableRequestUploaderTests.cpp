@@ -1,10 +1,16 @@
 #include "KTData/ReliableRequestUploader.h"
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "Support/FakeRequestQueue.h"
 #include "Support/TemporaryDirectory.h"
@@ -17,6 +23,7 @@ using testing::FakeRequestQueue;
 using testing::TemporaryDirectory;
 
 constexpr int kDelivered = 0;
+constexpr int kNotSent = 1;
 constexpr int kFailed = 2;
 constexpr int kRejected = 3;
 
@@ -37,6 +44,13 @@ bool eventually(const std::function<bool()>& condition) {
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+using Drops = std::map<std::string, std::uint64_t>;
+
+// Every request is delivered, dropped under one reason, or still waits.
+void expectBalanced(const ReliableRequestUploader::Statistics& s) {
+    EXPECT_EQ(s.restored + s.fired, s.delivered + s.dropped() + s.waiting);
 }
 
 class ReliableRequestUploaderTests : public ::testing::Test {
@@ -78,26 +92,30 @@ TEST_F(ReliableRequestUploaderTests, aRequestIsStoredBeforeUploadReturnsAndSentB
 }
 
 // Each outcome settles a request its own way, and every request given up (after its last
-// attempt or once too old) is counted.
+// attempt or once too old) is counted. A request the queue did not send costs no attempt.
 TEST_F(ReliableRequestUploaderTests, failuresAreRetriedUntilGivenUpAndRejectionsAreNot) {
     struct Case {
         const char* name;
         std::vector<int> answers;
-        std::uint64_t delivered, rejected, givenUp, retried;
+        std::uint64_t delivered;
+        Drops dropped;
+        std::uint64_t retried;
         std::optional<std::chrono::milliseconds> maximumAge = std::nullopt;
     };
-    for (const auto& c : std::vector<Case>{{"delivered at once", {kDelivered}, 1, 0, 0, 0},
-                                           {"rejected: never retried", {kRejected}, 0, 1, 0, 0},
-                                           {"delivered on the third attempt", {kFailed, 503, kDelivered}, 1, 0, 0, 2},
-                                           {"three failures", {kFailed, kFailed, kFailed}, 0, 0, 1, 2},
-                                           {"older than the age bound at its first failure", {kFailed}, 0, 0, 1, 0, 0ms}}) {
+    for (const auto& c : std::vector<Case>{
+             {"delivered at once", {kDelivered}, 1, {}, 0},
+             {"rejected: never retried", {kRejected}, 0, {{"rejected", 1}}, 0},
+             {"delivered on the third attempt", {kFailed, 503, kDelivered}, 1, {}, 2},
+             {"three failures", {kFailed, kFailed, kFailed}, 0, {{"given_up", 1}}, 2},
+             {"not sent: no attempt spent", {kNotSent, kFailed, kNotSent, kFailed, kFailed}, 0, {{"given_up", 1}}, 2},
+             {"older than the age bound at its first failure", {kFailed}, 0, {{"given_up", 1}}, 0, 0ms}}) {
         SCOPED_TRACE(c.name);
         queue = std::make_shared<FakeRequestQueue>();
         std::filesystem::remove(directory.path() / "requests.sqlite");
         auto configured = configuration();
         configured.maximumAge = c.maximumAge.value_or(configured.maximumAge);
         ReliableRequestUploader uploader(configured, queue, nullptr);
-        uploader.uploadRequest(trackingRequest(c.name));
+        uploader.uploadRequest(trackingRequest("case"));
         for (std::size_t i = 0; i < c.answers.size(); ++i) {
             ASSERT_TRUE(sent(i + 1));
             queue->respond(c.answers[i]);
@@ -109,9 +127,9 @@ TEST_F(ReliableRequestUploaderTests, failuresAreRetriedUntilGivenUpAndRejections
         const auto s = uploader.statistics();
         EXPECT_EQ(s.fired, 1u);
         EXPECT_EQ(s.delivered, c.delivered);
-        EXPECT_EQ(s.rejected, c.rejected);
-        EXPECT_EQ(s.givenUp, c.givenUp);
+        EXPECT_EQ(s.droppedByReason, c.dropped);
         EXPECT_EQ(s.retried, c.retried);
+        expectBalanced(s);
         // Delivery never runs on the caller's thread.
         for (const auto& sender : queue->senders()) EXPECT_NE(sender, std::this_thread::get_id());
     }
@@ -132,6 +150,94 @@ TEST_F(ReliableRequestUploaderTests, uploadFailedRequestsSendsTheFailedOnesAtOnc
     ASSERT_TRUE(sent(2));
     queue->respond(kDelivered);
     EXPECT_TRUE(eventually([&] { return uploader.numberOfStoredRequests() == 0; }));
+}
+
+// While the request queue holds the origin back, nothing is sent to it, flush or not; the
+// uploader sends by itself once the pause has passed.
+TEST_F(ReliableRequestUploaderTests, aPausedOriginGetsNothingUntilThePausePasses) {
+    queue->setPause(300ms);
+    ReliableRequestUploader uploader(configuration(), queue, nullptr);
+    uploader.uploadRequest(trackingRequest("paused"));
+    uploader.flush();
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(queue->sentCount(), 0u);
+    queue->setPause(0ms);
+    EXPECT_TRUE(sent(1));
+}
+
+// A full disk: a settled request whose row cannot be deleted is never sent again and counts
+// once, a failed one keeps its back-off, one the disk refused is sent once from memory and
+// counted. With space back, what the table owes is written and storing resumes.
+TEST_F(ReliableRequestUploaderTests, aFullDiskSendsNothingTwiceAndCountsEachRequestOnce) {
+    const auto mount = directory.path() / "small";
+    std::filesystem::create_directories(mount);
+    if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=512k tmpfs " + mount.native() + " 2>/dev/null").c_str()) != 0)
+        GTEST_SKIP() << "needs root to mount a small tmpfs";
+    struct Unmount {
+        std::filesystem::path path;
+        ~Unmount() { std::system(("umount " + path.native()).c_str()); }
+    } unmount{mount};
+    auto c = configuration();
+    c.databasePath = mount / "requests.sqlite";
+    c.firstRetryDelay = c.longestRetryDelay = 1h;
+    auto uploader = std::make_unique<ReliableRequestUploader>(c, queue, nullptr);
+    for (const char* name : {"delivered", "failed", "rejected"}) uploader->uploadRequest(trackingRequest(name));
+    ASSERT_TRUE(sent(3));
+    const std::string block(4096, 'x');
+    for (std::ofstream filler(mount / "filler", std::ios::binary); filler.write(block.data(), block.size());) {
+    }
+    for (int code : {kDelivered, kFailed, kRejected}) queue->respond(code);
+    for (int code : {kDelivered, kFailed}) {
+        uploader->uploadRequest(trackingRequest("not-stored"));
+        ASSERT_TRUE(sent(queue->sentCount()));
+        queue->respond(code);
+    }
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(queue->sentCount(), 5u);
+    const Drops dropped{{"not_stored", 1}, {"rejected", 1}};
+    const auto s = uploader->statistics();
+    EXPECT_EQ(s.delivered, 2u);
+    EXPECT_EQ(s.droppedByReason, dropped);
+    EXPECT_EQ(s.waiting, 1u);
+    expectBalanced(s);
+
+    std::filesystem::remove(mount / "filler");
+    uploader->uploadRequest(trackingRequest("stored"));
+    EXPECT_TRUE(sent(6));
+    EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), dropped);
+    uploader.reset();
+    EXPECT_EQ(ReliableRequestUploader(c, queue, nullptr).statistics().restored, 2u);  // "failed" and "stored"
+}
+
+// Each drop is written when it happens, so a killed process loses none, and the counts add
+// up over runs. Past `maximumWaiting` the oldest request gives way.
+TEST_F(ReliableRequestUploaderTests, dropsAreRecordedAsTheyHappenAndSurviveAKill) {
+    auto c = configuration();
+    c.maximumWaiting = 1;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        queue->setReachable(false);
+        ReliableRequestUploader uploader(c, queue, nullptr);
+        uploader.uploadRequest(trackingRequest("oldest"));
+        uploader.uploadRequest(trackingRequest("newest"));
+        uploader.uploadRequest(HTTPRequest{.url = "ftp://127.0.0.1/track"});
+        queue->setReachable(true);
+        if (sent(1) && queue->sentRequests()[0] == trackingRequest("newest")) queue->respond(kRejected);
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    Drops expected{{"queue_full", 1}, {"not_http", 1}, {"rejected", 1}};
+    EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), expected);
+    {
+        ReliableRequestUploader next(c, queue, nullptr);
+        EXPECT_EQ(next.statistics().restored, 0u);
+        next.refuseRequest("not_text");
+    }
+    expected["not_text"] = 1;
+    EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), expected);
+    EXPECT_EQ(ReliableRequestUploader::recordedDrops(directory.path() / "none.sqlite"), Drops{});
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+#include <map>
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "AnalyticsProvider/APAnalyticsController.h"
@@ -7,8 +10,11 @@
 #include "Promoted/APPromotedAnalyticsProvider.h"
 #include "Promoted/APPromotedRequestFactory.h"
 #include "Promoted/AnalyticsEntityTagger.h"
+#include "KTData/ReliableRequestUploader.h"
 #include "Promoted/AnalyticsScreenTagger.h"
+#include "Support/FakeRequestQueue.h"
 #include "Support/RecordingUploader.h"
+#include "Support/TemporaryDirectory.h"
 
 namespace kt {
 namespace {
@@ -59,10 +65,6 @@ TEST(APPromotedAnalyticsProviderTests, FiresAPlainGETWithTheEnvironmentsUserAgen
     environment.userAgent = "Quillarbor/9.2";
     KTEnvironment::setSharedInstance(environment);
     provider.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", "https://ads.example.test/2"}}));
-    // Without a usable "url" nothing is fired.
-    for (const auto& attributes : {AttributeDictionary::object(), AttributeDictionary{{"url", 42}},
-                                   AttributeDictionary{{"url", "not a url"}}, AttributeDictionary{{"link", "https://x.test"}}})
-        provider.tagEvent(APEvent::make("promoted_event", attributes));
     const auto get = [](std::string url, std::string userAgent) {
         return HTTPRequest{.url = std::move(url), .method = "GET", .headers = {{"User-Agent", std::move(userAgent)}}};
     };
@@ -72,6 +74,31 @@ TEST(APPromotedAnalyticsProviderTests, FiresAPlainGETWithTheEnvironmentsUserAgen
     provider.flush();
     EXPECT_EQ(uploader->flushes, 1);
     KTEnvironment::setSharedInstance(KTEnvironment{});
+}
+
+// A URL that can never be sent is refused when tagged: counted under its reason, in this
+// run's statistics and in the table as it happens; never stored, never sent.
+TEST(APPromotedAnalyticsProviderTests, URLsThatCanNeverBeSentAreRefusedAndCountedByReason) {
+    using namespace std::string_literals;
+    testing::TemporaryDirectory directory{"kt-promoted"};
+    const ReliableRequestUploaderConfiguration c{.databasePath = directory / "requests.sqlite3"};
+    auto queue = std::make_shared<testing::FakeRequestQueue>(false);
+    auto uploader = std::make_shared<ReliableRequestUploader>(c, queue, nullptr);
+    APPromotedAnalyticsProvider provider(uploader);
+    for (const AttributeValue& url : {AttributeValue("https://ads.test/imp\0id=1"s), AttributeValue(42), AttributeValue(nullptr),
+                                      AttributeValue{{"href", "https://ads.test/"}}, AttributeValue("not a url"),
+                                      AttributeValue("https://ads.test/imp?q={id}"), AttributeValue("https://ads.test/imp?q=a b"),
+                                      AttributeValue("http:/imp"), AttributeValue("ftp://ads.test/imp"),
+                                      AttributeValue("https://ads.test/" + std::string(10'000'000, 'a')),
+                                      AttributeValue("https://ads.test/imp?id=1")})
+        provider.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
+    provider.tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"link", "https://ads.test/imp"}}));
+    const std::map<std::string, std::uint64_t> refused{
+        {"control_character", 1}, {"not_text", 4}, {"not_a_url", 4}, {"not_http", 1}, {"too_long", 1}};
+    EXPECT_EQ(uploader->statistics().droppedByReason, refused);
+    EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), refused);
+    EXPECT_EQ(uploader->statistics().fired, 12u);
+    EXPECT_EQ(uploader->numberOfStoredRequests(), 1u);
 }
 
 TEST(AnalyticsScreenTaggerTests, AScreenBecomesAPageviewWithItsPageNameWhenItHasOne) {

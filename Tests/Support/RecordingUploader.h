@@ -2,6 +2,7 @@
 // A reliable uploader that sends nothing: it keeps what it is handed and counts the calls.
 // Not thread-safe: for tests that call it from their own thread only.
 
+#include <string>
 #include <vector>
 
 #include "KTData/RRUReliableRequestUploader.h"
@@ -11,9 +12,11 @@ namespace kt::testing {
 
 struct RecordingUploader final : RRUReliableRequestUploader {
     void uploadRequest(HTTPRequest request) override { requests.push_back(std::move(request)); }
+    void refuseRequest(const char* reason) override { refused.emplace_back(reason); }
     void flush() override { ++flushes; }
     void uploadFailedRequests() override { ++failedUploads; }
     std::vector<HTTPRequest> requests;
+    std::vector<std::string> refused;
     int flushes = 0;
     int failedUploads = 0;
 };

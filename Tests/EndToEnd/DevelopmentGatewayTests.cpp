@@ -9,9 +9,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
+#include <random>
+#include <thread>
 
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 #include "Support/RunningGateway.h"
@@ -51,6 +56,33 @@ int stalledConnection(int port, const std::string& text) {
     return s;
 }
 
+// Sends `text`, then a space every 50 ms for at most `limit`; returns what the gateway
+// answered until it closed the connection, and when it closed it.
+std::pair<std::string, std::chrono::milliseconds> trickle(int port, const std::string& text,
+                                                          std::chrono::milliseconds limit) {
+    const int s = stalledConnection(port, text);
+    const auto start = std::chrono::steady_clock::now();
+    std::string answer;
+    while (std::chrono::steady_clock::now() - start < limit) {
+        send(s, " ", 1, MSG_NOSIGNAL);
+        pollfd p{.fd = s, .events = POLLIN, .revents = 0};
+        if (poll(&p, 1, 50) <= 0) continue;
+        char buffer[4096];
+        const ssize_t n = recv(s, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        answer.append(buffer, static_cast<std::size_t>(n));
+    }
+    close(s);
+    return {answer, std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)};
+}
+
+std::size_t residentKiB(const char* field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(field, 0) == 0) return std::stoul(line.substr(line.find(':') + 1));
+    return 0;
+}
+
 class DevelopmentGatewayTests : public ::testing::Test {
 protected:
     static httplib::Result upload(const DevelopmentGateway& gateway, const std::string& body,
@@ -87,7 +119,8 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
     EXPECT_EQ(getJSON(*gateway, "/stats"),
               (json{{"requests", 2}, {"events", 3}, {"bytes_compressed", bodies[0].size() + bodies[1].size()},
                     {"bytes_raw", batch.dump().size() + withSentAt.dump().size()}, {"failures_injected", 0},
-                    {"rejected", 0}, {"tracking_requests", 2},
+                    {"rejected", 0}, {"refused_by_reason", {{"memory_budget", 0}, {"request_deadline", 0}}},
+                    {"tracking_requests", 2},
                     {"tracking_by_prefix", {{"/track/click", 1}, {"/track/impression", 1}}},
                     {"batch_requests", 0}, {"messages", 0}, {"duplicate_messages", 0}}));
     const json tracking = getJSON(*gateway, "/tracking?limit=10");
@@ -146,7 +179,8 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerEveryRoadWithTheFailStatus
     EXPECT_TRUE(gateway->lastMessages(10).empty());
     EXPECT_EQ(getJSON(*gateway, "/stats"),  // inspection is never failed
               (json{{"requests", 1}, {"events", 0}, {"bytes_compressed", 0}, {"bytes_raw", 0},
-                    {"failures_injected", 3}, {"rejected", 0}, {"tracking_requests", 0},
+                    {"failures_injected", 3}, {"rejected", 0},
+                    {"refused_by_reason", {{"memory_budget", 0}, {"request_deadline", 0}}}, {"tracking_requests", 0},
                     {"tracking_by_prefix", json::object()}, {"batch_requests", 1}, {"messages", 0},
                     {"duplicate_messages", 0}}));
 
@@ -271,6 +305,91 @@ TEST_F(DevelopmentGatewayTests, credentialsAreKeptOnlyAsPresentAndStoredEventsSu
         const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         EXPECT_EQ(bytes.find(secret), std::string::npos) << file.path();
     }
+}
+
+TEST_F(DevelopmentGatewayTests, aRequestTricklingInUnderTheSilenceLimitIsAnswered408AtItsDeadlineAndClosed) {
+    auto gateway = startGateway({.requestDeadline = std::chrono::milliseconds(500)});
+    const std::string headers = "POST /v1/events HTTP/1.1\r\nHost: x\r\nContent-Length: 1000\r\n\r\n";
+    const struct {
+        std::string name, sent, answer;
+    } cases[] = {
+        {"request line", "POST /v1/events HTTP/1.1", "\r\n\r\n{\"error\":\"the request did not arrive in time\"}"},
+        {"headers", "POST /v1/events HTTP/1.1\r\nHost: x\r\nX-Slow: yes", "\"error\":\"the request did not arrive within 500 ms\"}"},
+        {"body", headers, "\"error\":\"the request did not arrive within 500 ms\"}"},
+    };
+    for (const auto& c : cases) {
+        const auto [answer, closedAfter] = trickle(gateway->port(), c.sent, std::chrono::seconds(3));
+        EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 408") << c.name;
+        EXPECT_TRUE(answer.ends_with(c.answer)) << c.name << ": " << answer;
+        EXPECT_LT(closedAfter, std::chrono::milliseconds(1500)) << c.name;
+    }
+    EXPECT_EQ(getJSON(*gateway, "/stats")["refused_by_reason"]["request_deadline"], std::size(cases));
+}
+
+TEST_F(DevelopmentGatewayTests, anUploadWhoseBodyWouldPassTheHeldBodyBudgetIs503WithRetryAfterUntilTheBudgetHasRoom) {
+    auto gateway = startGateway({.maxBodyBytes = 64 << 10, .heldBodyBudgetBytes = 64 << 10});
+    // 63,000 bytes held by an upload still arriving; the next one, some 4.8 KB of gzip, does not fit.
+    const int held = stalledConnection(gateway->port(), "POST /v1/events HTTP/1.1\r\nHost: x\r\nContent-Length: 63001"
+                                                        "\r\n\r\n" + std::string(63000, 'x'));
+    std::mt19937 random(1);
+    std::string text;
+    for (int i = 0; i < 8000; ++i) text += static_cast<char>('a' + random() % 26);
+    const std::string body = gzip(json::array({element("big", {{"text", text}})}).dump());
+    ASSERT_GT(body.size(), (64u << 10) - 63000);
+    // Until the gateway has read the held bytes, the upload may still fit.
+    auto refused = upload(*gateway, body);
+    for (int i = 0; i < 100 && status(refused) == 200; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        refused = upload(*gateway, body);
+    }
+    ASSERT_EQ(status(refused), 503);
+    EXPECT_EQ(std::tuple(refused->get_header_value("Retry-After"), json::parse(refused->body)["error"]),
+              std::tuple("1", "the gateway holds too many bodies at once; retry later"));
+    send(held, "x", 1, MSG_NOSIGNAL);
+    char answer[12] = {};
+    EXPECT_EQ(recv(held, answer, sizeof answer, MSG_WAITALL), 12);
+    EXPECT_EQ(std::string(answer, 12), "HTTP/1.1 400");  // its body is taken, then found not gzip
+    close(held);
+    EXPECT_EQ(status(upload(*gateway, body)), 200);
+    EXPECT_EQ(getJSON(*gateway, "/stats")["refused_by_reason"]["memory_budget"], 1);
+}
+
+TEST_F(DevelopmentGatewayTests, concurrentNearLimitUploadsOfTinyValuesPeakAtAFewTimesTheInflatedLimit) {
+    auto gateway = startGateway();
+    std::string bodies[2];
+    {
+        // Just under the 32 MiB inflated limit: a tree of these takes some 30 times their size.
+        std::string zeros = "[", objects = "[";
+        while (zeros.size() < (32u << 20) - 4) zeros += "0,";
+        while (objects.size() < (32u << 20) - 4) objects += "{},";
+        bodies[0] = gzip(zeros + "0]");
+        bodies[1] = gzip(objects + "{}]");
+    }
+    std::ofstream("/proc/self/clear_refs") << "5";  // restarts VmHWM from the current size
+    const std::size_t before = residentKiB("VmHWM");
+    std::vector<std::future<int>> answers;
+    for (int i = 0; i < 4; ++i)
+        answers.push_back(std::async(std::launch::async, [&, i] { return status(upload(*gateway, bodies[i % 2])); }));
+    for (auto& answer : answers) EXPECT_EQ(answer.get(), 400);
+    // One decode at a time in about twice the inflated size, and the bodies as sent: 128 MiB
+    // leaves room for allocator slack, a tree of any of them would pass it many times.
+    EXPECT_LT(residentKiB("VmHWM") - before, 128u << 10);
+}
+
+TEST_F(DevelopmentGatewayTests, storedPayloadsAreTheParsedValueWrittenCompactWithSortedUniqueMembers) {
+    auto gateway = startGateway();
+    const std::string payloads[] = {
+        R"({"b":1,"a":{"z":[1.50,1e2,-0],"y":"\u00e9\/"},"a":{"x":null}})",
+        R"({"\u0041":1,"\n":2,"A ":3,"":4})",
+        R"({"k":{"b":{"d":1,"c":2},"a":[{"y":1,"x":2}]}})",
+    };
+    std::string body = "[";
+    for (const std::string& p : payloads) body += R"({"event":"e","version":"v","payload":)" + p + "},";
+    body.back() = ']';
+    ASSERT_EQ(status(upload(*gateway, gzip(body))), 200);
+    const auto stored = gateway->lastEvents(3);
+    ASSERT_EQ(stored.size(), 3u);
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(stored[i].payload, json::parse(payloads[i]).dump()) << i;
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ struct GatewayOptions {
     int delayMs = 0;
     std::size_t maxBodyMiB = gateway::GatewayConfiguration{}.maxBodyBytes >> 20;
     std::size_t maxRawMiB = gateway::GatewayConfiguration{}.maxRawBytes >> 20;
+    int requestDeadlineS = static_cast<int>(gateway::kDefaultRequestDeadline.count());
 };
 
 int runGateway(const GatewayOptions& options) {
@@ -51,6 +52,7 @@ int runGateway(const GatewayOptions& options) {
     configuration.log = &std::cout;
     configuration.maxBodyBytes = options.maxBodyMiB << 20;
     configuration.maxRawBytes = options.maxRawMiB << 20;
+    configuration.requestDeadline = std::chrono::seconds(options.requestDeadlineS);
 
     int exitCode = 0;
     {
@@ -96,6 +98,10 @@ void registerGatewayCommand(CLI::App& app, int& exitCode) {
         ->capture_default_str();
     command->add_option("--max-raw-mib", options->maxRawMiB, "Largest upload after gunzip, in MiB (413 beyond)")
         ->check(CLI::Range(1, 4096))
+        ->capture_default_str();
+    command->add_option("--request-deadline-s", options->requestDeadlineS,
+                        "Seconds a request (headers and body) may take to arrive (408 beyond)")
+        ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     command->callback([options, &exitCode] { exitCode = runGateway(*options); });
 }

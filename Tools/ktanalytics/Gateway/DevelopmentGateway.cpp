@@ -1,4 +1,6 @@
 #include "Gateway/DevelopmentGateway.h"
+#include "Gateway/DeadlineStream.h"
+#include "Gateway/UploadReader.h"
 #include "Platform/JSONSerialization.h"
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include <utility>
 
 #include <httplib.h>
+#include <malloc.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <nlohmann/json.hpp>
@@ -40,6 +43,10 @@ thread_local bool tLoggedByHandler = false;
 thread_local std::size_t tEventsStored = 0;
 thread_local std::size_t tMessagesStored = 0;
 thread_local std::size_t tDuplicatesStored = 0;
+// The connection this worker thread serves, for handlers to tell a body cut off by the request
+// deadline from one that could not be read.
+thread_local const DeadlineStream* tConnection = nullptr;
+bool requestPastDeadline() { return tConnection != nullptr && tConnection->pastDeadline(); }
 constexpr std::size_t kDefaultEventsLimit = 100;
 // A body past its limit is still read and dropped up to this much, so an honest client gets
 // its 413 on a connection left in step; past it the connection is given up.
@@ -51,6 +58,16 @@ constexpr std::chrono::seconds kWorkerIdleRetirement{10};
 constexpr int kListenBacklog = 1024;
 // A client silent for this long in the middle of a request, or between requests, is dropped.
 constexpr time_t kReadTimeoutSeconds = 2;
+constexpr time_t kWriteTimeoutSeconds = 5;
+// What an upload refused for want of memory is told to wait: bodies are held for well under
+// a second each, so the budget has room again by then.
+constexpr const char* kBusyRetryAfterSeconds = "1";
+// Decoding an upload at least this large leaves pieces of free memory behind in the workers'
+// malloc arenas, which glibc keeps for later; they are handed back to the system at once
+// (malloc_trim), so that one burst of large uploads does not leave the gateway hundreds of MiB
+// larger for the rest of its run.
+constexpr std::size_t kTrimAfterBytes = std::size_t{1} << 20;
+constexpr int kLargeBlock = 1 << 20;
 
 std::string utcNow() {
     const auto now = std::chrono::system_clock::now();
@@ -142,6 +159,94 @@ public:
     // httplib listens with a backlog of 5 and has no setting for it. Linux takes a new
     // backlog when listen is called again on a listening socket.
     bool widenBacklog(int backlog) { return ::listen(svr_sock_, backlog) == 0; }
+
+    // Both set before the server listens.
+    std::chrono::milliseconds requestDeadline{kDefaultRequestDeadline};
+    // Told of each request past its deadline, and whether it was answered.
+    std::function<void(bool answered)> pastDeadline;
+
+private:
+    // httplib's own connection loop bounds each read of a request but not the request as a
+    // whole, so a client sending a byte a second holds its worker for ever. This loop is
+    // httplib's, served by a stream that also fails reads once the request's deadline passes.
+    bool process_and_close_socket(socket_t sock) override {
+        DeadlineStream stream(sock, std::chrono::seconds(read_timeout_sec_), std::chrono::seconds(write_timeout_sec_));
+        tConnection = &stream;
+        bool ok = false;
+        for (std::size_t left = keep_alive_max_count_; left > 0; --left) {
+            if (!stream.awaitRequest(std::chrono::seconds(keep_alive_timeout_sec_),
+                                     [this] { return svr_sock_ == INVALID_SOCKET; }))
+                break;
+            stream.startRequest(DeadlineStream::Clock::now() + requestDeadline);
+            bool closed = false;
+            ok = process_request(stream, left == 1, closed, nullptr);
+            if (stream.pastDeadline()) {
+                // Cut off before a request line httplib could answer: answered here.
+                const bool answered = stream.answered();
+                if (!answered) {
+                    const std::string body = R"({"error":"the request did not arrive in time"})";
+                    const std::string text = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\n"
+                                             "Content-Type: application/json\r\nContent-Length: " +
+                                             std::to_string(body.size()) + "\r\n\r\n" + body;
+                    stream.write(text.data(), text.size());
+                }
+                if (pastDeadline) pastDeadline(answered);
+                ok = false;
+            }
+            if (!ok || closed) break;
+        }
+        tConnection = nullptr;
+        ::shutdown(sock, SHUT_RDWR);
+        ::close(sock);
+        return ok;
+    }
+};
+
+// Bytes of request bodies held in memory at once, across connections.
+class BodyBudget {
+public:
+    explicit BodyBudget(std::size_t limit) : limit_(limit) {}
+    bool take(std::size_t bytes) {
+        std::lock_guard lock(mutex_);
+        if (bytes > limit_ - held_) return false;
+        held_ += bytes;
+        return true;
+    }
+    void give(std::size_t bytes) {
+        std::lock_guard lock(mutex_);
+        held_ -= bytes;
+    }
+
+private:
+    const std::size_t limit_;
+    std::mutex mutex_;
+    std::size_t held_ = 0;  // guarded by mutex_
+};
+
+// One body as received, its bytes taken from the budget while it is held.
+class HeldBody {
+public:
+    explicit HeldBody(BodyBudget& budget) : budget_(budget) {}
+    ~HeldBody() { release(); }
+    HeldBody(const HeldBody&) = delete;
+    HeldBody& operator=(const HeldBody&) = delete;
+
+    bool append(const char* data, std::size_t size) {
+        if (!budget_.take(size)) return false;
+        held_ += size;
+        text_.append(data, size);
+        return true;
+    }
+    void release() {
+        std::string().swap(text_);
+        budget_.give(std::exchange(held_, 0));
+    }
+    const std::string& text() const { return text_; }
+
+private:
+    BodyBudget& budget_;
+    std::size_t held_ = 0;
+    std::string text_;
 };
 
 enum class Inflated { complete, notGzip, tooLarge };
@@ -185,123 +290,33 @@ Inflated gunzip(const std::string& body, std::size_t maximum, std::string& out) 
     return complete ? Inflated::complete : Inflated::notGzip;
 }
 
-enum class BodyRead { complete, tooLarge, failed };
+enum class BodyRead { complete, tooLarge, overBudget, pastDeadline, failed };
 
-// Reads a body through httplib, keeping at most `maximum` bytes of it in `body`.
+// Reads a body through httplib, keeping at most `maximum` bytes of it in `body` while the
+// budget has room for them; past either, the rest is read and dropped.
 BodyRead readBody(const httplib::ContentReader& read, const httplib::Response& response, std::size_t maximum,
-                  std::string& body) {
+                  HeldBody& body) {
     std::size_t received = 0;
+    bool overBudget = false;
     const bool complete = read([&](const char* data, std::size_t size) {
         received += size;
-        if (received <= maximum) {
-            body.append(data, size);
-            return true;
+        if (received <= maximum && !overBudget) {
+            if (body.append(data, size)) return true;
+            overBudget = true;
         }
-        std::string().swap(body);
-        return received - maximum <= kDrainBytes;
+        body.release();
+        return received <= maximum || received - maximum <= kDrainBytes;
     });
+    if (requestPastDeadline()) return BodyRead::pastDeadline;
     // httplib answers 413 by itself to a declared Content-Length past its payload limit.
     if (received > maximum || response.status == 413) return BodyRead::tooLarge;
+    if (overBudget) return BodyRead::overBudget;
     return complete ? BodyRead::complete : BodyRead::failed;
-}
-
-// The elements of an upload (inside `document`), or null with an explanation of why its
-// shape is wrong.
-const json* uploadElements(const json& document, std::string& why) {
-    const json* events = &document;
-    if (document.is_object()) {
-        if (document.size() != 2 || !document.contains("events") || !document.contains("sent_at")) {
-            why = "an object body must have exactly \"events\" and \"sent_at\"";
-            return nullptr;
-        }
-        if (!document["sent_at"].is_string()) {
-            why = "\"sent_at\" must be a string";
-            return nullptr;
-        }
-        events = &document["events"];
-    }
-    if (!events->is_array()) {
-        why = "the body must be an array of events or an object with \"events\"";
-        return nullptr;
-    }
-    for (std::size_t i = 0; i < events->size(); ++i) {
-        const json& e = (*events)[i];
-        if (!e.is_object() || e.size() != 3 || !e.contains("event") || !e.contains("version") ||
-            !e.contains("payload")) {
-            why = "element " + std::to_string(i) + " must have exactly \"event\", \"version\" and \"payload\"";
-            return nullptr;
-        }
-        if (!e["event"].is_string() || !e["version"].is_string() || !e["payload"].is_object()) {
-            why = "element " + std::to_string(i) + ": \"event\" and \"version\" must be strings, \"payload\" an object";
-            return nullptr;
-        }
-    }
-    return events;
 }
 
 bool startsLikeGzip(const std::string& body) {
     return body.size() >= 2 && static_cast<unsigned char>(body[0]) == 0x1f &&
            static_cast<unsigned char>(body[1]) == 0x8b;
-}
-
-// The message types of the batch tracking API; each is stored under its own type.
-constexpr const char* kMessageTypes[] = {"track", "identify", "screen", "page", "group", "alias"};
-
-// Whether `document` is a batch envelope whose every message has the shape the batch API
-// gives it; otherwise `why` says what is wrong and with which message. One bad message
-// refuses the whole batch, as the API does.
-const json* batchMessages(const json& document, std::string& why) {
-    if (!document.is_object()) {
-        why = "the body must be an object with \"batch\"";
-        return nullptr;
-    }
-    const auto batch = document.find("batch");
-    if (batch == document.end() || !batch->is_array()) {
-        why = "\"batch\" must be an array";
-        return nullptr;
-    }
-    for (const char* key : {"sentAt", "writeKey"}) {
-        const auto member = document.find(key);
-        if (member != document.end() && !member->is_string()) {
-            why = std::string("\"") + key + "\" must be a string";
-            return nullptr;
-        }
-    }
-    for (std::size_t i = 0; i < batch->size(); ++i) {
-        const json& m = (*batch)[i];
-        auto fail = [&](const std::string& text) {
-            why = "message " + std::to_string(i) + ": " + text;
-            return nullptr;
-        };
-        if (!m.is_object()) return fail("must be an object");
-        const auto type = m.find("type");
-        if (type == m.end() || !type->is_string() ||
-            std::none_of(std::begin(kMessageTypes), std::end(kMessageTypes),
-                         [&](const char* known) { return *type == known; }))
-            return fail("\"type\" must be one of track, identify, screen, page, group, alias");
-        const auto messageId = m.find("messageId");
-        if (messageId == m.end() || !messageId->is_string()) return fail("\"messageId\" must be a string");
-        // A null id counts as absent; one of the two must be there.
-        bool identified = false;
-        for (const char* key : {"anonymousId", "userId"}) {
-            const auto id = m.find(key);
-            if (id == m.end() || id->is_null()) continue;
-            if (!id->is_string()) return fail(std::string("\"") + key + "\" must be a string");
-            identified = true;
-        }
-        if (!identified) return fail("\"anonymousId\" or \"userId\" is required");
-        if (*type == "track") {
-            const auto event = m.find("event");
-            if (event == m.end() || !event->is_string()) return fail("a track needs an \"event\" string");
-        }
-        for (const char* key : {"properties", "traits", "context", "integrations"}) {
-            const auto member = m.find(key);
-            if (member != m.end() && !member->is_object()) return fail(std::string("\"") + key + "\" must be an object");
-        }
-        const auto timestamp = m.find("timestamp");
-        if (timestamp != m.end() && !timestamp->is_string()) return fail("\"timestamp\" must be a string");
-    }
-    return &*batch;
 }
 
 bool isCredential(const std::string& header) {
@@ -337,10 +352,11 @@ struct UploadRoad {
     // A batch may come as plain JSON; an events upload must be gzip.
     bool plainAllowed;
     json (*refusal)(const std::string& why);
+    UploadItems (*read)(std::string_view text);
 };
 
-constexpr UploadRoad kEventsRoad{&GatewayStatistics::requests, false, eventsRefusal};
-constexpr UploadRoad kBatchRoad{&GatewayStatistics::batchRequests, true, batchRefusal};
+constexpr UploadRoad kEventsRoad{&GatewayStatistics::requests, false, eventsRefusal, readEventsUpload};
+constexpr UploadRoad kBatchRoad{&GatewayStatistics::batchRequests, true, batchRefusal, readBatchUpload};
 
 struct ReceivedBody {
     std::size_t received = 0;  // bytes as sent
@@ -360,6 +376,7 @@ struct DevelopmentGateway::Impl {
     std::atomic<bool> loopReturned{false};
 
     std::mutex decodeMutex;
+    BodyBudget bodyBudget;
     mutable std::mutex dbMutex;
     sqlite3* db = nullptr;  // guarded by dbMutex
 
@@ -370,7 +387,9 @@ struct DevelopmentGateway::Impl {
 
     std::mutex logMutex;
 
-    explicit Impl(Configuration c) : configuration(std::move(c)) {
+    explicit Impl(Configuration c)
+        : configuration(std::move(c)),
+          bodyBudget(std::max(configuration.heldBodyBudgetBytes, configuration.maxBodyBytes)) {
         random.seed(configuration.seed ? *configuration.seed : std::random_device{}());
     }
     ~Impl() { sqlite3_close(db); }
@@ -435,20 +454,15 @@ struct DevelopmentGateway::Impl {
         if (configuration.delay.count() > 0) std::this_thread::sleep_for(configuration.delay);
     }
 
-    bool storeEvents(const json& elements, const std::string& headers, const std::string& receivedAt) {
+    bool storeEvents(const UploadItems& elements, const std::string& headers, const std::string& receivedAt) {
         std::lock_guard lock(dbMutex);
         if (!exec("BEGIN")) return false;
         sqlite3_stmt* s = nullptr;
         bool ok = sqlite3_prepare_v2(db, "INSERT INTO events (event, version, payload, headers, received_at) "
                                          "VALUES (?, ?, ?, ?, ?)", -1, &s, nullptr) == SQLITE_OK;
         for (std::size_t i = 0; ok && i < elements.size(); ++i) {
-            const json& e = elements[i];
-            const std::string event = e["event"].get<std::string>();
-            const std::string version = e["version"].get<std::string>();
-            const std::string payload = dumped(e["payload"]);
-            sqlite3_bind_text(s, 1, event.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_text(s, 2, version.c_str(), -1, SQLITE_TRANSIENT);
-            sqlite3_bind_text(s, 3, payload.c_str(), -1, SQLITE_TRANSIENT);
+            int column = 0;
+            for (EventField field : {eventName, eventVersion, eventPayload}) bindText(s, ++column, elements.field(i, field));
             sqlite3_bind_text(s, 4, headers.c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_text(s, 5, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
             ok = sqlite3_step(s) == SQLITE_DONE;
@@ -465,7 +479,7 @@ struct DevelopmentGateway::Impl {
 
     // Stores every message in one transaction; `duplicates` counts those whose id was
     // already stored, earlier in this batch included.
-    bool storeMessages(const json& messages, const std::string& headers, const std::string& authorization,
+    bool storeMessages(const UploadItems& messages, const std::string& headers, const std::string& authorization,
                        bool gzip, const std::string& receivedAt, std::size_t& duplicates) {
         std::lock_guard lock(dbMutex);
         if (!exec("BEGIN")) return false;
@@ -477,26 +491,14 @@ struct DevelopmentGateway::Impl {
                                          "headers, authorization, gzip, received_at) "
                                          "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)", -1, &insert, nullptr) == SQLITE_OK;
         for (std::size_t i = 0; ok && i < messages.size(); ++i) {
-            const json& m = messages[i];
-            const std::string messageId = m["messageId"].get<std::string>();
-            const std::string type = m["type"].get<std::string>();
-            const char* nameKey = type == "track" ? "event" : type == "identify" ? "userId" : nullptr;
-            const std::string name = nameKey != nullptr && m.contains(nameKey) && m[nameKey].is_string()
-                                         ? m[nameKey].get<std::string>()
-                                         : std::string();
-            const auto context = m.find("context");
-            const std::string kt =
-                context != m.end() && context->contains("kt") ? dumped((*context)["kt"]) : std::string("null");
-            const std::string integrations = m.contains("integrations") ? dumped(m["integrations"]) : "null";
-            const std::string whole = dumped(m);
-
-            sqlite3_bind_text(seen, 1, messageId.c_str(), -1, SQLITE_TRANSIENT);
+            bindText(seen, 1, messages.field(i, messageId));
             ok = sqlite3_step(seen) == SQLITE_ROW;
             if (ok && sqlite3_column_int(seen, 0) != 0) ++duplicates;
             sqlite3_reset(seen);
             int column = 0;
-            for (const std::string* text : {&messageId, &type, &name, &kt, &integrations, &whole, &headers,
-                                            &authorization})
+            for (MessageField field : {messageId, messageType, messageName, messageKt, messageIntegrations, messageWhole})
+                bindText(insert, ++column, messages.field(i, field));
+            for (const std::string* text : {&headers, &authorization})
                 sqlite3_bind_text(insert, ++column, text->c_str(), -1, SQLITE_TRANSIENT);
             sqlite3_bind_int(insert, ++column, gzip ? 1 : 0);
             sqlite3_bind_text(insert, ++column, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
@@ -511,6 +513,11 @@ struct DevelopmentGateway::Impl {
             return false;
         }
         return exec("COMMIT");
+    }
+
+    // The text stays in place until the statement is stepped and reset.
+    static void bindText(sqlite3_stmt* statement, int column, std::string_view text) {
+        sqlite3_bind_text64(statement, column, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
     }
 
     bool storeTrackingRequest(const httplib::Request& request) {
@@ -596,9 +603,10 @@ struct DevelopmentGateway::Impl {
     }
 
     // The road both upload endpoints share: counts the request, reads the body within its
-    // limit, draws the injected failure, waits the configured delay, inflates within the raw
-    // limit, refuses deep nesting and parses. Refusals are answered here in the endpoint's
-    // shape; `accept` gets the parsed body while uploads are still decoded one at a time.
+    // limit and the memory budget, draws the injected failure, waits the configured delay,
+    // inflates within the raw limit, refuses deep nesting and reads the JSON. Refusals are
+    // answered here in the endpoint's shape; `accept` gets the items read while uploads are
+    // still decoded one at a time.
     template <class Accept>
     void receiveUpload(const httplib::Request& request, httplib::Response& response,
                        const httplib::ContentReader& read, const UploadRoad& road, Accept accept) {
@@ -606,8 +614,18 @@ struct DevelopmentGateway::Impl {
             std::lock_guard lock(stateMutex);
             ++(statistics.*road.requests);
         }
-        std::string body;
+        HeldBody body(bodyBudget);
         const BodyRead bodyRead = readBody(read, response, configuration.maxBodyBytes, body);
+        // Counted where the connection is closed.
+        if (bodyRead == BodyRead::pastDeadline) return answerJSON(response, 408, road.refusal(pastDeadlineWhy()));
+        if (bodyRead == BodyRead::overBudget) {
+            {
+                std::lock_guard lock(stateMutex);
+                ++statistics.overMemoryBudget;
+            }
+            response.set_header("Retry-After", kBusyRetryAfterSeconds);
+            return answerJSON(response, 503, road.refusal("the gateway holds too many bodies at once; retry later"));
+        }
         if (injectFailure()) {
             answerJSON(response, configuration.failStatus, road.refusal("injected failure"));
             return;
@@ -623,15 +641,25 @@ struct DevelopmentGateway::Impl {
         if (bodyRead == BodyRead::tooLarge)
             return reject(413, "the body is larger than " + std::to_string(configuration.maxBodyBytes) + " bytes");
         if (bodyRead == BodyRead::failed) return reject(400, "the body could not be read");
-        // Inflated and parsed, an upload takes many times its size (some 30 times for a body of
-        // tiny values), so uploads are decoded one at a time; they are stored one at a time anyway.
+        // Uploads are decoded one at a time, each in about twice its inflated size; they are
+        // stored one at a time anyway.
         std::lock_guard decoding(decodeMutex);
-        ReceivedBody received{.received = body.size()};
+        std::size_t rawSize = 0;
+        decode(request, body, road, reject, accept, rawSize);
+        if (rawSize >= kTrimAfterBytes) malloc_trim(0);
+    }
+
+    template <class Reject, class Accept>
+    void decode(const httplib::Request& request, HeldBody& body, const UploadRoad& road, Reject& reject,
+                Accept& accept, std::size_t& rawSize) {
+        ReceivedBody received{.received = body.text().size()};
         const std::string encoding = request.get_header_value(kSetAsideEncoding);
         std::string raw;
-        if (!road.plainAllowed || strcasecmp(encoding.c_str(), "gzip") == 0 || startsLikeGzip(body)) {
+        if (!road.plainAllowed || strcasecmp(encoding.c_str(), "gzip") == 0 || startsLikeGzip(body.text())) {
             received.gzip = true;
-            switch (gunzip(body, configuration.maxRawBytes, raw)) {
+            const Inflated inflated = gunzip(body.text(), configuration.maxRawBytes, raw);
+            rawSize = raw.size();
+            switch (inflated) {
             case Inflated::complete:
                 break;
             case Inflated::notGzip:
@@ -643,70 +671,60 @@ struct DevelopmentGateway::Impl {
         } else if (!encoding.empty() && strcasecmp(encoding.c_str(), "identity") != 0) {
             return reject(400, "Content-Encoding " + encoding + " is not taken; send gzip or plain JSON");
         } else {
-            raw.swap(body);
+            raw = body.text();
         }
-        std::string().swap(body);
+        body.release();
+        received.raw = rawSize = raw.size();
         if (jsonTextNestsDeeperThan(raw, kMaximumNesting))
             return reject(400, "the body nests JSON deeper than " + std::to_string(kMaximumNesting) + " levels");
-        const json document = json::parse(raw, nullptr, false);
-        received.raw = raw.size();
+        const UploadItems items = road.read(raw);
         std::string().swap(raw);
-        if (document.is_discarded()) return reject(400, "the body is not JSON");
-        std::string why;
-        if (!accept(document, received, why)) reject(400, why);
+        if (items.notJSON) return reject(400, "the body is not JSON");
+        if (!items.why.empty()) return reject(400, items.why);
+        accept(items, received);
+    }
+
+    std::string pastDeadlineWhy() const {
+        return "the request did not arrive within " + std::to_string(configuration.requestDeadline.count()) + " ms";
     }
 
     void handleUpload(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& read) {
-        receiveUpload(request, response, read, kEventsRoad,
-                      [&](const json& document, const ReceivedBody& received, std::string& why) {
-                          const json* elements = uploadElements(document, why);
-                          if (!elements) return false;
-                          if (!storeEvents(*elements, dumped(headersOf(request)), utcNow())) {
-                              answerJSON(response, 500, eventsRefusal("storage failed"));
-                              return true;
-                          }
-                          {
-                              std::lock_guard lock(stateMutex);
-                              statistics.events += elements->size();
-                              statistics.bytesCompressed += received.received;
-                              statistics.bytesRaw += received.raw;
-                          }
-                          tEventsStored = elements->size();
-                          answerJSON(response, 200, json{{"accepted", elements->size()}});
-                          return true;
-                      });
+        receiveUpload(request, response, read, kEventsRoad, [&](const UploadItems& elements, const ReceivedBody& received) {
+            if (!storeEvents(elements, dumped(headersOf(request)), utcNow()))
+                return answerJSON(response, 500, eventsRefusal("storage failed"));
+            {
+                std::lock_guard lock(stateMutex);
+                statistics.events += elements.size();
+                statistics.bytesCompressed += received.received;
+                statistics.bytesRaw += received.raw;
+            }
+            tEventsStored = elements.size();
+            answerJSON(response, 200, json{{"accepted", elements.size()}});
+        });
     }
 
     void handleBatch(const httplib::Request& request, httplib::Response& response,
                      const httplib::ContentReader& read) {
-        receiveUpload(request, response, read, kBatchRoad,
-                      [&](const json& document, const ReceivedBody& received, std::string& why) {
-                          const json* messages = batchMessages(document, why);
-                          if (!messages) return false;
-                          // The scheme tells a user's token from the client's own write key; the
-                          // credential itself is never kept.
-                          const std::string header = request.get_header_value("Authorization");
-                          const std::string authorization =
-                              header.empty() ? "" : header.substr(0, header.find(' ') + 1) + "present";
-                          std::size_t duplicates = 0;
-                          if (!storeMessages(*messages, dumped(headersOf(request)), authorization, received.gzip,
-                                             utcNow(), duplicates)) {
-                              answerJSON(response, 500, batchRefusal("storage failed"));
-                              return true;
-                          }
-                          {
-                              std::lock_guard lock(stateMutex);
-                              statistics.messages += messages->size();
-                              statistics.duplicateMessages += duplicates;
-                              statistics.bytesCompressed += received.received;
-                              statistics.bytesRaw += received.raw;
-                          }
-                          tMessagesStored = messages->size();
-                          tDuplicatesStored = duplicates;
-                          answerJSON(response, 200, json{{"success", true}});
-                          return true;
-                      });
+        receiveUpload(request, response, read, kBatchRoad, [&](const UploadItems& messages, const ReceivedBody& received) {
+            // The scheme tells a user's token from the client's own write key; the credential
+            // itself is never kept.
+            const std::string header = request.get_header_value("Authorization");
+            const std::string authorization = header.empty() ? "" : header.substr(0, header.find(' ') + 1) + "present";
+            std::size_t duplicates = 0;
+            if (!storeMessages(messages, dumped(headersOf(request)), authorization, received.gzip, utcNow(), duplicates))
+                return answerJSON(response, 500, batchRefusal("storage failed"));
+            {
+                std::lock_guard lock(stateMutex);
+                statistics.messages += messages.size();
+                statistics.duplicateMessages += duplicates;
+                statistics.bytesCompressed += received.received;
+                statistics.bytesRaw += received.raw;
+            }
+            tMessagesStored = messages.size();
+            tDuplicatesStored = duplicates;
+            answerJSON(response, 200, json{{"success", true}});
+        });
     }
 
     void handleTracking(const httplib::Request& request, httplib::Response& response) {
@@ -776,6 +794,8 @@ struct DevelopmentGateway::Impl {
                         {"bytes_raw", s.bytesRaw},
                         {"failures_injected", s.failuresInjected},
                         {"rejected", s.rejected},
+                        {"refused_by_reason",
+                         {{"request_deadline", s.pastDeadline}, {"memory_budget", s.overMemoryBudget}}},
                         {"tracking_requests", s.trackingRequests},
                         {"tracking_by_prefix", s.trackingByPrefix},
                         {"batch_requests", s.batchRequests},
@@ -867,8 +887,8 @@ struct DevelopmentGateway::Impl {
         server.Get("/tracking", logged(&Impl::handleTrackingListing));
         // Left to itself httplib reads a chunked body of any size into memory before finding
         // no route for it; bodies sent elsewhere are read here, within bounds, and dropped.
-        auto notFound = [](const httplib::Request&, httplib::Response& r, const httplib::ContentReader& read) {
-            std::string nothing;
+        auto notFound = [this](const httplib::Request&, httplib::Response& r, const httplib::ContentReader& read) {
+            HeldBody nothing(bodyBudget);
             readBody(read, r, 0, nothing);
             r.status = 404;
         };
@@ -876,6 +896,25 @@ struct DevelopmentGateway::Impl {
         server.Put(".*", notFound);
         server.Patch(".*", notFound);
         server.Delete(".*", notFound);
+        // A request cut off by its deadline before a handler could answer is answered 408 on
+        // a closing connection, whatever httplib made of it (a 400 for headers cut short).
+        server.set_error_handler(httplib::Server::HandlerWithResponse(
+            [this](const httplib::Request& request, httplib::Response& response) {
+            if (!requestPastDeadline()) return httplib::Server::HandlerResponse::Unhandled;
+            auto& headers = const_cast<httplib::Request&>(request).headers;  // the server's own, as above
+            headers.erase("Connection");
+            headers.emplace("Connection", "close");
+            if (response.status != 408) answerJSON(response, 408, json{{"error", pastDeadlineWhy()}});
+            return httplib::Server::HandlerResponse::Handled;
+        }));
+        server.requestDeadline = configuration.requestDeadline;
+        server.pastDeadline = [this](bool answered) {
+            {
+                std::lock_guard lock(stateMutex);
+                ++statistics.pastDeadline;
+            }
+            if (!answered) logLine("(request cut short) 408 events=0");
+        };
         server.set_logger([this](const httplib::Request& request, const httplib::Response& response) {
             if (std::exchange(tLoggedByHandler, false)) return;
             logRequest(request, response.status, 0);
@@ -893,6 +932,7 @@ struct DevelopmentGateway::Impl {
         server.set_keep_alive_max_count(1000);
         server.set_keep_alive_timeout(kReadTimeoutSeconds);
         server.set_read_timeout(kReadTimeoutSeconds, 0);
+        server.set_write_timeout(kWriteTimeoutSeconds, 0);
         server.set_payload_max_length(configuration.maxBodyBytes);
         server.new_task_queue = [] { return new ElasticThreadPool(kMaximumWorkers); };
     }
@@ -911,6 +951,13 @@ bool DevelopmentGateway::start() {
         return false;
     }
     if (d.db == nullptr && !d.openDatabase()) return false;
+    // glibc takes blocks below a threshold from its heaps, one per worker thread, and raises
+    // that threshold to the largest block freed; the top of a thread's heap is then kept
+    // however much of it is free (malloc_trim does not shrink it), so each worker that once
+    // decoded a large upload would keep tens of MiB. A fixed threshold serves the large
+    // buffers of decoding from mappings of their own, returned as soon as they are freed.
+    static std::once_flag largeBlocksMapped;
+    std::call_once(largeBlocksMapped, [] { mallopt(M_MMAP_THRESHOLD, kLargeBlock); });
     d.installRoutes();
     const Configuration& c = d.configuration;
     if (c.port == 0) {

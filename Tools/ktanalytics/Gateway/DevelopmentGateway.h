@@ -15,6 +15,15 @@
 
 namespace kt::gateway {
 
+/// A request that takes longer than this to arrive is not a slow uploader but one holding a
+/// worker: an upload at its 8 MiB limit arrives in well under a second on any link the
+/// gateway serves, and the 2 s silence rule alone lets a byte a second through for ever.
+inline constexpr std::chrono::seconds kDefaultRequestDeadline{10};
+/// Eight bodies at the default 8 MiB limit. With uploads decoded one at a time, each in about
+/// twice its inflated size (32 MiB at most), memory stays within some 150 MiB whatever the
+/// number of connections.
+inline constexpr std::size_t kDefaultHeldBodyBudget = std::size_t{64} << 20;
+
 struct GatewayConfiguration {
     std::string host = "127.0.0.1";
     /// 0 picks a free port; `port()` tells which after `start`.
@@ -38,6 +47,13 @@ struct GatewayConfiguration {
     /// `GET /events` lists older events only while the stored payloads and headers listed so
     /// far stay within this; the newest event is always listed.
     std::size_t maxListingBytes = std::size_t{64} << 20;
+    /// Time a request (headers and body) may take to arrive in full; past it the request is
+    /// answered 408 and its connection closed.
+    std::chrono::milliseconds requestDeadline = kDefaultRequestDeadline;
+    /// Request bodies held in memory at once, across connections, while they arrive or wait
+    /// for their turn to be decoded; an upload that would pass it is answered 503 with
+    /// Retry-After. Never less than `maxBodyBytes`, so a body alone is always taken.
+    std::size_t heldBodyBudgetBytes = kDefaultHeldBodyBudget;
 };
 
 /// Deepest JSON nesting an upload may have, counting its outer array or object; deeper
@@ -55,6 +71,10 @@ struct GatewayStatistics {
     std::uint64_t bytesRaw = 0;         // the same bodies after gunzip
     std::uint64_t failuresInjected = 0;
     std::uint64_t rejected = 0;         // uploads and batches answered 400 or 413
+    /// Requests not received in full within `requestDeadline` (answered 408, closed).
+    std::uint64_t pastDeadline = 0;
+    /// Uploads and batches answered 503 because their body did not fit `heldBodyBudgetBytes`.
+    std::uint64_t overMemoryBudget = 0;
     std::uint64_t batchRequests = 0;
     std::uint64_t messages = 0;
     /// Messages whose `messageId` was already stored (they are stored again all the same).

@@ -75,15 +75,15 @@ struct URLCheck {
 
 URLCheck checkURL(std::string_view url) {
     namespace reason = request_drop_reason;
-    if (url.size() > kMaximumRequestURLLength) return {reason::tooLong};
+    if (url.size() > kMaximumRequestURLLength) return {reason::tooLong, {}};
     if (std::any_of(url.begin(), url.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }))
-        return {reason::controlCharacter};
+        return {reason::controlCharacter, {}};
     const auto parsed = boost::urls::parse_absolute_uri(url);
-    if (!parsed) return {reason::notAURL};
+    if (!parsed) return {reason::notAURL, {}};
     if (parsed->scheme_id() != boost::urls::scheme::http && parsed->scheme_id() != boost::urls::scheme::https)
-        return {reason::notHTTP};
+        return {reason::notHTTP, {}};
     // "http:/path" parses, but names no host to send it to.
-    if (!parsed->has_authority() || parsed->encoded_host().empty()) return {reason::notAURL};
+    if (!parsed->has_authority() || parsed->encoded_host().empty()) return {reason::notAURL, {}};
     return {nullptr, std::string(parsed->scheme()) + "://" + std::string(parsed->encoded_host_and_port())};
 }
 

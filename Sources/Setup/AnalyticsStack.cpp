@@ -478,6 +478,10 @@ std::map<std::string, std::uint64_t> AnalyticsStack::recordedMessageDrops(std::s
     return counts;
 }
 
+std::map<std::string, std::uint64_t> AnalyticsStack::recordedRequestDrops(const fs::path& stateDirectory) {
+    return ReliableRequestUploader::recordedDrops(stateDirectory / kRequestsFile);
+}
+
 void AnalyticsStack::recordDrops() {
     std::lock_guard lock(recordMutex_);
     if (segmentAnalytics_) {

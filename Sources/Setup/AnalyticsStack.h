@@ -214,6 +214,9 @@ public:
     /// The product-analytics messages dropped by every run so far, by reason (reasons with
     /// none left out).
     static std::map<std::string, std::uint64_t> recordedMessageDrops(std::shared_ptr<UserDefaults> defaults);
+    /// The promoted tracking requests dropped by every run over a state folder, by reason;
+    /// written by the uploader in the transaction that removed each of them.
+    static std::map<std::string, std::uint64_t> recordedRequestDrops(const std::filesystem::path& stateDirectory);
     /// Adds this stack's drops (events and messages) since the last call to the state
     /// folder's ledgers. Done as drops happen (a kill loses none already written), by
     /// `waitUntilDelivered` and on destruction too.

@@ -96,7 +96,8 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
               R"({"tagged":5,"delivered":3,"dropped":1,"dropped_by_reason":{"failed_three_times":0,"rejected":0,)"
               R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0},)"
               R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0,)"
-              R"("promoted":{"fired":0,"delivered":0,"waiting":0,"given_up":0},"attribution_tokens":[],)"
+              R"("promoted":{"fired":0,"restored":0,"delivered":0,"dropped":0,"dropped_by_reason":{},"waiting":0},)"
+              R"("attribution_tokens":[],)"
               R"("product_analytics":{"tracked":6,"delivered":3,"dropped":2,)"
               R"("dropped_by_reason":{"rejected":1,"too_large":1},"waiting":1}})");
     // Messages count for the exit code as events do.
@@ -208,7 +209,9 @@ json summary(int tagged, int delivered, int waiting, int batches, int skipped = 
              {{"failed_three_times", failedThreeTimes}, {"rejected", 0}, {"not_representable", 0}, {"unreadable", 0},
               {"retry_count_lost", 0}, {"too_deeply_nested", 0}, {"not_stored", 0}}},
             {"waiting", waiting}, {"batches", batches},     {"skipped", skipped}, {"not_for_gateway", notForGateway},
-            {"promoted", {{"fired", 0}, {"delivered", 0}, {"waiting", 0}, {"given_up", 0}}},
+            {"promoted",
+             {{"fired", 0}, {"restored", 0}, {"delivered", 0}, {"dropped", 0}, {"dropped_by_reason", json::object()},
+              {"waiting", 0}}},
             {"attribution_tokens", tokens},
             {"product_analytics",
              {{"tracked", messages}, {"delivered", messages}, {"dropped", 0}, {"dropped_by_reason", json::object()},
@@ -388,9 +391,11 @@ TEST_F(ReplayToolTests, promotedURLsAreFiredAndAttributionTokensReported) {
                              json{{"name", "promoted_event"}, {"attributes", url("/track/click/1")}}.dump(),
                              R"({"name": "promoted_event", "attributes": {"no_url": true}})"},
                             gateway->baseURL(), {"--timeout", "20"});
-    EXPECT_EQ(run.exitCode, 0) << run.err;
+    // The line without a URL is refused when tagged, counted, and makes the run exit 3.
+    EXPECT_EQ(run.exitCode, 3) << run.err;
     const json summary = summaryOf(run);
-    EXPECT_EQ(summary["promoted"], json::parse(R"({"fired":2,"delivered":2,"waiting":0,"given_up":0})"));
+    EXPECT_EQ(summary["promoted"], json::parse(R"({"fired":3,"restored":0,"delivered":2,"dropped":1,)"
+                                               R"("dropped_by_reason":{"not_text":1},"waiting":0})"));
     EXPECT_EQ(summary["attribution_tokens"], json::parse(R"(["k4tq7v","31x905","pqdse2"])"));
     EXPECT_EQ(gateway->stats().trackingByPrefix,
               (std::map<std::string, std::uint64_t>{{"/track/click", 1}, {"/track/impression", 1}}));

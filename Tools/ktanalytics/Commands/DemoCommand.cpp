@@ -383,7 +383,7 @@ int runDemo(const DemoOptions& options) {
     out << "  " << std::left << std::setw(16) << "promoted URLs" << std::right << std::setw(8) << promoted.fired
         << std::setw(8) << promoted.fired - promoted.notStored << std::setw(10) << promoted.delivered << std::setw(9)
         << "-" << std::setw(11) << "-" << std::setw(11) << "-" << std::setw(9) << promoted.retried << std::setw(9)
-        << promoted.givenUp + promoted.rejected << "\n";
+        << promoted.dropped() << "\n";
     const auto messages = stack->statistics().segment;
     const auto messagesDropped = messages.dropped();
     out << "  " << std::left << std::setw(16) << "product analytics" << std::right << std::setw(7)

@@ -64,6 +64,18 @@ std::optional<std::size_t> listStoredEvents(const fs::path& stateDirectory, bool
     return files.size();
 }
 
+void describeDrops(const std::string& what, const std::map<std::string, std::uint64_t>& drops, std::ostream& out) {
+    std::uint64_t total = 0;
+    std::string reasons;
+    for (const auto& [reason, count] : drops) {
+        total += count;
+        reasons += (reasons.empty() ? "" : ", ") + reason + " " + std::to_string(count);
+    }
+    out << what << " dropped by earlier runs: " << total;
+    if (!reasons.empty()) out << " (" << reasons << ")";
+    out << '\n';
+}
+
 void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     const fs::path path = stateDirectory / AnalyticsStack::kUserDefaultsFile;
     std::error_code ec;
@@ -82,15 +94,8 @@ void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     if (!reasons.empty()) out << " (" << reasons << ")";
     out << '\n';
 
-    std::uint64_t messages = 0;
-    reasons.clear();
-    for (const auto& [reason, count] : AnalyticsStack::recordedMessageDrops(defaults)) {
-        messages += count;
-        reasons += (reasons.empty() ? "" : ", ") + reason + " " + std::to_string(count);
-    }
-    out << "product-analytics messages dropped by earlier runs: " << messages;
-    if (!reasons.empty()) out << " (" << reasons << ")";
-    out << '\n';
+    describeDrops("product-analytics messages", AnalyticsStack::recordedMessageDrops(defaults), out);
+    describeDrops("promoted URLs", AnalyticsStack::recordedRequestDrops(stateDirectory), out);
 }
 
 void registerQueueCommand(CLI::App& app, int& exitCode) {

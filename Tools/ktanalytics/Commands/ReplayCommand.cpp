@@ -193,10 +193,14 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
     json["batches"] = summary.batches;
     json["skipped"] = summary.skipped;
     json["not_for_gateway"] = summary.notForGateway;
+    nlohmann::ordered_json promotedReasons = nlohmann::ordered_json::object();
+    for (const auto& [reason, count] : summary.promotedDroppedByReason) promotedReasons[reason] = count;
     json["promoted"] = nlohmann::ordered_json{{"fired", summary.promotedFired},
+                                              {"restored", summary.promotedRestored},
                                               {"delivered", summary.promotedDelivered},
-                                              {"waiting", summary.promotedWaiting},
-                                              {"given_up", summary.promotedGivenUp}};
+                                              {"dropped", summary.promotedDropped()},
+                                              {"dropped_by_reason", std::move(promotedReasons)},
+                                              {"waiting", summary.promotedWaiting}};
     json["attribution_tokens"] = summary.attributionTokens;
     nlohmann::ordered_json messageReasons = nlohmann::ordered_json::object();
     for (const auto& [reason, count] : summary.messagesDroppedByReason) messageReasons[reason] = count;
@@ -296,8 +300,9 @@ ReplaySummary replay(std::istream& input, AnalyticsStack& stack,
     const auto requests = stack.statistics().reliableRequests;
     summary.promotedFired = requests.fired;
     summary.promotedDelivered = requests.delivered;
+    summary.promotedRestored = requests.restored;
     summary.promotedWaiting = requests.waiting;
-    summary.promotedGivenUp = requests.givenUp + requests.rejected + requests.notStored;
+    summary.promotedDroppedByReason = requests.droppedByReason;
     const auto messages = stack.statistics().segment;
     summary.messagesTracked = tagging.tracked;
     summary.messagesDelivered = messages.delivered;
@@ -373,8 +378,9 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
         err << "replay: " << summary.dropped << " events were dropped without delivery (see dropped_by_reason)\n";
     if (summary.promotedWaiting != 0)
         err << "replay: " << summary.promotedWaiting << " promoted requests still waiting; they stay for the next run\n";
-    if (summary.promotedGivenUp != 0)
-        err << "replay: " << summary.promotedGivenUp << " promoted requests were given up\n";
+    if (summary.promotedDropped() != 0)
+        err << "replay: " << summary.promotedDropped()
+            << " promoted requests were dropped (see promoted.dropped_by_reason)\n";
     if (summary.messagesWaiting != 0)
         err << "replay: " << summary.messagesWaiting
             << " product-analytics messages still waiting; they stay in the state folder for the next run\n";
@@ -383,6 +389,12 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
             << " product-analytics messages were dropped (see product_analytics.dropped_by_reason)\n";
     out << replaySummaryJSON(summary) << std::endl;
     return replayExitCode(summary);
+}
+
+std::uint64_t ReplaySummary::promotedDropped() const {
+    std::uint64_t total = 0;
+    for (const auto& [reason, count] : promotedDroppedByReason) total += count;
+    return total;
 }
 
 std::uint64_t ReplaySummary::messagesDropped() const {
@@ -394,7 +406,7 @@ std::uint64_t ReplaySummary::messagesDropped() const {
 int replayExitCode(const ReplaySummary& summary) {
     if (summary.waiting != 0 || summary.promotedWaiting != 0 || summary.messagesWaiting != 0)
         return kReplayStillWaiting;
-    if (summary.dropped != 0 || summary.promotedGivenUp != 0 || summary.messagesDropped() != 0) return kReplayDropped;
+    if (summary.dropped != 0 || summary.promotedDropped() != 0 || summary.messagesDropped() != 0) return kReplayDropped;
     return kReplayDelivered;
 }
 

@@ -102,9 +102,12 @@ struct ReplaySummary {
     std::uint64_t delivered = 0;
     std::uint64_t dropped = 0;
     APEventDropCounts droppedByReason;
-    /// Promoted tracking requests: handed over, delivered, still waiting, given up (after
-    /// their last attempt, or rejected).
-    std::uint64_t promotedFired = 0, promotedDelivered = 0, promotedWaiting = 0, promotedGivenUp = 0;
+    /// Promoted tracking requests: handed over by this run, left waiting by an earlier one,
+    /// delivered, still waiting, and removed without delivery by reason; fired + restored =
+    /// delivered + dropped + waiting.
+    std::uint64_t promotedFired = 0, promotedRestored = 0, promotedDelivered = 0, promotedWaiting = 0;
+    std::map<std::string, std::uint64_t> promotedDroppedByReason;
+    std::uint64_t promotedDropped() const;
     /// Attribution tokens emitted, in order.
     std::vector<std::string> attributionTokens;
     std::uint64_t waiting = 0;
@@ -119,7 +122,7 @@ struct ReplaySummary {
 
 /// {"tagged":..,"delivered":..,"dropped":..,"dropped_by_reason":{"failed_three_times":..,
 /// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..,"promoted":{"fired":..,
-/// "delivered":..,"waiting":..,"given_up":..},"attribution_tokens":[...],"product_analytics":
+/// "restored":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..},"attribution_tokens":[...],"product_analytics":
 /// {"tracked":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..}} on one line.
 std::string replaySummaryJSON(const ReplaySummary& summary);
 

@@ -641,8 +641,9 @@ struct DevelopmentGateway::Impl {
         if (bodyRead == BodyRead::tooLarge)
             return reject(413, "the body is larger than " + std::to_string(configuration.maxBodyBytes) + " bytes");
         if (bodyRead == BodyRead::failed) return reject(400, "the body could not be read");
-        // Uploads are decoded one at a time, each in about twice its inflated size; they are
-        // stored one at a time anyway.
+        // Uploads are decoded one at a time, each in at most about three times its inflated
+        // size (the text, the stored texts and the parser's own buffer); they are stored one
+        // at a time anyway.
         std::lock_guard decoding(decodeMutex);
         std::size_t rawSize = 0;
         decode(request, body, road, reject, accept, rawSize);

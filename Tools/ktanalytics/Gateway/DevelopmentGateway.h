@@ -19,9 +19,9 @@ namespace kt::gateway {
 /// worker: an upload at its 8 MiB limit arrives in well under a second on any link the
 /// gateway serves, and the 2 s silence rule alone lets a byte a second through for ever.
 inline constexpr std::chrono::seconds kDefaultRequestDeadline{10};
-/// Eight bodies at the default 8 MiB limit. With uploads decoded one at a time, each in about
-/// twice its inflated size (32 MiB at most), memory stays within some 150 MiB whatever the
-/// number of connections.
+/// Eight bodies at the default 8 MiB limit. Uploads are decoded one at a time, each in at most
+/// about three times its inflated size (32 MiB at most), so memory stays within some 200 MiB
+/// whatever the number of connections.
 inline constexpr std::size_t kDefaultHeldBodyBudget = std::size_t{64} << 20;
 
 struct GatewayConfiguration {

@@ -109,26 +109,6 @@ void AnalyticsStack::ResultSignal::notify() {
     changed.notify_all();
 }
 
-void AnalyticsStack::ResultSignal::noteDrops() {
-    {
-        std::lock_guard lock(mutex);
-        dropsPending = true;
-    }
-    changed.notify_all();
-}
-
-void AnalyticsStack::writeLedgerUntilStopped() {
-    std::unique_lock lock(signal_->mutex);
-    for (;;) {
-        signal_->changed.wait(lock, [this] { return signal_->stopping || signal_->dropsPending; });
-        if (signal_->stopping) return;
-        signal_->dropsPending = false;
-        lock.unlock();
-        recordDrops();
-        lock.lock();
-    }
-}
-
 fs::path AnalyticsStack::resolvedStateDirectory(const AnalyticsStackConfiguration& configuration) {
     if (!configuration.stateDirectory.empty()) return configuration.stateDirectory;
     if (configuration.environment.stateDirectory) return *configuration.environment.stateDirectory;
@@ -194,6 +174,8 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     std::string openError;
     s.userDefaults_ = UserDefaults::open(userDefaultsPath, &openError);
     if (!s.userDefaults_) return fail("cannot open the user defaults " + userDefaultsPath.native() + ": " + openError);
+    s.eventLedger_ = std::make_shared<EventDropLedger>();
+    s.eventLedger_->defaults = s.userDefaults_;
 
     // Who the client, the user and the session are.
     s.sessionIdProvider_ = std::make_shared<SessionIdProvider>(
@@ -254,9 +236,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         s.eventSerializer_, s.requestFactory_, s.notifyingRequestQueue_, {}, environment.minimumBatchSize,
         config.techLogger, s.queue_, std::make_shared<BuildEnvironmentDetector>(buildEnvironment),
         environment.shouldFlushAtRegularIntervals, s.logger_,
-        [weakSignal = std::weak_ptr<ResultSignal>(s.signal_)] {
-            if (auto signal = weakSignal.lock()) signal->noteDrops();
-        });
+        [ledger = s.eventLedger_](const APEventDropCounts& counts) { ledger->record(counts); });
 
     std::shared_ptr<const ConnectivityStateDetecting> connectivity = s.connectivity_;
     s.attributesProvider_ = std::make_shared<EventGatewayAttributesProvider>(
@@ -309,22 +289,12 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.segmentAnalytics_ = std::dynamic_pointer_cast<SEGAnalytics>(s.segmentWrapper_->segmentAnalytics());
     s.eventSender_ = std::make_shared<EventSender>(std::make_shared<EventBroker>(s.segmentWrapper_));
 
-    s.ledgerWriter_ = std::thread([&s] { s.writeLedgerUntilStopped(); });
-
     KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
            environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
     return stack;
 }
 
 AnalyticsStack::~AnalyticsStack() {
-    if (ledgerWriter_.joinable()) {
-        {
-            std::lock_guard lock(signal_->mutex);
-            signal_->stopping = true;
-        }
-        signal_->changed.notify_all();
-        ledgerWriter_.join();
-    }
     // Events tagged until now get stored; then nothing more runs on the queue, and the
     // request queue lets what is in flight finish (or answers it as failed) before its worker
     // is joined. Whatever did not get through stays on disk for the next start.
@@ -493,14 +463,19 @@ void AnalyticsStack::recordDrops() {
             recorded = count;
         }
     }
-    const auto now = uploader_->statistics().droppedByReason;
-    UserDefaultsStore ledger(userDefaults_, kDropLedgerNameSpace);
+    eventLedger_->record(uploader_->statistics().droppedByReason);
+}
+
+void AnalyticsStack::EventDropLedger::record(const APEventDropCounts& now) {
+    std::lock_guard lock(mutex);
+    UserDefaultsStore ledger(defaults, kDropLedgerNameSpace);
     for (std::size_t i = 0; i < kEventDropReasonCount; ++i) {
-        const std::uint64_t added = now.counts[i] - recordedDrops_.counts[i];
-        if (added == 0) continue;
+        // Counts only grow; a smaller one is an older snapshot arriving late.
+        if (now.counts[i] <= recorded.counts[i]) continue;
+        const std::uint64_t added = now.counts[i] - recorded.counts[i];
         const std::string key(eventDropReasonKey(static_cast<APEventDropReason>(i)));
         ledger.setNumber(ledger.number(key).value_or(0) + static_cast<double>(added), key);
-        recordedDrops_.counts[i] = now.counts[i];
+        recorded.counts[i] = now.counts[i];
     }
 }
 

@@ -28,7 +28,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
@@ -218,8 +217,8 @@ public:
     /// written by the uploader in the transaction that removed each of them.
     static std::map<std::string, std::uint64_t> recordedRequestDrops(const std::filesystem::path& stateDirectory);
     /// Adds this stack's drops (events and messages) since the last call to the state
-    /// folder's ledgers. Done as drops happen (a kill loses none already written), by
-    /// `waitUntilDelivered` and on destruction too.
+    /// folder's ledgers. Event drops are written as they happen, once per piece of work
+    /// that dropped some; this is also done by `waitUntilDelivered` and on destruction.
     void recordDrops();
 
     const AnalyticsStackConfiguration& configuration() const { return configuration_; }
@@ -256,13 +255,16 @@ private:
         std::mutex mutex;
         std::condition_variable changed;
         std::uint64_t generation = 0;  // guarded by mutex
-        bool dropsPending = false;     // guarded by mutex: counts the ledger has not seen
-        bool stopping = false;         // guarded by mutex: the ledger writer ends
         void notify();
-        void noteDrops();
     };
-    // Writes drops to the state folder's ledger as they happen, off the pipeline's queue.
-    void writeLedgerUntilStopped();
+    // The state folder's ledger of dropped events: adds what a count grew by since the last
+    // time. Called from the pipeline's queue as drops happen and from the stack.
+    struct EventDropLedger {
+        std::mutex mutex;
+        std::shared_ptr<UserDefaults> defaults;
+        APEventDropCounts recorded;  // guarded by mutex
+        void record(const APEventDropCounts& now);
+    };
 
     std::uint64_t signalGeneration() const;
     // Waits until a result newer than `generation` has been handled, or until `until`.
@@ -271,7 +273,7 @@ private:
 
     AnalyticsStackConfiguration configuration_;
     std::filesystem::path stateDirectory_;
-    APEventDropCounts recordedDrops_;  // what recordDrops has added to the ledger
+    std::shared_ptr<EventDropLedger> eventLedger_;
     std::map<std::string, std::uint64_t> recordedMessageDrops_;  // the same for messages
     std::mutex recordMutex_;
     std::shared_ptr<ResultSignal> signal_;
@@ -304,7 +306,6 @@ private:
     std::shared_ptr<SEGAnalytics> segmentAnalytics_;
     std::shared_ptr<SegmentWrapper> segmentWrapper_;
     std::shared_ptr<EventSender> eventSender_;
-    std::thread ledgerWriter_;
 };
 
 }  // namespace kt

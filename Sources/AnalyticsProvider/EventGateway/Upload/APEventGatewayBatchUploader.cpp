@@ -49,7 +49,7 @@ std::shared_ptr<APEventGatewayBatchUploader> APEventGatewayBatchUploader::make(
     std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents, std::size_t minimumBatchSize,
     std::shared_ptr<TechLogging> techLogger, std::shared_ptr<SerialQueue> queue,
     std::shared_ptr<BuildEnvironmentDetecting> environmentDetector, bool shouldFlushAtRegularIntervals,
-    std::shared_ptr<KTLogger> logger, std::function<void()> dropped) {
+    std::shared_ptr<KTLogger> logger, DropsCallback dropped) {
     auto uploader = std::make_shared<APEventGatewayBatchUploader>(
         Passkey(), std::move(eventSerializer), std::move(requestFactory), std::move(requestQueue),
         std::move(queuedEvents), minimumBatchSize, std::move(techLogger), std::move(queue),
@@ -64,7 +64,7 @@ APEventGatewayBatchUploader::APEventGatewayBatchUploader(
     std::shared_ptr<APEventGatewayRequestFactory> requestFactory, std::shared_ptr<RequestQueueing> requestQueue,
     APSerializedEventSet queuedEvents, std::size_t minimumBatchSize, std::shared_ptr<TechLogging> techLogger,
     std::shared_ptr<SerialQueue> queue, std::shared_ptr<BuildEnvironmentDetecting> environmentDetector,
-    bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger, std::function<void()> dropped)
+    bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger, DropsCallback dropped)
     : eventSerializer_(std::move(eventSerializer)),
       requestFactory_(std::move(requestFactory)),
       requestQueue_(std::move(requestQueue)),
@@ -102,6 +102,7 @@ void APEventGatewayBatchUploader::uploadEvent(const std::shared_ptr<const APEven
     }
     flushIfNeeded();
     publishQueueState();
+    reportDrops();
 }
 
 void APEventGatewayBatchUploader::discardEvent(const APEventDescripting& event, APEventDropReason reason) {
@@ -109,11 +110,21 @@ void APEventGatewayBatchUploader::discardEvent(const APEventDescripting& event, 
            eventDropReasonKey(reason));
     drop(reason, 1);
     publishQueueState();
+    reportDrops();
 }
 
 void APEventGatewayBatchUploader::drop(APEventDropReason reason, std::uint64_t count) {
     add(counters_.dropped[static_cast<std::size_t>(reason)], count);
-    if (dropped_) dropped_();
+    dropsUnreported_ = true;
+}
+
+void APEventGatewayBatchUploader::reportDrops() {
+    // The store counts the unreadable files it deleted itself, during any read.
+    const auto unreadable = eventSerializer_->statistics().unreadableDeleted;
+    if (!dropped_ || (!dropsUnreported_ && unreadable == unreadableReported_)) return;
+    dropsUnreported_ = false;
+    unreadableReported_ = unreadable;
+    dropped_(statistics().droppedByReason);
 }
 
 void APEventGatewayBatchUploader::flush() {
@@ -193,6 +204,7 @@ void APEventGatewayBatchUploader::flushOnQueue() {
     else
         flushBatchOfEvents();
     publishQueueState();
+    reportDrops();
 }
 
 std::vector<std::string> APEventGatewayBatchUploader::takeNotQueued(bool single) {
@@ -328,6 +340,7 @@ void APEventGatewayBatchUploader::handleResult(const Batch& events, int resultCo
         resultCode != static_cast<int>(RequestResult::rejected))
         pausedAfterFailure();
     publishQueueState();
+    reportDrops();
 }
 
 void APEventGatewayBatchUploader::increaseRetryCountAndDeleteEventsIfNeeded(const Batch& events) {

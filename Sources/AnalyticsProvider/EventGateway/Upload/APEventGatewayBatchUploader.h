@@ -67,19 +67,21 @@ class APEventGatewayBatchUploader final : public APEventGatewayUploading,
     };
 
 public:
+    using DropsCallback = std::function<void(const APEventDropCounts&)>;
     static constexpr std::chrono::nanoseconds kFlushInterval = std::chrono::seconds(60);
 
     /// Builds the uploader and starts the 60-second flush when `shouldFlushAtRegularIntervals`.
     /// `queuedEvents` is the initial in-flight set (normally empty). A null tech logger,
     /// environment detector or logger is allowed (nothing is reported; not an alpha build).
-    /// `dropped`, when set, runs on the queue right after events were counted as dropped, so
-    /// that the count can be written down before a kill could lose it.
+    /// `dropped`, when set, runs on the queue with every drop count so far, once after each
+    /// piece of work that dropped events (a batch of drops makes one call), so that the
+    /// counts can be written down before a kill could lose them.
     static std::shared_ptr<APEventGatewayBatchUploader> make(
         std::shared_ptr<APEventSerializer> eventSerializer, std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
         std::shared_ptr<RequestQueueing> requestQueue, APSerializedEventSet queuedEvents, std::size_t minimumBatchSize,
         std::shared_ptr<TechLogging> techLogger, std::shared_ptr<SerialQueue> queue,
         std::shared_ptr<BuildEnvironmentDetecting> environmentDetector, bool shouldFlushAtRegularIntervals,
-        std::shared_ptr<KTLogger> logger, std::function<void()> dropped = {});
+        std::shared_ptr<KTLogger> logger, DropsCallback dropped = {});
 
     APEventGatewayBatchUploader(Passkey, std::shared_ptr<APEventSerializer> eventSerializer,
                                 std::shared_ptr<APEventGatewayRequestFactory> requestFactory,
@@ -88,7 +90,7 @@ public:
                                 std::shared_ptr<SerialQueue> queue,
                                 std::shared_ptr<BuildEnvironmentDetecting> environmentDetector,
                                 bool shouldFlushAtRegularIntervals, std::shared_ptr<KTLogger> logger,
-                                std::function<void()> dropped = {});
+                                DropsCallback dropped = {});
     APEventGatewayBatchUploader() = delete;
 
     /// On the queue: stores the event and flushes if enough are waiting.
@@ -135,6 +137,7 @@ private:
     void markInFlight(const Batch& batch);
     APSerializedEvent inFlightHandle(APSerializedEvent stored);
     void drop(APEventDropReason reason, std::uint64_t count);
+    void reportDrops();
     void flushBatchOfEvents();
     void flushSingleEvent();
     /// Reads the named files back and uploads them as one request; false when none could
@@ -163,8 +166,10 @@ private:
     const std::shared_ptr<BuildEnvironmentDetecting> environmentDetector_;
     const bool shouldFlushAtRegularIntervals_;
     const std::shared_ptr<KTLogger> logger_;
-    const std::function<void()> dropped_;
+    const DropsCallback dropped_;
     bool flushAfterPauseScheduled_ = false;  // queue only
+    bool dropsUnreported_ = false;           // queue only
+    std::uint64_t unreadableReported_ = 0;   // queue only
 
     struct Counters {
         std::atomic<std::uint64_t> stored{0}, delivered{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},

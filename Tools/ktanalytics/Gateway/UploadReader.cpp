@@ -248,7 +248,8 @@ private:
         case Level::items: {
             const std::size_t index = elementCount_++;
             if (container && object) {
-                element_ = Element{.start = items_.texts.size()};
+                element_ = Element();
+                element_.start = items_.texts.size();
                 return Level::item;
             }
             elementRefused(index, false);
@@ -398,7 +399,8 @@ private:
         case Level::items: {
             const std::size_t index = messageCount_++;
             if (container && object) {
-                message_ = Message{.start = items_.texts.size()};
+                message_ = Message();
+                message_.start = items_.texts.size();
                 if (messagesWhy_.empty()) whole_.begin();
                 return Level::item;
             }

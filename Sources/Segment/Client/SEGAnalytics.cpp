@@ -27,6 +27,8 @@ constexpr const char* kAnonymousIdKey = "anonymousId";
 constexpr const char* kUserIdKey = "userId";
 // How long destruction waits for the client's own worker to persist what it was handed.
 constexpr auto kShutdownWait = std::chrono::seconds(5);
+// Rows deleted per transaction.
+constexpr std::size_t kDeletionChunk = 64;
 
 using Clock = std::chrono::system_clock;
 
@@ -73,6 +75,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         std::int64_t id;
         std::size_t bytes;
     };
+    using Drops = segment::SEGMessageStore::Drops;
 
     const SEGAnalyticsConfiguration configuration;
     const std::shared_ptr<RequestQueueing> requestQueue;
@@ -99,9 +102,24 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     std::deque<Row> rows;           // waiting messages, oldest first
     std::size_t inFlight = 0;       // the first `inFlight` rows are in the batch being sent
     bool backingOff = false;        // a retry is scheduled; uploads wait for it
+    bool waitingForRoad = false;    // the request queue holds the origin back; a wake-up is set
+    std::string lastURL;            // of the batch in flight
     bool sendEverything = false;    // a flush, the timer or a retry asked for all that waits
     int failures = 0;               // consecutive failed attempts of the batch
     std::minstd_rand jitter{std::random_device{}()};
+    // The last store or deletion failed: failures are logged once per run of them.
+    bool storeFailing = false, deleteFailing = false;
+    // Drops not yet in the queue's "drops" table (the disk refused them): added with the
+    // next write that succeeds.
+    Drops unrecorded;
+    // Rows done with (delivered, rejected, unreadable) and not yet deleted, each with the
+    // drop reason its deletion records (none when delivered): never sent again; those the
+    // disk refused are deleted by a later write.
+    struct Done {
+        std::int64_t id;
+        const char* reason;
+    };
+    std::deque<Done> undeleted;
 
     Impl(SEGAnalyticsConfiguration c, SEGAnalyticsDependencies d, std::shared_ptr<ThreadSerialQueue> own)
         : configuration(std::move(c)),
@@ -113,12 +131,73 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
           url(segment::batchURL(configuration.apiHost)),
           context(baseContext()) {}
 
+    ~Impl() {
+        // Best effort: what stays undeleted is sent again by the next run.
+        if (store && !retryDeletions()) recordDrops();
+    }
+
     // --- counts -------------------------------------------------------------------------
 
-    void drop(const char* reason, std::uint64_t count = 1) {
+    // For this run's statistics; the disk's count is written with the removal.
+    void countDrop(const char* reason, std::uint64_t n = 1) {
         std::lock_guard lock(countsMutex);
-        counts.droppedByReason[reason] += count;
+        counts.droppedByReason[reason] += n;
         counts.waiting = rows.size();
+    }
+
+    // A message dropped with no row to remove: counted on disk at once, or with the next
+    // write that succeeds.
+    void drop(const char* reason, std::uint64_t n = 1) {
+        countDrop(reason, n);
+        unrecorded[reason] += n;
+        recordDrops();
+    }
+
+    void recordDrops() {
+        if (store && !unrecorded.empty() && store->remove({}, unrecorded)) unrecorded.clear();
+    }
+
+    static Drops merged(Drops a, const Drops& b) {
+        for (const auto& [reason, n] : b) a[reason] += n;
+        return a;
+    }
+
+    // Logs the first failure of a run of them, and the recovery.
+    bool written(bool ok, bool& failing, const char* what) {
+        if (ok == !failing) return ok;
+        failing = !ok;
+        if (ok)
+            KT_LOG(logger, 2, kFile, "-[SEGAnalytics queuePayload:]", "{} again", what);
+        else
+            KT_LOG(logger, 3, kFile, "-[SEGAnalytics queuePayload:]", "{} no longer: {}", what, store->lastError());
+        return ok;
+    }
+    bool deleted(bool ok) { return written(ok, deleteFailing, "messages done with are deleted"); }
+
+    // Deletes rows done with, each chunk in one transaction with its drops: small
+    // transactions fit in what a full disk has left. False while the disk still refuses.
+    bool retryDeletions() {
+        bool removed = false;
+        while (!undeleted.empty()) {
+            const std::size_t n = std::min<std::size_t>(undeleted.size(), kDeletionChunk);
+            std::vector<std::int64_t> ids;
+            Drops drops = unrecorded;
+            for (std::size_t i = 0; i < n; ++i) {
+                ids.push_back(undeleted[i].id);
+                if (undeleted[i].reason) ++drops[undeleted[i].reason];
+            }
+            if (!deleted(store->remove(ids, drops))) break;
+            unrecorded.clear();
+            undeleted.erase(undeleted.begin(), undeleted.begin() + static_cast<std::ptrdiff_t>(n));
+            removed = true;
+        }
+        if (removed) store->compact();
+        return undeleted.empty();
+    }
+
+    void removeDone(const std::vector<std::int64_t>& ids, const char* reason) {
+        for (std::int64_t id : ids) undeleted.push_back({id, reason});
+        retryDeletions();
     }
 
     void publishWaiting() {
@@ -160,10 +239,10 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             if (!value || !value->is_object()) bad.push_back(id);
         }
         if (bad.empty()) return;
-        store->remove(bad);
         std::erase_if(rows, [&](const Row& row) { return std::binary_search(bad.begin(), bad.end(), row.id); });
         KT_LOG(logger, 2, kFile, "-[SEGAnalytics init]", "{} unreadable queued messages removed", bad.size());
-        drop("corrupted", bad.size());
+        countDrop("corrupted", bad.size());
+        removeDone(bad, "corrupted");
     }
 
     void start(std::vector<std::pair<std::string, std::shared_ptr<SEGIntegration>>> made) {
@@ -180,6 +259,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         worker->asyncAfter(configuration.flushInterval, [weak = weak_from_this()] {
             auto self = weak.lock();
             if (!self || self->closed) return;
+            if (self->store) self->retryDeletions();
             self->sendEverything = true;
             self->maybeUpload();
             self->scheduleTimer();
@@ -334,13 +414,18 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             drop("not_persisted");
             return;
         }
-        if (rows.size() >= configuration.maxQueueSize && !makeRoom()) return;
-        auto id = store->insert(*text);
-        if (!id) {
-            KT_LOG(logger, 3, kFile, "-[SEGAnalytics queuePayload:]", "message not kept: {}", store->lastError());
+        // Rows done with go first: they hold the space a new one needs.
+        if (!retryDeletions()) {
             drop("not_persisted");
             return;
         }
+        if (rows.size() >= configuration.maxQueueSize && !makeRoom()) return;
+        auto id = store->insert(*text, unrecorded);
+        if (!written(id.has_value(), storeFailing, "messages are stored")) {
+            drop("not_persisted");
+            return;
+        }
+        unrecorded.clear();
         rows.push_back({*id, text->size()});
         {
             std::lock_guard lock(countsMutex);
@@ -350,8 +435,10 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         maybeUpload();
     }
 
-    // The oldest message not in flight gives way. When every waiting message is in the
-    // batch being sent, the new one is the one dropped.
+    // The oldest message not in flight gives way, counted on disk in the transaction that
+    // deletes it. When every waiting message is in the batch being sent, the new one is the
+    // one dropped. False when the new message is not to be stored; a deletion the disk
+    // refused leaves the queue as it was and counts the new message as not persisted.
     bool makeRoom() {
         if (inFlight >= rows.size()) {
             KT_LOG(logger, 2, kFile, "-[SEGAnalytics queuePayload:]", "queue full; new message dropped");
@@ -359,9 +446,13 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             return false;
         }
         while (rows.size() >= configuration.maxQueueSize && inFlight < rows.size()) {
-            store->remove({rows[inFlight].id});
+            if (!deleted(store->remove({rows[inFlight].id}, merged(unrecorded, {{"queue_full", 1}})))) {
+                drop("not_persisted");
+                return false;
+            }
+            unrecorded.clear();
             rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(inFlight));
-            drop("queue_full");
+            countDrop("queue_full");
         }
         return rows.size() < configuration.maxQueueSize;
     }
@@ -369,12 +460,29 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
     // --- upload -------------------------------------------------------------------------
 
     void maybeUpload() {
-        if (closed || inFlight > 0 || backingOff || rows.empty() || !store) return;
+        if (closed || inFlight > 0 || backingOff || waitingForRoad || rows.empty() || !store) return;
         if (!sendEverything && rows.size() < configuration.flushAt) return;
-        sendBatch();
+        HTTPRequest request = configuration.requestFactory ? configuration.requestFactory(url) : HTTPRequest{};
+        if (request.url.empty()) request.url = url;
+        // The request queue holds a failing origin back: no attempt is spent meanwhile.
+        if (const auto pause = requestQueue->pauseRemaining(request.url); pause > std::chrono::milliseconds::zero()) {
+            waitForRoad(pause);
+            return;
+        }
+        sendBatch(std::move(request));
     }
 
-    void sendBatch() {
+    void waitForRoad(std::chrono::milliseconds pause) {
+        waitingForRoad = true;
+        worker->asyncAfter(pause, [weak = weak_from_this()] {
+            auto self = weak.lock();
+            if (!self) return;
+            self->waitingForRoad = false;
+            self->maybeUpload();
+        });
+    }
+
+    void sendBatch(HTTPRequest request) {
         const std::string head = R"({"batch":[)";
         const std::string tail =
             R"(],"sentAt":")" + segment::iso8601(Clock::now()) + R"(","writeKey":)" +
@@ -391,17 +499,21 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         std::string body;
         body.reserve(size);
         body += head;
-        for (std::size_t i = 0; i < stored.size(); ++i) {
-            if (i > 0) body += ',';
-            body += stored[i].second;
+        // Only the rows counted: one done with whose deletion failed may lie in the range.
+        const auto batchEnd = rows.begin() + static_cast<std::ptrdiff_t>(count);
+        bool first = true;
+        for (const auto& [id, text] : stored) {
+            if (!std::binary_search(rows.begin(), batchEnd, Row{id, 0},
+                                    [](const Row& a, const Row& b) { return a.id < b.id; }))
+                continue;
+            if (!std::exchange(first, false)) body += ',';
+            body += text;
         }
         body += tail;
         if (count == rows.size()) sendEverything = false;
         inFlight = count;
 
         auto gzipped = GzipCodec::gzippedData(body);
-        HTTPRequest request = configuration.requestFactory ? configuration.requestFactory(url) : HTTPRequest{};
-        if (request.url.empty()) request.url = url;
         request.method = "POST";
         request.body = gzipped ? std::move(*gzipped) : std::move(body);
         const std::pair<const char*, std::string> headers[] = {
@@ -417,6 +529,7 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             ++counts.batchesSent;
             counts.bytesSent += request.body.size();
         }
+        lastURL = request.url;
         requestQueue->sendRequest(std::move(request), [weak = weak_from_this()](int code) {
             if (auto self = weak.lock()) self->worker->asyncUrgent([self, code] { self->answer(code); });
         });
@@ -434,20 +547,26 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             failures = 0;
             std::vector<std::int64_t> ids;
             for (std::size_t i = 0; i < count; ++i) ids.push_back(rows[i].id);
-            if (!store->remove(ids))
-                KT_LOG(logger, 3, kFile, "-[SEGAnalytics endpointDidRespond:]", "sent messages not removed: {}",
-                       store->lastError());
             rows.erase(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(count));
-            if (code == static_cast<int>(RequestResult::delivered)) {
+            const bool delivered = code == static_cast<int>(RequestResult::delivered);
+            removeDone(ids, delivered ? nullptr : "rejected");
+            if (delivered) {
                 std::lock_guard lock(countsMutex);
                 counts.delivered += count;
                 counts.waiting = rows.size();
             } else {
                 KT_LOG(logger, 3, kFile, "-[SEGAnalytics endpointDidRespond:]",
                        "batch of {} messages rejected by the server; dropped", count);
-                drop("rejected", count);
+                countDrop("rejected", count);
             }
             maybeUpload();
+            return;
+        }
+        if (code == static_cast<int>(RequestResult::notSent)) {
+            // No attempt was spent: the batch waits for the road, its back-off unchanged.
+            sendEverything = true;
+            const auto pause = requestQueue->pauseRemaining(lastURL);
+            waitForRoad(pause > std::chrono::milliseconds::zero() ? pause : configuration.firstRetryDelay);
             return;
         }
         // Anything else is worth another try: the batch stays, and so does its order.
@@ -535,6 +654,11 @@ bool SEGAnalytics::refusedAsTooDeep(const std::optional<AttributeValue>& values,
         ++impl_->counts.droppedByReason["too_deeply_nested"];
     }
     impl_->handled.fetch_add(1, std::memory_order_release);
+    // Written to disk on the worker, which alone touches the queue.
+    impl_->worker->async([impl = impl_] {
+        ++impl->unrecorded["too_deeply_nested"];
+        impl->recordDrops();
+    });
     KT_LOG(impl_->logger, 2, kFile, "-[SEGAnalytics enqueue:]", "message nested more than {} levels dropped",
            kMaximumNesting);
     return true;
@@ -574,5 +698,10 @@ SEGAnalyticsStatistics SEGAnalytics::statistics() const {
 }
 
 const SEGAnalyticsConfiguration& SEGAnalytics::configuration() const { return impl_->configuration; }
+
+std::optional<std::map<std::string, std::uint64_t>> SEGAnalytics::recordedDrops(
+    const std::filesystem::path& stateDirectory, std::string* error) {
+    return segment::SEGMessageStore::recordedDrops(stateDirectory / "segment", error);
+}
 
 }  // namespace kt

@@ -128,6 +128,14 @@ public:
     SEGAnalyticsStatistics statistics() const;
     const SEGAnalyticsConfiguration& configuration() const;
 
+    /// The messages removed without delivery, by reason, summed over every run of a client
+    /// on `stateDirectory` (as `SEGAnalyticsDependencies::stateDirectory`), a killed one
+    /// included: each drop is written with the removal it counts. Empty when there is no
+    /// queue; nullopt, with the reason in `error`, when it cannot be read, as while a client
+    /// in another process holds it. For another process or after the client is gone.
+    static std::optional<std::map<std::string, std::uint64_t>> recordedDrops(
+        const std::filesystem::path& stateDirectory, std::string* error = nullptr);
+
 private:
     // Counts a call whose values nest too deeply as dropped; true when it did.
     bool refusedAsTooDeep(const std::optional<AttributeValue>& values, const std::optional<AttributeValue>& options);

@@ -1,10 +1,19 @@
 #include "Segment/Client/SEGAnalytics.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
 #include <cmath>
+#include <cstdlib>
+#include <fstream>
 #include <regex>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "Analytics/OperatingSystemVersion.h"
 #include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
@@ -22,7 +31,12 @@ using json = AttributeValue;
 using Headers = std::vector<std::pair<std::string, std::string>>;
 using Batches = std::vector<std::vector<std::string>>;
 
-constexpr int kDelivered = 0, kFailed = 2, kRejected = 3;
+namespace fs = std::filesystem;
+using Drops = std::map<std::string, std::uint64_t>;
+using namespace std::chrono_literals;
+
+constexpr int kDelivered = 0, kNotSent = 1, kFailed = 2, kRejected = 3;
+const std::string kBatchURL = "https://collector.example/v1/batch";
 
 SEGAnalyticsConfiguration config(std::size_t flushAt = 100) {
     auto c = SEGAnalyticsConfiguration::configurationWithWriteKey("wk");
@@ -34,16 +48,20 @@ SEGAnalyticsConfiguration config(std::size_t flushAt = 100) {
 // One client over a virtual-time worker and a request queue the test answers.
 struct Harness {
     testing::TemporaryDirectory state{"kt-seg"};
+    fs::path folder = state.path();
     std::shared_ptr<VirtualTimeSerialQueue> worker = std::make_shared<VirtualTimeSerialQueue>();
     std::shared_ptr<testing::FakeRequestQueue> requests = std::make_shared<testing::FakeRequestQueue>();
     std::shared_ptr<testing::RecordingLogger> logger = std::make_shared<testing::RecordingLogger>();
     std::unique_ptr<SEGAnalytics> client;
 
-    explicit Harness(SEGAnalyticsConfiguration c = config()) { start(std::move(c)); }
+    explicit Harness(SEGAnalyticsConfiguration c = config(), fs::path at = {}) {
+        if (!at.empty()) folder = at;
+        start(std::move(c));
+    }
 
     void start(SEGAnalyticsConfiguration c) {
         client.reset();
-        client = std::make_unique<SEGAnalytics>(std::move(c), SEGAnalyticsDependencies{requests, state.path(), logger, worker});
+        client = std::make_unique<SEGAnalytics>(std::move(c), SEGAnalyticsDependencies{requests, folder, logger, worker});
         worker->runUntilIdle();
     }
     void track(const std::string& event, std::optional<json> properties = {}, std::optional<json> options = {}) {
@@ -78,6 +96,40 @@ struct Harness {
         return all;
     }
     SEGAnalyticsStatistics stats() const { return client->statistics(); }
+    // Answers every batch, as many as it takes, with `code`; the message ids they held.
+    std::vector<std::string> answerAll(int code) {
+        std::vector<std::string> ids;
+        for (flush(); requests->pendingCount() > 0; flush()) {
+            const json batch = body(requests->sentCount() - 1).at("batch");
+            for (const auto& m : batch) ids.push_back(m.at("messageId"));
+            respond(code);
+        }
+        return ids;
+    }
+};
+
+// A small tmpfs of `size` for the state folder; needs root (tests skip otherwise).
+struct SmallDisk {
+    testing::TemporaryDirectory directory{"kt-seg-disk"};
+    const bool mounted;
+    explicit SmallDisk(const std::string& size)
+        : mounted(::geteuid() == 0 && std::system(("mount -t tmpfs -o size=" + size + " tmpfs " +
+                                                   directory.path().native() + " 2>/dev/null").c_str()) == 0) {}
+    ~SmallDisk() {
+        if (mounted) std::system(("umount " + directory.path().native()).c_str());
+    }
+    fs::path state() const { return directory / "state"; }
+    std::uintmax_t size(const char* file) const {
+        std::error_code ignored;
+        const auto bytes = fs::file_size(state() / "segment" / file, ignored);
+        return ignored ? 0 : bytes;
+    }
+    void fill() const {
+        const std::string block(4096, 'x');
+        for (std::ofstream filler(directory / "filler", std::ios::binary | std::ios::app); filler.write(block.data(), block.size());) {
+        }
+    }
+    void free() const { fs::remove(directory / "filler"); }
 };
 
 const std::regex kTimestamp(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
@@ -308,30 +360,72 @@ TEST(SEGAnalytics, UploadsAtFlushAtAndOnTheInterval) {
     EXPECT_EQ(h.stats().waiting, 0u);
 }
 
-TEST(SEGAnalytics, FailedBatchIsRetriedAfterBackOffThenDelivered) {
+TEST(SEGAnalytics, UploadsWaitForTheRoadAndOnlyFailuresGrowTheBackOff) {
     Harness h;
-    h.upload({"a"}, kFailed);
-    EXPECT_EQ(h.stats().retries, 1u);
-    EXPECT_EQ(h.stats().waiting, 1u);
-    h.upload({"b"});  // waits for the back-off
-    EXPECT_EQ(h.requests->sentCount(), 1u);
-    h.worker->advance(std::chrono::milliseconds(1200));  // the first pause, jitter included
-    ASSERT_EQ(h.batches(), (Batches{{"a"}, {"a", "b"}}));
-    EXPECT_EQ(h.body(1)["batch"][0]["messageId"], h.body(0)["batch"][0]["messageId"]);
-    h.respond(kDelivered);
+    h.requests->setPause(kBatchURL, 5s);
+    h.upload({"a"});
+    h.worker->advance(60s);  // the flush and two timer ticks, all held by the pause
+    EXPECT_EQ(h.requests->sentCount(), 0u);
+    h.requests->setPause(kBatchURL, 0ms);
+    h.worker->advance(5s);
+    ASSERT_EQ(h.requests->sentCount(), 1u);
+    h.respond(kNotSent);  // costs no attempt: the next failure still waits the first pause
+    h.worker->advance(1200ms);
+    ASSERT_EQ(h.requests->sentCount(), 2u);
+    h.respond(kFailed);
+    h.upload({"b"});  // a flush during the back-off sends nothing
+    EXPECT_EQ(h.requests->sentCount(), 2u);
+    h.worker->advance(1200ms);  // the first pause, jitter included
+    ASSERT_EQ(h.batches(), (Batches{{"a"}, {"a"}, {"a", "b"}}));
+    EXPECT_EQ(h.body(2)["batch"][0]["messageId"], h.body(0)["batch"][0]["messageId"]);
+    h.respond(kFailed);  // the second pause is 2 s ± 20 %
+    h.worker->advance(1500ms);
+    EXPECT_EQ(h.requests->sentCount(), 3u);
+    h.worker->advance(1000ms);
+    ASSERT_EQ(h.requests->sentCount(), 4u);
+    h.respond(kDelivered);  // resets the back-off
+    h.upload({"c"}, kFailed);
+    h.worker->advance(1200ms);
+    EXPECT_EQ(h.requests->sentCount(), 6u);
+    EXPECT_EQ(h.stats().retries, 3u);
     EXPECT_EQ(h.stats().delivered, 2u);
-    EXPECT_EQ(h.stats().waiting, 0u);
     EXPECT_TRUE(h.stats().droppedByReason.empty());
 }
 
-TEST(SEGAnalytics, RejectedBatchIsDroppedCountedAndLogged) {
-    Harness h;
-    h.upload({"a", "b"}, kRejected);
-    EXPECT_EQ(h.stats().droppedByReason, (std::map<std::string, std::uint64_t>{{"rejected", 2}}));
-    EXPECT_EQ(h.stats().waiting, 0u);
+TEST(SEGAnalytics, DropsAreWrittenWithTheirRemovalAndOutliveAKilledProcess) {
+    testing::TemporaryDirectory state("kt-seg");
+    auto c = config();
+    c.maxQueueSize = 2;
+    c.sourceMiddleware = {std::make_shared<SEGBlockMiddleware>([](SEGContext context, const SEGMiddlewareNext& next) {
+        if (static_cast<const SEGTrackPayload&>(*context.payload).event != "secret") next(context);
+    })};
+    const pid_t child = ::fork();
+    if (child == 0) {
+        Harness h(c, state.path());
+        fs::remove_all(h.state.path());
+        for (const char* name : {"a", "b", "c", "d", "secret"}) h.track(name);
+        h.track("big", json{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes, 'x')}});
+        ::kill(::getpid(), SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    const Drops first{{"queue_full", 2}, {"dropped_by_middleware", 1}, {"too_large", 1}};
+    EXPECT_EQ(SEGAnalytics::recordedDrops(state.path()), first);
+
+    Harness h(c, state.path());  // sends "c" and "d" at start
+    h.respond(kRejected);
     EXPECT_TRUE(h.logger->contains("rejected"));
-    h.start(config());  // nothing left to send after a restart
+    std::string error;
+    EXPECT_EQ(SEGAnalytics::recordedDrops(state.path(), &error), std::nullopt);  // held by the client
+    EXPECT_NE(error, "");
+    h.start(config());  // nothing left to send
+    h.client.reset();
     EXPECT_EQ(h.requests->sentCount(), 1u);
+    Drops all = first;
+    all["rejected"] = 2;
+    EXPECT_EQ(SEGAnalytics::recordedDrops(state.path()), all);
+    EXPECT_EQ(SEGAnalytics::recordedDrops(state / "none"), Drops{});
 }
 
 // Nests `depth` arrays without recursion, as a hostile caller could.
@@ -393,6 +487,92 @@ TEST(SEGAnalytics, LargeQueueIsSentInBatchesWithinTheLimit) {
     std::vector<std::string> expected;
     for (int i = 0; i < 40; ++i) expected.push_back("e" + std::to_string(i));
     EXPECT_EQ(all, expected);
+}
+
+TEST(SEGAnalytics, AFullDiskFailsSoftlyBoundsTheJournalAndGivesTheSpaceBack) {
+    SmallDisk disk("2m");
+    if (!disk.mounted) GTEST_SKIP() << "needs root to mount a small tmpfs";
+    auto c = config(1'000'000);
+    c.maxQueueSize = 100'000;
+    Harness h(c, disk.state());
+    const json properties{{"f", std::string(3000, 'x')}};
+    std::uintmax_t largestJournal = 0;
+    for (int i = 0; i < 800; ++i) {
+        h.track("e", properties);
+        largestJournal = std::max(largestJournal, disk.size("queue.sqlite3-wal"));
+    }
+    auto stats = h.stats();
+    EXPECT_GT(stats.droppedByReason["not_persisted"], 0u);
+    EXPECT_EQ(stats.persisted + stats.dropped(), 800u);
+    EXPECT_LE(largestJournal, 1024u * 1024);
+
+    const auto ids = h.answerAll(kDelivered);
+    EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), stats.persisted);  // none twice
+    EXPECT_EQ(ids.size(), stats.persisted);
+    EXPECT_LT(disk.size("queue.sqlite3") + disk.size("queue.sqlite3-wal"), 128u * 1024);
+    h.track("after");
+    h.flush();
+    EXPECT_EQ(h.batches().back(), std::vector<std::string>{"after"});
+    EXPECT_EQ(h.stats().persisted, stats.persisted + 1);
+}
+
+// The default SQLite file system, but writes fail as on a full disk while `full` is set:
+// the space the client keeps aside makes a real full disk refuse deletions too rarely to test.
+struct RefusingWrites {
+    static inline std::atomic<bool> full{false};
+    static inline sqlite3_vfs* real = sqlite3_vfs_find(nullptr);
+    static inline sqlite3_vfs vfs = [] {
+        sqlite3_vfs v = *real;
+        v.zName = "kt-refusing-writes";
+        v.xOpen = [](sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int* out) {
+            const int rc = real->xOpen(real, name, file, flags, out);
+            static sqlite3_io_methods methods;
+            static const sqlite3_io_methods* original = nullptr;
+            if (file->pMethods && file->pMethods != &methods) {
+                original = file->pMethods;
+                methods = *original;
+                methods.xWrite = [](sqlite3_file* f, const void* data, int n, sqlite3_int64 at) {
+                    return full ? SQLITE_FULL : original->xWrite(f, data, n, at);
+                };
+                file->pMethods = &methods;
+            }
+            return rc;
+        };
+        return v;
+    }();
+    RefusingWrites() { sqlite3_vfs_register(&vfs, 1); }
+    ~RefusingWrites() { sqlite3_vfs_register(real, 1), sqlite3_vfs_unregister(&vfs); }
+};
+
+TEST(SEGAnalytics, DeliveredMessagesTheDiskWouldNotDeleteAreNeverSentAgain) {
+    // In a child: SQLite's lock bookkeeping does not always survive the refused writes, and
+    // must not spoil the other tests.
+    testing::TemporaryDirectory state("kt-seg");
+    if (const pid_t child = ::fork(); child != 0) {
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        Harness h(config(), state.path());  // the deletion was done after all: nothing to send
+        EXPECT_EQ(h.requests->sentCount(), 0u);
+        return;
+    }
+    struct Exit {
+        ~Exit() { ::_exit(::testing::Test::HasFailure() ? 1 : 0); }
+    } exit;
+    RefusingWrites disk;
+    Harness h(config(), state.path());
+    h.upload({"a", "b"});
+    disk.full = true;
+    h.respond(kDelivered);
+    ASSERT_TRUE(h.logger->contains("deleted no longer"));
+    h.upload({"x"});  // not stored, and nothing sent
+    EXPECT_EQ(h.requests->sentCount(), 1u);
+    disk.full = false;
+    h.upload({"c"}, kDelivered);
+    EXPECT_TRUE(h.logger->contains("deleted again"));
+    EXPECT_EQ(h.batches(), (Batches{{"a", "b"}, {"c"}}));
+    EXPECT_EQ(h.stats().delivered, 3u);
+    EXPECT_EQ(h.stats().droppedByReason, (Drops{{"not_persisted", 1}}));
 }
 
 TEST(SEGAnalytics, FullQueueDropsTheOldestWaitingMessage) {

@@ -2,6 +2,7 @@
 
 #include <boost/container/small_vector.hpp>
 
+#include <cmath>
 #include <cstring>
 
 namespace kt::value {
@@ -105,6 +106,13 @@ bool nestsDeeperThan(const AttributeValue& v, std::size_t limit) {
         ++top.next;
         if (item.is_structured()) stack.push_back({&item, item.cbegin()});
     }
+    return false;
+}
+
+bool holdsNonFiniteNumber(const AttributeValue& v) {
+    if (v.is_number_float()) return !std::isfinite(v.get<double>());
+    if (!v.is_structured()) return false;
+    for (const auto& item : v) if (holdsNonFiniteNumber(item)) return true;
     return false;
 }
 

@@ -53,6 +53,10 @@ std::size_t hash(const AttributeValue& v);
 /// after this check.
 bool nestsDeeperThan(const AttributeValue& v, std::size_t limit);
 
+/// True when `v` holds NaN or an infinity anywhere, which JSON cannot carry. Recursive: call
+/// it after `nestsDeeperThan`.
+bool holdsNonFiniteNumber(const AttributeValue& v);
+
 /// The platform's textual form of a value, used in log lines and descriptions:
 /// dictionaries as "{key = value; ...}", arrays as "(a, b)", strings bare.
 std::string describe(const AttributeValue& v);

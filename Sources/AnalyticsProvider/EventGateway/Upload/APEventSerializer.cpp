@@ -161,6 +161,13 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
                kMaximumAttributeDepth);
         return fail(APEventStoreFailure::tooDeeplyNested);
     }
+    // Stored, such an event would make the JSON of every batch it joins fail, and the batch
+    // would be dropped with it.
+    if (event->attributes() && value::holdsNonFiniteNumber(*event->attributes())) {
+        KT_LOG(logger_, 3, kFile, "-[APEventSerializer serializeEvent:]",
+               "Can't store event {}: an attribute is NaN or infinite, which JSON cannot carry", event->name());
+        return fail(APEventStoreFailure::notArchivable);
+    }
     KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializeEvent:]", "Serializing event: {}", event->description());
     createCacheDirectoryIfNeeded();
 

@@ -440,12 +440,9 @@ APEventDropCounts AnalyticsStack::recordedDrops(std::shared_ptr<UserDefaults> de
     return counts;
 }
 
-std::map<std::string, std::uint64_t> AnalyticsStack::recordedMessageDrops(std::shared_ptr<UserDefaults> defaults) {
-    UserDefaultsStore ledger(std::move(defaults), kMessageDropLedgerNameSpace);
-    std::map<std::string, std::uint64_t> counts;
-    for (const char* reason : kSEGDropReasons)
-        if (auto count = ledger.number(reason); count && *count > 0) counts[reason] = static_cast<std::uint64_t>(*count);
-    return counts;
+std::optional<std::map<std::string, std::uint64_t>> AnalyticsStack::recordedMessageDrops(
+    const fs::path& stateDirectory, std::string* error) {
+    return SEGAnalytics::recordedDrops(stateDirectory / kCacheFolder, error);
 }
 
 std::map<std::string, std::uint64_t> AnalyticsStack::recordedRequestDrops(const fs::path& stateDirectory) {
@@ -453,16 +450,6 @@ std::map<std::string, std::uint64_t> AnalyticsStack::recordedRequestDrops(const 
 }
 
 void AnalyticsStack::recordDrops() {
-    std::lock_guard lock(recordMutex_);
-    if (segmentAnalytics_) {
-        UserDefaultsStore ledger(userDefaults_, kMessageDropLedgerNameSpace);
-        for (const auto& [reason, count] : segmentAnalytics_->statistics().droppedByReason) {
-            auto& recorded = recordedMessageDrops_[reason];
-            if (count == recorded) continue;
-            ledger.setNumber(ledger.number(reason).value_or(0) + static_cast<double>(count - recorded), reason);
-            recorded = count;
-        }
-    }
     eventLedger_->record(uploader_->statistics().droppedByReason);
 }
 

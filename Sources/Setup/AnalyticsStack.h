@@ -203,21 +203,19 @@ public:
     /// Name space, in the user defaults of a state folder, of the events dropped by every
     /// run over that folder, one number per reason key ("failed_three_times", ...).
     static constexpr const char* kDropLedgerNameSpace = "ktanalytics.dropped_events";
-    /// The same for the tracking plan's product-analytics messages, one number per reason
-    /// ("queue_full", ...).
-    static constexpr const char* kMessageDropLedgerNameSpace = "ktanalytics.dropped_messages";
     /// The user defaults file of a state folder.
     static constexpr const char* kUserDefaultsFile = "defaults.sqlite3";
     /// The drops recorded in a state folder's user defaults by every run so far.
     static APEventDropCounts recordedDrops(std::shared_ptr<UserDefaults> defaults);
-    /// The product-analytics messages dropped by every run so far, by reason (reasons with
-    /// none left out).
-    static std::map<std::string, std::uint64_t> recordedMessageDrops(std::shared_ptr<UserDefaults> defaults);
+    /// The product-analytics messages dropped by every run over a state folder, by reason
+    /// (reasons with none left out); written by the client in the transaction that removed
+    /// each of them. Nullopt, with the reason in `error`, while a client holds the queue.
+    static std::optional<std::map<std::string, std::uint64_t>> recordedMessageDrops(
+        const std::filesystem::path& stateDirectory, std::string* error = nullptr);
     /// The promoted tracking requests dropped by every run over a state folder, by reason;
     /// written by the uploader in the transaction that removed each of them.
     static std::map<std::string, std::uint64_t> recordedRequestDrops(const std::filesystem::path& stateDirectory);
-    /// Adds this stack's drops (events and messages) since the last call to the state
-    /// folder's ledgers. Event drops are written as they happen, once per piece of work
+    /// Adds this stack's event drops since the last call to the state folder's ledger. Event drops are written as they happen, once per piece of work
     /// that dropped some; this is also done by `waitUntilDelivered` and on destruction.
     void recordDrops();
 
@@ -274,8 +272,6 @@ private:
     AnalyticsStackConfiguration configuration_;
     std::filesystem::path stateDirectory_;
     std::shared_ptr<EventDropLedger> eventLedger_;
-    std::map<std::string, std::uint64_t> recordedMessageDrops_;  // the same for messages
-    std::mutex recordMutex_;
     std::shared_ptr<ResultSignal> signal_;
     std::atomic<std::uint64_t> tagged_{0};
 

@@ -5,8 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <sstream>
 #include <thread>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "AnalyticsProvider/APEvent.h"
 #include "Setup/AnalyticsStack.h"
@@ -86,6 +91,54 @@ TEST_F(OutageTests, aGatewayRefusingConnectionsAndThenAnsweringCostsNothingOnAny
               std::tuple(sent, none, sent, none));
     EXPECT_EQ(std::tuple(s.reliableRequests.delivered, s.reliableRequests.givenUp, received.trackingRequests),
               std::tuple(urls, none, urls));
+}
+
+// A run with the gateway away, killed once it has dropped some of what it was handed (events
+// JSON cannot hold, URLs that are none, messages past the queue's bound), then a last run:
+// on every road, what was handed over is delivered, counted in the state folder, or waiting.
+TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
+    const int port = testing::closedPort();
+    constexpr std::uint64_t kEvents = 20, kBadEvents = 5, kURLs = 5, kBadURLs = 5, kMessages = 1200, kBound = 1000;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        auto stack = makeStack(port);
+        for (std::uint64_t i = 0; i < kMessages; ++i) stack->eventSender()->send("App Cache Cleared", 1, {});
+        for (std::uint64_t i = 0; i < kEvents + kBadEvents; ++i)
+            stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "p" + std::to_string(i)},
+                                                                         {"position", i < kBadEvents ? NAN : static_cast<double>(i)}}));
+        for (std::uint64_t i = 0; i < kURLs + kBadURLs; ++i) {
+            const auto url = i < kBadURLs ? std::string("not a url ") + std::to_string(i)
+                                          : "http://127.0.0.1:" + std::to_string(port) + "/track/click/" + std::to_string(i);
+            stack->tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
+        }
+        // Killed once everything was stored or dropped, whatever is in flight.
+        for (;;) {
+            stack->drainQueue(1s);
+            const auto s = stack->statistics();
+            if (s.upload.stored + s.upload.dropped() == kEvents + kBadEvents &&
+                s.segment.persisted == kMessages)
+                ::kill(::getpid(), SIGKILL);
+            std::this_thread::sleep_for(1ms);
+        }
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    auto gateway = testing::startGateway({.port = port});
+    auto stack = makeStack(port);
+    ASSERT_TRUE(stack->waitUntilDelivered(30s));
+    const auto received = gateway->stats();
+    const auto eventDrops = AnalyticsStack::recordedDrops(stack->userDefaults());
+    const auto state = stack->stateDirectory();
+    stack.reset();  // the message queue is read once no client holds it
+    const auto messageDrops = AnalyticsStack::recordedMessageDrops(state).value_or(std::map<std::string, std::uint64_t>{});
+    const auto urlDrops = AnalyticsStack::recordedRequestDrops(state);
+    using Counts = std::map<std::string, std::uint64_t>;
+    EXPECT_EQ(std::tuple(received.events, eventDrops.total(), eventDrops[APEventDropReason::notRepresentable]),
+              std::tuple(kEvents, kBadEvents, kBadEvents));
+    EXPECT_EQ(std::tuple(received.messages, messageDrops), std::tuple(kBound, Counts{{"queue_full", kMessages - kBound}}));
+    EXPECT_EQ(std::tuple(received.trackingRequests, urlDrops), std::tuple(kURLs, Counts{{"not_a_url", kBadURLs}}));
 }
 
 }  // namespace

@@ -94,7 +94,11 @@ void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     if (!reasons.empty()) out << " (" << reasons << ")";
     out << '\n';
 
-    describeDrops("product-analytics messages", AnalyticsStack::recordedMessageDrops(defaults), out);
+    std::string error;
+    if (auto messages = AnalyticsStack::recordedMessageDrops(stateDirectory, &error))
+        describeDrops("product-analytics messages", *messages, out);
+    else
+        out << "product-analytics messages dropped by earlier runs: unknown (" << error << ")\n";
     describeDrops("promoted URLs", AnalyticsStack::recordedRequestDrops(stateDirectory), out);
 }
 

@@ -40,6 +40,7 @@ std::string_view eventDropReasonKey(APEventDropReason reason) {
         case APEventDropReason::retryCountLost: return "retry_count_lost";
         case APEventDropReason::tooDeeplyNested: return "too_deeply_nested";
         case APEventDropReason::notStored: return "not_stored";
+        case APEventDropReason::queueFull: return "queue_full";
     }
     return "unknown";
 }
@@ -89,7 +90,10 @@ APEventGatewayBatchUploader::APEventGatewayBatchUploader(
 void APEventGatewayBatchUploader::uploadEvent(const std::shared_ptr<const APEvent>& event) {
     KT_PARAMETER_ASSERT_TEXT(event != nullptr, "event");
     APEventStoreFailure failure = APEventStoreFailure::none;
-    if (auto stored = eventSerializer_->serializeEvent(event, &failure)) {
+    if (eventSerializer_->serializedEventsCount() >= kMaximumStoredEvents) {
+        // The newest gives way: what waits keeps its order, and no stored file is touched.
+        drop(APEventDropReason::queueFull, 1);
+    } else if (auto stored = eventSerializer_->serializeEvent(event, &failure)) {
         add(counters_.stored, 1);
         // A byte-identical event whose file is in flight collapses into that file.
         if (auto name = fileName(*stored); inFlightNames_.count(name) == 0) notQueuedNames_.insert(std::move(name));

@@ -69,6 +69,9 @@ class APEventGatewayBatchUploader final : public APEventGatewayUploading,
 public:
     using DropsCallback = std::function<void(const APEventDropCounts&)>;
     static constexpr std::chrono::nanoseconds kFlushInterval = std::chrono::seconds(60);
+    /// Events the store keeps at most; past it a new event is dropped (`queueFull`). About a
+    /// week of heavy listening offline, and about 100 MB of files at a typical kilobyte each.
+    static constexpr std::size_t kMaximumStoredEvents = 100'000;
 
     /// Builds the uploader and starts the 60-second flush when `shouldFlushAtRegularIntervals`.
     /// `queuedEvents` is the initial in-flight set (normally empty). A null tech logger,

@@ -20,8 +20,9 @@ enum class APEventDropReason : std::size_t {
     retryCountLost,    ///< its file vanished before a failed attempt could be counted
     tooDeeplyNested,   ///< its attributes nest deeper than the store takes
     notStored,         ///< writing its file failed (no space, no inodes, an I/O error)
+    queueFull,         ///< the store already held its most events (`kMaximumStoredEvents`)
 };
-inline constexpr std::size_t kEventDropReasonCount = 7;
+inline constexpr std::size_t kEventDropReasonCount = 8;
 
 /// The reason's key in summaries and reports: "failed_three_times", "rejected", ...
 std::string_view eventDropReasonKey(APEventDropReason reason);

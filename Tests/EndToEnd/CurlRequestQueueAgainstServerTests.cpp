@@ -29,7 +29,7 @@ struct Received {
     int remotePort = 0;
 };
 
-// Answers /status/<code> with that code, records every request and the most it handled at once.
+// Answers /status/<code> with that code (and /busy/<s> with 429, Retry-After: s), records every request and the most it handled at once.
 class StatusServer {
 public:
     StatusServer() {
@@ -45,6 +45,10 @@ public:
             --running_;
         };
         server_.Get(R"(/status/(\d+))", answer);
+        server_.Post(R"(/busy/(\d+))", [](const httplib::Request& q, httplib::Response& r) {
+            r.status = 429;
+            r.set_header("Retry-After", q.matches[1]);
+        });
         server_.Post(R"(/status/(\d+))", answer);
         server_.set_keep_alive_max_count(1000);
         port_ = server_.bind_to_any_port("127.0.0.1");
@@ -56,7 +60,9 @@ public:
         server_.stop();
         thread_.join();
     }
-    std::string url(int status) const { return "http://127.0.0.1:" + std::to_string(port_) + "/status/" + std::to_string(status); }
+    std::string url(int status, const char* path = "/status/") const {
+        return "http://127.0.0.1:" + std::to_string(port_) + path + std::to_string(status);
+    }
     std::vector<Received> received() const {
         std::lock_guard lock(mutex_);
         return received_;
@@ -132,6 +138,32 @@ TEST(CurlRequestQueueAgainstServerTests, manyRequestsFromSeveralThreadsAreAllAns
     EXPECT_EQ(queue.statistics().bytesSent, static_cast<std::uint64_t>(kCount * 100 + kCount * (kCount - 1) / 2));
     EXPECT_LE(server.mostAtOnce(), 6);
     EXPECT_GT(server.mostAtOnce(), 1) << "requests run at once";
+}
+
+// A Retry-After lengthens the pause; an answer that is not a failure ends the run of failures,
+// so the next pause is a first one again.
+TEST(CurlRequestQueueAgainstServerTests, retryAfterLengthensThePauseAndAnAnswerStartsItAfresh) {
+    StatusServer server;
+    CurlRequestQueue queue({.firstFailurePause = 20ms, .failurePauseGrowth = 3}, nullptr, nullptr);
+    testing::ResultCollector results;
+    const std::string busy = server.url(2, "/busy/");  // 429 with Retry-After: 2
+    queue.sendRequest(jsonPost(busy), results.callback(0));
+    results.waitFor(1);
+    EXPECT_GT(queue.pauseRemaining(busy), 1500ms);
+
+    CurlRequestQueue fresh({.firstFailurePause = 20ms, .failurePauseGrowth = 3}, nullptr, nullptr);
+    int key = 1;
+    const auto answer = [&](int status) {
+        fresh.sendRequest(jsonPost(server.url(status)), results.callback(key));
+        results.waitFor(++key);
+        return fresh.pauseRemaining(server.url(status));
+    };
+    EXPECT_LE(answer(500), 24ms);
+    std::this_thread::sleep_for(30ms);
+    EXPECT_GT(answer(500), 40ms) << "a second failure in a row pauses three times longer";
+    std::this_thread::sleep_for(80ms);
+    EXPECT_EQ(answer(200), 0ms);
+    EXPECT_LE(answer(500), 24ms) << "the answer in between started the count afresh";
 }
 
 }  // namespace

@@ -52,19 +52,6 @@ bool isLoopbackHost(const std::string& baseURL) {
     }
 }
 
-// What a pause applies to: scheme, host and port, so that one failing server does not hold
-// back requests to another. Text that does not parse is its own origin.
-std::string originOf(const std::string& text) {
-    auto parsed = boost::urls::parse_uri(text);
-    if (!parsed) return text;
-    std::string host(parsed->encoded_host());
-    std::transform(host.begin(), host.end(), host.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    std::string port(parsed->port());
-    if (port.empty()) port = parsed->scheme() == "https" ? "443" : "80";
-    return std::string(parsed->scheme()) + "://" + host + ":" + port;
-}
-
 std::size_t discardBody(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
 struct Pending {
@@ -178,7 +165,7 @@ bool CurlRequestQueue::isNetworkReachable() const {
 }
 
 void CurlRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCallback) {
-    std::string origin = originOf(request.url);
+    std::string origin = requestOrigin(request.url);
     {
         std::lock_guard lock(impl_->mutex);
         (impl_->stopping ? impl_->refused : impl_->posted)
@@ -188,7 +175,7 @@ void CurlRequestQueue::sendRequest(HTTPRequest request, ResultCallback resultCal
 }
 
 std::chrono::milliseconds CurlRequestQueue::pauseRemaining(const std::string& url) const {
-    const auto until = impl_->pausedUntil(originOf(url));
+    const auto until = impl_->pausedUntil(requestOrigin(url));
     if (!until) return std::chrono::milliseconds::zero();
     // Rounded up: a caller that waits this long finds the pause over.
     return std::chrono::ceil<std::chrono::milliseconds>(*until - std::chrono::steady_clock::now());

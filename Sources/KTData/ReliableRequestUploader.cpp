@@ -70,7 +70,7 @@ std::string shownURL(std::string_view url) {
 
 struct URLCheck {
     const char* refusal = nullptr;
-    std::string origin;  // scheme://host:port, to ask the request queue about a pause once per origin
+    std::string origin;  // to ask the request queue about a pause once per origin
 };
 
 URLCheck checkURL(std::string_view url) {
@@ -84,7 +84,7 @@ URLCheck checkURL(std::string_view url) {
         return {reason::notHTTP, {}};
     // "http:/path" parses, but names no host to send it to.
     if (!parsed->has_authority() || parsed->encoded_host().empty()) return {reason::notAURL, {}};
-    return {nullptr, std::string(parsed->scheme()) + "://" + std::string(parsed->encoded_host_and_port())};
+    return {nullptr, requestOrigin(url)};
 }
 
 }  // namespace
@@ -233,14 +233,8 @@ struct ReliableRequestUploader::State {
         if (owes() && !storageFailing) transaction([] { return true; }, now);
     }
 
-    void countDrop(const char* reason) {
-        ++counts.droppedByReason[reason];
-        if (std::string_view(reason) == request_drop_reason::rejected) ++counts.rejected;
-        if (std::string_view(reason) == request_drop_reason::givenUp) ++counts.givenUp;
-    }
-
     void drop(const char* reason) {
-        countDrop(reason);
+        ++counts.droppedByReason[reason];
         ++owedDrops[reason];
     }
 
@@ -292,7 +286,7 @@ struct ReliableRequestUploader::State {
         if (oldest != waiting.end()) {
             KT_LOG(logger, 2, kFile, kFunction, "{} requests wait; the oldest, {}, gives way", waiting.size(),
                    shownURL(oldest->second.url));
-            countDrop(request_drop_reason::queueFull);
+            ++counts.droppedByReason[request_drop_reason::queueFull];
             waiting.erase(oldest);
         }
         waiting.emplace(sqlite3_last_insert_rowid(db), Entry{request.url, std::move(origin), 0, now, now, false});
@@ -583,6 +577,12 @@ ReliableRequestUploader::Statistics ReliableRequestUploader::statistics() const 
     Statistics s = state_->counts;
     s.waiting = state_->waiting.size() + state_->inFlightFromMemory;
     s.inFlight = state_->inFlightRows + state_->inFlightFromMemory;
+    const auto count = [&s](const char* reason) {
+        const auto it = s.droppedByReason.find(reason);
+        return it == s.droppedByReason.end() ? std::uint64_t{0} : it->second;
+    };
+    s.rejected = count(request_drop_reason::rejected);
+    s.givenUp = count(request_drop_reason::givenUp);
     return s;
 }
 

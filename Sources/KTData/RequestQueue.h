@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "Platform/HTTPRequest.h"
 
@@ -20,6 +21,11 @@ enum class RequestResult : int {
 
 /// The one place that interprets an HTTP outcome. `status` is 0 when no response came.
 RequestResult requestResultFor(long status);
+
+/// What a pause after a failure applies to: "scheme://host:port" (the host lowercased, the
+/// scheme's port when none is named), so that one failing server holds back no other. Text
+/// that does not parse as a URL is its own origin.
+std::string requestOrigin(std::string_view url);
 
 class RequestQueueing {
 public:

@@ -15,6 +15,7 @@
 
 #include "AnalyticsProvider/APEvent.h"
 #include "Setup/AnalyticsStack.h"
+#include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 #include "TrackingArchitecture/EventSender.h"
@@ -33,21 +34,11 @@ constexpr auto kOutage = 600ms;
 class OutageTests : public ::testing::Test {
 protected:
     std::unique_ptr<AnalyticsStack> makeStack(int port) {
-        AnalyticsStackConfiguration c;
-        c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
-        c.environment.clientId = 7;
+        auto c = testing::loopbackConfiguration(port, directory.path() / "state", console);
         c.environment.minimumBatchSize = 20;
-        c.environment.segmentWriteKey = "wk";
-        c.environment.shouldFlushAtRegularIntervals = false;
-        c.stateDirectory = directory.path() / "state";
         c.firstRetryPause = kFirstPause;
         c.requestFirstRetryDelay = 20ms;
-        c.shutdownTimeout = 500ms;
-        c.console = &console;
-        std::string error;
-        auto stack = AnalyticsStack::make(std::move(c), &error);
-        EXPECT_NE(stack, nullptr) << error;
-        return stack;
+        return testing::makeStack(std::move(c));
     }
 
     // One gateway event, one message, and a promoted URL every tenth time, each unique.

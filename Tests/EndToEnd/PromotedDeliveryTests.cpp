@@ -14,6 +14,7 @@
 
 #include "AnalyticsProvider/APEvent.h"
 #include "Setup/AnalyticsStack.h"
+#include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -28,19 +29,10 @@ using testing::startGateway;
 class PromotedDeliveryTests : public ::testing::Test {
 protected:
     std::unique_ptr<AnalyticsStack> makeStack(int port) {
-        AnalyticsStackConfiguration c;
-        c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
-        c.environment.clientId = 7;
-        c.environment.shouldFlushAtRegularIntervals = false;
-        c.stateDirectory = directory / "state";
+        auto c = testing::loopbackConfiguration(port, directory / "state", console);
         c.requestFirstRetryDelay = 20ms;
         c.firstRetryPause = 20ms;
-        c.shutdownTimeout = 500ms;
-        c.console = &console;
-        std::string error;
-        auto stack = AnalyticsStack::make(std::move(c), &error);
-        EXPECT_NE(stack, nullptr) << error;
-        return stack;
+        return testing::makeStack(std::move(c));
     }
 
     void fire(AnalyticsStack& stack, int port, int from, int to) {

@@ -15,6 +15,7 @@
 #include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "Segment/SegmentWrapper.h"
 #include "Setup/AnalyticsStack.h"
+#include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 #include "TrackingArchitecture/EventSender.h"
@@ -26,22 +27,12 @@ using namespace std::chrono_literals;
 using testing::startGateway;
 
 std::unique_ptr<AnalyticsStack> makeStack(const std::filesystem::path& state, int port, std::ostream& console) {
-    AnalyticsStackConfiguration c;
-    c.environment.eventGatewayBaseURL = "http://127.0.0.1:" + std::to_string(port);
-    c.environment.clientId = 7;
-    c.environment.segmentWriteKey = "wk";
-    c.environment.shouldFlushAtRegularIntervals = false;
-    c.stateDirectory = state;
+    auto c = testing::loopbackConfiguration(port, state, console);
     c.token = "tok-1";
     c.userUrn = "quillarbor:users:7";
     c.variantIds = {"v-1"};
     c.segmentFlushAt = 5;
-    c.shutdownTimeout = 500ms;
-    c.console = &console;
-    std::string error;
-    auto stack = AnalyticsStack::make(std::move(c), &error);
-    EXPECT_NE(stack, nullptr) << error;
-    return stack;
+    return testing::makeStack(std::move(c));
 }
 
 TEST(TrackingPlanDelivery, ReachesTheGatewayOnlyThroughTheRewriterSignedCompressedAndWithItsContext) {

@@ -180,6 +180,16 @@ ReplayTagging tagReplayLines(std::istream& input, const std::unordered_set<std::
     return result;
 }
 
+namespace {
+
+nlohmann::ordered_json reasonsJSON(const std::map<std::string, std::uint64_t>& byReason) {
+    nlohmann::ordered_json reasons = nlohmann::ordered_json::object();
+    for (const auto& [reason, count] : byReason) reasons[reason] = count;
+    return reasons;
+}
+
+}  // namespace
+
 std::string replaySummaryJSON(const ReplaySummary& summary) {
     nlohmann::ordered_json json;
     json["tagged"] = summary.tagged;
@@ -193,21 +203,17 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
     json["batches"] = summary.batches;
     json["skipped"] = summary.skipped;
     json["not_for_gateway"] = summary.notForGateway;
-    nlohmann::ordered_json promotedReasons = nlohmann::ordered_json::object();
-    for (const auto& [reason, count] : summary.promotedDroppedByReason) promotedReasons[reason] = count;
     json["promoted"] = nlohmann::ordered_json{{"fired", summary.promotedFired},
                                               {"restored", summary.promotedRestored},
                                               {"delivered", summary.promotedDelivered},
                                               {"dropped", summary.promotedDropped()},
-                                              {"dropped_by_reason", std::move(promotedReasons)},
+                                              {"dropped_by_reason", reasonsJSON(summary.promotedDroppedByReason)},
                                               {"waiting", summary.promotedWaiting}};
     json["attribution_tokens"] = summary.attributionTokens;
-    nlohmann::ordered_json messageReasons = nlohmann::ordered_json::object();
-    for (const auto& [reason, count] : summary.messagesDroppedByReason) messageReasons[reason] = count;
     json["product_analytics"] = nlohmann::ordered_json{{"tracked", summary.messagesTracked},
                                                        {"delivered", summary.messagesDelivered},
                                                        {"dropped", summary.messagesDropped()},
-                                                       {"dropped_by_reason", std::move(messageReasons)},
+                                                       {"dropped_by_reason", reasonsJSON(summary.messagesDroppedByReason)},
                                                        {"waiting", summary.messagesWaiting}};
     return json.dump();
 }
@@ -391,17 +397,19 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     return replayExitCode(summary);
 }
 
-std::uint64_t ReplaySummary::promotedDropped() const {
-    std::uint64_t total = 0;
-    for (const auto& [reason, count] : promotedDroppedByReason) total += count;
-    return total;
+namespace {
+
+std::uint64_t total(const std::map<std::string, std::uint64_t>& byReason) {
+    std::uint64_t sum = 0;
+    for (const auto& [reason, count] : byReason) sum += count;
+    return sum;
 }
 
-std::uint64_t ReplaySummary::messagesDropped() const {
-    std::uint64_t total = 0;
-    for (const auto& [reason, count] : messagesDroppedByReason) total += count;
-    return total;
-}
+}  // namespace
+
+std::uint64_t ReplaySummary::promotedDropped() const { return total(promotedDroppedByReason); }
+
+std::uint64_t ReplaySummary::messagesDropped() const { return total(messagesDroppedByReason); }
 
 int replayExitCode(const ReplaySummary& summary) {
     if (summary.waiting != 0 || summary.promotedWaiting != 0 || summary.messagesWaiting != 0)

@@ -15,8 +15,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 
 namespace kt::bench {
 

@@ -27,11 +27,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 #include "BenchmarkSupport.h"
-#include "Platform/Digest.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/Platform/Digest.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 
 namespace kt::bench {
 namespace {

@@ -16,10 +16,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
 #include "BenchmarkSupport.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 namespace kt::bench {
 namespace {

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "BenchmarkSupport.h"
-#include "KTData/RequestQueue.h"
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 namespace kt::bench {
 namespace {

@@ -13,8 +13,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
 #include "BenchmarkSupport.h"
 
 namespace kt::bench {

@@ -7,7 +7,7 @@
 
 #include <chrono>
 
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "BenchmarkSupport.h"
 
 namespace kt::bench {

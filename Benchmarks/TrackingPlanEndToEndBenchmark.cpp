@@ -27,7 +27,7 @@
 
 #include "BenchmarkSupport.h"
 #include "Gateway/DevelopmentGateway.h"
-#include "TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
 
 namespace kt::bench {
 namespace {

@@ -20,14 +20,14 @@
 #include <chrono>
 #include <fstream>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "KTData/RequestQueue.h"
-#include "KTFoundation/DependencyRegistry.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 #include "BenchmarkSupport.h"
 #include "Gateway/DevelopmentGateway.h"
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);

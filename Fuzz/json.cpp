@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "Platform/JSONSerialization.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     kt::JSONSafeSerialization json;

@@ -2,7 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::set<std::string> allowed{"APEvent", "APSerializedEvent", "string", "number", "dictionary", "array"};

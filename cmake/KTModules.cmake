@@ -1,6 +1,11 @@
 # Every folder under Sources/ is a module: its .cpp files (recursively) make one static
-# library kt_<Module>. Headers are included as "<Module>/<Header>.h" from Sources/.
+# library kt_<Module>. Headers are included as "KTAnalytics/<Module>/<Header>.h", the way an
+# application includes the installed ones, so the build tree reaches Sources/ through a
+# link named KTAnalytics.
 set(KT_MODULES "" CACHE INTERNAL "")
+set(KT_BUILD_INCLUDE_DIR ${PROJECT_BINARY_DIR}/include)
+file(MAKE_DIRECTORY ${KT_BUILD_INCLUDE_DIR})
+file(CREATE_LINK ${PROJECT_SOURCE_DIR}/Sources ${KT_BUILD_INCLUDE_DIR}/KTAnalytics SYMBOLIC)
 
 function(kt_precompile target)
   # nlohmann/json is the attribute value type and costs seconds per translation unit.
@@ -16,9 +21,7 @@ function(kt_module name)
     set(sources "${PROJECT_SOURCE_DIR}/cmake/empty.cpp")
   endif()
   add_library(kt_${name} STATIC ${sources})
-  target_include_directories(kt_${name} PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Sources>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics>)
+  target_include_directories(kt_${name} PUBLIC $<BUILD_INTERFACE:${KT_BUILD_INCLUDE_DIR}>)
   target_link_libraries(kt_${name} PUBLIC ${KT_DEPENDS} Threads::Threads)
   target_compile_options(kt_${name} PRIVATE -Wall -Wextra -Wno-unused-parameter)
   kt_precompile(kt_${name})
@@ -35,8 +38,8 @@ function(kt_library)
   # (listed after) then bring in only the external libraries.
   target_link_libraries(ktanalytics PRIVATE -Wl,--whole-archive ${archives} -Wl,--no-whole-archive kt_Setup)
   target_include_directories(ktanalytics PUBLIC
-    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/Sources>
-    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics>)
+    $<BUILD_INTERFACE:${KT_BUILD_INCLUDE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   set_target_properties(ktanalytics PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   add_library(KTAnalytics::ktanalytics ALIAS ktanalytics)
 
@@ -46,7 +49,7 @@ function(kt_library)
 
   install(TARGETS ktanalytics EXPORT KTAnalyticsTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics)
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   install(EXPORT KTAnalyticsTargets NAMESPACE KTAnalytics::
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KTAnalytics)
   include(CMakePackageConfigHelpers)

@@ -6,7 +6,7 @@ find_package(Python3 COMPONENTS Interpreter REQUIRED)
 set(KT_PLAN_TABLE ${PROJECT_SOURCE_DIR}/Sources/TrackingArchitecture/Plan/TrackingPlan.txt)
 set(KT_PLAN_GENERATOR ${PROJECT_SOURCE_DIR}/scripts/generate-tracking-plan.py)
 set(KT_GENERATED_DIR ${PROJECT_BINARY_DIR}/generated)
-set(KT_PLAN_DIR ${KT_GENERATED_DIR}/TrackingArchitecture/Plan)
+set(KT_PLAN_DIR ${KT_GENERATED_DIR}/KTAnalytics/TrackingArchitecture/Plan)
 set(KT_PLAN_HEADERS
   ${KT_PLAN_DIR}/TrackingPlanEnumerations.h
   ${KT_PLAN_DIR}/EventSendingOperations.inc
@@ -20,7 +20,7 @@ set(KT_PLAN_SOURCES
 add_custom_command(
   OUTPUT ${KT_PLAN_HEADERS} ${KT_PLAN_SOURCES} ${KT_PLAN_DIR}/TrackingPlanTypedCalls.inc
           ${KT_PLAN_DIR}/TrackingPlanEnumerationRows.inc
-  COMMAND Python3::Interpreter ${KT_PLAN_GENERATOR} ${KT_PLAN_TABLE} ${KT_GENERATED_DIR}
+  COMMAND Python3::Interpreter ${KT_PLAN_GENERATOR} ${KT_PLAN_TABLE} ${KT_GENERATED_DIR}/KTAnalytics
   DEPENDS ${KT_PLAN_TABLE} ${KT_PLAN_GENERATOR}
   COMMENT "Generating the tracking plan"
   VERBATIM)

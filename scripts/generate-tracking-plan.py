@@ -166,7 +166,7 @@ HEADER = "// Generated from TrackingPlan.txt by scripts/generate-tracking-plan.p
 def enumerations_header(enumerations):
     out = [HEADER, "#pragma once\n",
            "#include <cstdint>\n#include <string>\n",
-           '#include "TrackingArchitecture/Plan/PlanEnumeration.h"\n',
+           '#include "KTAnalytics/TrackingArchitecture/Plan/PlanEnumeration.h"\n',
            "namespace kt {\n"]
     for name, strings in enumerations.items():
         cases = case_names(name, strings)
@@ -189,9 +189,9 @@ def catalogue_order(items, name=lambda item: item):
 def enumerations_source(enumerations):
     # The strings live once, in the catalogue's data; each description indexes into it.
     index = {name: i for i, name in enumerate(catalogue_order(enumerations))}
-    out = [HEADER, '#include "TrackingArchitecture/Plan/TrackingPlanEnumerations.h"\n',
-           "#include <string>\n", '#include "Platform/Fatal.h"',
-           '#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n', "namespace kt {\n",
+    out = [HEADER, '#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanEnumerations.h"\n',
+           "#include <string>\n", '#include "KTAnalytics/Platform/Fatal.h"',
+           '#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n', "namespace kt {\n",
            "namespace {",
            "std::string describe(std::size_t index, std::int64_t raw) {",
            "    const tracking::PlanEnumerationInfo& enumeration = tracking::planEnumerations()[index];",
@@ -223,8 +223,8 @@ def sender_operations_declarations(operations):
 
 
 def sender_operations_source(operations, enumerations):
-    out = [HEADER, '#include "TrackingArchitecture/EventSender.h"\n',
-           '#include "TrackingArchitecture/PropertyValue.h"\n', "namespace kt {\n",
+    out = [HEADER, '#include "KTAnalytics/TrackingArchitecture/EventSender.h"\n',
+           '#include "KTAnalytics/TrackingArchitecture/PropertyValue.h"\n', "namespace kt {\n",
            "// Without a description the value would be sent as its number."]
     out += [f"static_assert(tracking::PlanEnumeration<{name}>);" for name in enumerations]
     out.append("")
@@ -245,10 +245,10 @@ READERS = {
 
 
 def plan_call_source(operations):
-    out = [HEADER, '#include "TrackingArchitecture/Plan/PlanCall.h"\n',
+    out = [HEADER, '#include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"\n',
            "#include <algorithm>\n#include <iterator>\n",
-           '#include "TrackingArchitecture/EventSending.h"',
-           '#include "TrackingArchitecture/Plan/Detail/ArgumentReader.h"\n',
+           '#include "KTAnalytics/TrackingArchitecture/EventSending.h"',
+           '#include "KTAnalytics/TrackingArchitecture/Plan/Detail/ArgumentReader.h"\n',
            "namespace kt::tracking {\n", "namespace {\n",
            "using Call = void (*)(EventSending&, detail::ArgumentReader&);\n"]
     for op in operations:
@@ -298,7 +298,7 @@ KINDS = {
 def catalogue_source(operations, enumerations):
     operations = catalogue_order(operations, lambda o: o["name"])
     enumerations = {name: enumerations[name] for name in catalogue_order(enumerations)}
-    out = [HEADER, '#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n',
+    out = [HEADER, '#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"\n',
            "#include <algorithm>\n", "namespace kt::tracking {\n", "namespace {\n",
            "using K = PropertyKind;\n"]
     for index, op in enumerate(operations):

@@ -1,6 +1,6 @@
-#include "Analytics/ConsoleFirebaseAnalytics.h"
+#include "KTAnalytics/Analytics/ConsoleFirebaseAnalytics.h"
 
-#include "Analytics/Detail/ParameterDescription.h"
+#include "KTAnalytics/Analytics/Detail/ParameterDescription.h"
 
 namespace kt {
 

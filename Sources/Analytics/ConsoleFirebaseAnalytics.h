@@ -9,8 +9,8 @@
 #include <ostream>
 #include <string>
 
-#include "Analytics/FirebaseAnalyticsProviding.h"
-#include "Analytics/FirebaseAnalyticsWrapping.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsProviding.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsWrapping.h"
 
 namespace kt {
 

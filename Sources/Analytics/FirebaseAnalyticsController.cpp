@@ -1,6 +1,6 @@
-#include "Analytics/FirebaseAnalyticsController.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsController.h"
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -9,10 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "Analytics/FirebaseAnalyticsLogging.h"
-#include "Analytics/FirebaseAnalyticsWrapping.h"
-#include "KTFoundation/FirebaseAnalyticsControlling.h"
-#include "KTFoundation/PrivacySettingsStoring.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsLogging.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsWrapping.h"
+#include "KTAnalytics/KTFoundation/FirebaseAnalyticsControlling.h"
+#include "KTAnalytics/KTFoundation/PrivacySettingsStoring.h"
 
 namespace kt {
 

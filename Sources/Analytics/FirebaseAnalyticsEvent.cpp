@@ -1,7 +1,7 @@
-#include "Analytics/FirebaseAnalyticsEvent.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEvent.h"
 
-#include "Analytics/Detail/ParameterDescription.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Analytics/Detail/ParameterDescription.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "Analytics/FirebaseAnalyticsEventName.h"
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventName.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Analytics/FirebaseAnalyticsEventFactory.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventFactory.h"
 
 namespace kt {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "Analytics/FirebaseAnalyticsEventManufacturing.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventManufacturing.h"
 
 namespace kt {
 

@@ -5,10 +5,10 @@
 
 #include <cstdint>
 
-#include "Analytics/FirebaseAnalyticsEvent.h"
-#include "KTFoundation/DependencyRegistry.h"
-#include "KTFoundation/KTTime.h"
-#include "Middleware/AdType.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEvent.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/KTFoundation/KTTime.h"
+#include "KTAnalytics/Middleware/AdType.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Analytics/FirebaseAnalyticsEventName.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventName.h"
 
 namespace kt {
 

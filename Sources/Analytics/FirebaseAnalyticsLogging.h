@@ -2,8 +2,8 @@
 // Logs ready-made Firebase events (those of the event factory). The host registers its
 // logger in the dependency registry under `DependencyKeys::firebaseAnalyticsLogger`.
 
-#include "Analytics/FirebaseAnalyticsEvent.h"
-#include "KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEvent.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
-#include "Analytics/FirebaseUserPropertyLogger.h"
+#include "KTAnalytics/Analytics/FirebaseUserPropertyLogger.h"
 
-#include "Analytics/OperatingSystemVersion.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Analytics/OperatingSystemVersion.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 namespace {

@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "Analytics/FirebaseAnalyticsProviding.h"
-#include "KTFoundation/AuthenticationStatusProviding.h"
-#include "Middleware/CreatorPlanManaging.h"
-#include "Middleware/CurrentPlanReposing.h"
-#include "Middleware/DevMenuFeatureStatusProvider.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsProviding.h"
+#include "KTAnalytics/KTFoundation/AuthenticationStatusProviding.h"
+#include "KTAnalytics/Middleware/CreatorPlanManaging.h"
+#include "KTAnalytics/Middleware/CurrentPlanReposing.h"
+#include "KTAnalytics/Middleware/DevMenuFeatureStatusProvider.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Analytics/OperatingSystemVersion.h"
+#include "KTAnalytics/Analytics/OperatingSystemVersion.h"
 
 #include <sys/utsname.h>
 

@@ -1,12 +1,12 @@
-#include "AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
 
 #include <mutex>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/APEventFormatter.h"
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Fatal.h"
-#include "Platform/TypeInfo.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/TypeInfo.h"
 
 namespace kt {
 

@@ -9,11 +9,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "AnalyticsProvider/APEventNames.h"
-#include "KTData/RRUReliableRequestUploader.h"
-#include "KTFoundation/KTLogger.h"
-#include "KTFoundation/TechEvent.h"
-#include "Middleware/APAnalyticsProviderInterface.h"
+#include "KTAnalytics/AnalyticsProvider/APEventNames.h"
+#include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
+#include "KTAnalytics/KTFoundation/TechEvent.h"
+#include "KTAnalytics/Middleware/APAnalyticsProviderInterface.h"
 
 namespace kt {
 

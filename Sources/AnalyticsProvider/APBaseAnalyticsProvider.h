@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "Middleware/APAnalyticsProviderInterface.h"
+#include "KTAnalytics/Middleware/APAnalyticsProviderInterface.h"
 
 namespace kt {
 

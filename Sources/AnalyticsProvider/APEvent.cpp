@@ -1,10 +1,10 @@
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 
 #include <typeinfo>
 
-#include "Platform/Fatal.h"
-#include "Platform/KeyedArchive.h"
-#include "Platform/TypeInfo.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/TypeInfo.h"
 
 namespace kt {
 

@@ -9,8 +9,8 @@
 #include <set>
 #include <string>
 
-#include "Middleware/APEventDescripting.h"
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

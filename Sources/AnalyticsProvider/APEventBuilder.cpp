@@ -1,6 +1,6 @@
-#include "AnalyticsProvider/APEventBuilder.h"
+#include "KTAnalytics/AnalyticsProvider/APEventBuilder.h"
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

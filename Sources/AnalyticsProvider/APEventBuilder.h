@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "Middleware/PageName.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Middleware/PageName.h"
 
 namespace kt {
 

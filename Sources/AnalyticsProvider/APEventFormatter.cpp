@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/APEventFormatter.h"
+#include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
 
 #include <algorithm>
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Middleware/APEventDescripting.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
 
 namespace kt {
 

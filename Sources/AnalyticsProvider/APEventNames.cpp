@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/APEventNames.h"
+#include "KTAnalytics/AnalyticsProvider/APEventNames.h"
 
 namespace kt {
 

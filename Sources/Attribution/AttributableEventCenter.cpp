@@ -1,8 +1,8 @@
-#include "Attribution/AttributableEventCenter.h"
+#include "KTAnalytics/Attribution/AttributableEventCenter.h"
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "Attribution/AttributableEventEmitters.h"
-#include "KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/Attribution/AttributableEventEmitters.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
 
 namespace kt {
 

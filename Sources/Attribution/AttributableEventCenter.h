@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include "Attribution/AttributableEvents.h"
+#include "KTAnalytics/Attribution/AttributableEvents.h"
 
 namespace kt {
 

@@ -1,12 +1,12 @@
-#include "Attribution/AttributableEventEmitters.h"
+#include "KTAnalytics/Attribution/AttributableEventEmitters.h"
 
 #include <cmath>
 #include <limits>
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "KTFoundation/KeyValueStoring.h"
-#include "KTFoundation/Urn.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

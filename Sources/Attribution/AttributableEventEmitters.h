@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
-#include "Attribution/AttributableEvents.h"
-#include "Middleware/PlaybackServicing.h"
+#include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "KTAnalytics/Attribution/AttributableEvents.h"
+#include "KTAnalytics/Middleware/PlaybackServicing.h"
 
 namespace kt {
 

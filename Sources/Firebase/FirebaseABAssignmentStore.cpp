@@ -1,7 +1,7 @@
-#include "Firebase/FirebaseABAssignmentStore.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignmentStore.h"
 
-#include "Platform/Fatal.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt {
 

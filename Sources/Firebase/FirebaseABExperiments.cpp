@@ -1,4 +1,4 @@
-#include "Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
 
 namespace kt {
 

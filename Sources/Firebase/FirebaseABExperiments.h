@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Firebase/FirebaseABAssignment.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignment.h"
 
 namespace kt {
 

@@ -1,8 +1,8 @@
-#include "Firebase/FirebaseABManager.h"
+#include "KTAnalytics/Firebase/FirebaseABManager.h"
 
-#include "Firebase/Detail/WholeTextNumber.h"
-#include "Platform/Fatal.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Firebase/Detail/WholeTextNumber.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "Firebase/FirebaseABAssignment.h"
-#include "Firebase/FirebaseABAssignmentStore.h"
-#include "Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignment.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignmentStore.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
-#include "Firebase/FirebaseABManagerMenuExperimentViewController.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuExperimentViewController.h"
 
-#include "Firebase/FirebaseABManagerMenuVariantsViewController.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuVariantsViewController.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

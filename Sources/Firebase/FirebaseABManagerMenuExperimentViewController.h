@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 
-#include "Firebase/FirebaseABAssignment.h"
-#include "Firebase/FirebaseABManager.h"
-#include "Firebase/MenuNavigationStack.h"
-#include "Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignment.h"
+#include "KTAnalytics/Firebase/FirebaseABManager.h"
+#include "KTAnalytics/Firebase/MenuNavigationStack.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Firebase/FirebaseABManagerMenuVariantsViewController.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuVariantsViewController.h"
 
 namespace kt {
 

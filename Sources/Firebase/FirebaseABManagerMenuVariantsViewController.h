@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "Firebase/FirebaseABAssignment.h"
-#include "Firebase/MenuNavigationStack.h"
+#include "KTAnalytics/Firebase/FirebaseABAssignment.h"
+#include "KTAnalytics/Firebase/MenuNavigationStack.h"
 
 namespace kt {
 

@@ -1,8 +1,8 @@
-#include "Firebase/FirebaseABManagerMenuViewController.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuViewController.h"
 
-#include "Firebase/FirebaseABExperiments.h"
-#include "Firebase/FirebaseABManagerMenuExperimentViewController.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuExperimentViewController.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -4,9 +4,9 @@
 
 #include <memory>
 
-#include "Firebase/FirebaseABManager.h"
-#include "Firebase/MenuNavigationStack.h"
-#include "Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/Firebase/FirebaseABManager.h"
+#include "KTAnalytics/Firebase/MenuNavigationStack.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
 
 namespace kt {
 

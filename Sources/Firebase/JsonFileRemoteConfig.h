@@ -10,7 +10,7 @@
 #include <set>
 #include <string>
 
-#include "Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
 
 namespace kt {
 

@@ -1,6 +1,6 @@
-#include "Firebase/MenuNavigationStack.h"
+#include "KTAnalytics/Firebase/MenuNavigationStack.h"
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

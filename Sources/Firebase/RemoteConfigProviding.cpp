@@ -1,6 +1,6 @@
-#include "Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
 
-#include "Firebase/Detail/WholeTextNumber.h"
+#include "KTAnalytics/Firebase/Detail/WholeTextNumber.h"
 
 namespace kt {
 

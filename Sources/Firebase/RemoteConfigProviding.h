@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
 
 namespace kt {
 

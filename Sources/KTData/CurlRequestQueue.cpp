@@ -1,4 +1,4 @@
-#include "KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,10 +14,10 @@
 #include <boost/url/url_view.hpp>
 #include <curl/curl.h>
 
-#include "KTFoundation/ConnectivityStateDetecting.h"
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Backoff.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/KTFoundation/ConnectivityStateDetecting.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Backoff.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

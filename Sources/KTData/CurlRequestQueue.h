@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
 
 namespace kt {
 

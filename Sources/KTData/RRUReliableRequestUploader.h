@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

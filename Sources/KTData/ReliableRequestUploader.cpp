@@ -1,4 +1,4 @@
-#include "KTData/ReliableRequestUploader.h"
+#include "KTAnalytics/KTData/ReliableRequestUploader.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -16,10 +16,10 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Backoff.h"
-#include "Platform/Fatal.h"
-#include "Platform/OwnerOnlyFiles.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Backoff.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 

@@ -24,9 +24,9 @@
 #include <memory>
 #include <string>
 
-#include "KTData/RRUReliableRequestUploader.h"
-#include "KTData/RequestQueue.h"
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
 
 #include <algorithm>
 #include <cctype>

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "KTFoundation/ConnectivityStateDetecting.h"
+#include "KTAnalytics/KTFoundation/ConnectivityStateDetecting.h"
 
 #include <map>
 #include <system_error>

@@ -1,4 +1,4 @@
-#include "KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
 
 #include <charconv>
 #include <cstdlib>
@@ -8,7 +8,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt {
 

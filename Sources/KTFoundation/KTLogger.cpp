@@ -1,4 +1,4 @@
-#include "KTFoundation/KTLogger.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
 
 #include <algorithm>
 

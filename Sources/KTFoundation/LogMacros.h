@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "KTFoundation/KTLogger.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
 
 #define KT_LOG(logger, level, file, function, ...)                                               \
     do {                                                                                         \

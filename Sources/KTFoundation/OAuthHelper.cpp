@@ -1,4 +1,4 @@
-#include "KTFoundation/OAuthHelper.h"
+#include "KTAnalytics/KTFoundation/OAuthHelper.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
-#include "KTFoundation/PersistedPrivacySettings.h"
+#include "KTAnalytics/KTFoundation/PersistedPrivacySettings.h"
 
-#include "Platform/Fatal.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt {
 namespace {

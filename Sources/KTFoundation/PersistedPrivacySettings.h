@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "KTFoundation/PrivacySettingsStoring.h"
+#include "KTAnalytics/KTFoundation/PrivacySettingsStoring.h"
 
 namespace kt {
 

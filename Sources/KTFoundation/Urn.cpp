@@ -1,4 +1,4 @@
-#include "KTFoundation/Urn.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
 
 #include <algorithm>
 

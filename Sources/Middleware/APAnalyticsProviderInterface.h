@@ -5,7 +5,7 @@
 #include <string>
 #include <unordered_set>
 
-#include "Middleware/APEventDescripting.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
 
 namespace kt {
 

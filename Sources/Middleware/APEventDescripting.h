@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Middleware/AnalyticsConstants.h"
+#include "KTAnalytics/Middleware/AnalyticsConstants.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
 #pragma once
 // Source of the signed-in creator's subscription plan.
 
-#include "Middleware/CreatorPlan.h"
+#include "KTAnalytics/Middleware/CreatorPlan.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
 #pragma once
 // Source of the listener's current subscription plan.
 
-#include "Middleware/PlanType.h"
+#include "KTAnalytics/Middleware/PlanType.h"
 
 namespace kt {
 

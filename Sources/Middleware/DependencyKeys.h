@@ -1,9 +1,9 @@
 #pragma once
 // Keys of the services the shared frameworks resolve through the dependency registry.
 
-#include "KTFoundation/DependencyRegistry.h"
-#include "Middleware/FeatureFlags.h"
-#include "Middleware/StatsigManaging.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/Middleware/FeatureFlags.h"
+#include "KTAnalytics/Middleware/StatsigManaging.h"
 
 namespace kt::DependencyKeys {
 

@@ -1,4 +1,4 @@
-#include "Middleware/PageName.h"
+#include "KTAnalytics/Middleware/PageName.h"
 
 namespace kt {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "KTFoundation/Urn.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
 
 namespace kt {
 

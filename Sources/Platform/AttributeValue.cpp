@@ -1,4 +1,4 @@
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 #include <boost/container/small_vector.hpp>
 

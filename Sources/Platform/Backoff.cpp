@@ -1,4 +1,4 @@
-#include "Platform/Backoff.h"
+#include "KTAnalytics/Platform/Backoff.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "Platform/DeviceIdentifier.h"
+#include "KTAnalytics/Platform/DeviceIdentifier.h"
 
 #include <array>
 #include <fstream>

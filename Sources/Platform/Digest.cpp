@@ -1,8 +1,8 @@
-#include "Platform/Digest.h"
+#include "KTAnalytics/Platform/Digest.h"
 
 #include <openssl/evp.h>
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 #include <cstdio>
 #include <cstdlib>

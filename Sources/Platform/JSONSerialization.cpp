@@ -1,4 +1,4 @@
-#include "Platform/JSONSerialization.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
 
 #include <cmath>
 #include <vector>

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

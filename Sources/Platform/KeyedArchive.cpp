@@ -1,11 +1,11 @@
-#include "Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
 
 #include <cstdint>
 #include <limits>
 #include <string_view>
 #include <vector>
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -13,7 +13,7 @@
 #include <set>
 #include <string>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Platform/OwnerOnlyFiles.h"
+#include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "Platform/Fatal.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Platform/TypeInfo.h"
+#include "KTAnalytics/Platform/TypeInfo.h"
 
 #include <cxxabi.h>
 

@@ -1,4 +1,4 @@
-#include "Platform/UUID.h"
+#include "KTAnalytics/Platform/UUID.h"
 
 #include <cstring>
 

@@ -1,4 +1,4 @@
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 #include <chrono>
 #include <cmath>
@@ -12,8 +12,8 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include "Platform/Fatal.h"
-#include "Platform/OwnerOnlyFiles.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 

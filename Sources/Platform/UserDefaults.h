@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -1,9 +1,9 @@
-#include "Promoted/APPromotedAnalyticsProvider.h"
+#include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
 
-#include "KTData/RRUReliableRequestUploader.h"
-#include "Middleware/APEventDescripting.h"
-#include "Platform/Fatal.h"
-#include "Promoted/APPromotedRequestFactory.h"
+#include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Promoted/APPromotedRequestFactory.h"
 
 namespace kt {
 

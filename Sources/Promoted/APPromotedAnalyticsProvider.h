@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
 
 namespace kt {
 

@@ -1,9 +1,9 @@
-#include "Promoted/APPromotedRequestFactory.h"
+#include "KTAnalytics/Promoted/APPromotedRequestFactory.h"
 
 #include <boost/url/parse.hpp>
 
-#include "KTFoundation/KTEnvironment.h"
-#include "Middleware/APEventDescripting.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
 
 namespace kt {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

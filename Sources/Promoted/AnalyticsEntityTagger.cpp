@@ -1,12 +1,12 @@
-#include "Promoted/AnalyticsEntityTagger.h"
+#include "KTAnalytics/Promoted/AnalyticsEntityTagger.h"
 
 #include <boost/url/parse.hpp>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/APEventBuilder.h"
-#include "Middleware/APAnalyticsProviderInterface.h"
-#include "Platform/Fatal.h"
-#include "Promoted/APPromotedAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEventBuilder.h"
+#include "KTAnalytics/Middleware/APAnalyticsProviderInterface.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
 
 namespace kt {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "Middleware/AnalyticsConstants.h"
+#include "KTAnalytics/Middleware/AnalyticsConstants.h"
 
 namespace kt {
 

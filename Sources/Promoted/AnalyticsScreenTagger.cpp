@@ -1,8 +1,8 @@
-#include "Promoted/AnalyticsScreenTagger.h"
+#include "KTAnalytics/Promoted/AnalyticsScreenTagger.h"
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "AnalyticsProvider/APEvent.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

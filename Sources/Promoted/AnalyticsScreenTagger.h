@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "Middleware/AnalyticsConstants.h"
+#include "KTAnalytics/Middleware/AnalyticsConstants.h"
 
 namespace kt {
 

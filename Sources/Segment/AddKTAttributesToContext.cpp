@@ -1,7 +1,7 @@
-#include "Segment/AddKTAttributesToContext.h"
+#include "KTAnalytics/Segment/AddKTAttributesToContext.h"
 
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProviding.h"
 
 #if defined(__clang__)
 #define KT_ANONYMOUS_ID_PROVIDER anonyMouseIdProvider

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Segment/Client/SEGPayload.h"
+#include "KTAnalytics/Segment/Client/SEGPayload.h"
 
 namespace kt {
 

@@ -4,7 +4,7 @@
 #include <iosfwd>
 #include <string>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

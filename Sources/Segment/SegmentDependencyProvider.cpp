@@ -1,11 +1,11 @@
-#include "Segment/SegmentDependencyProvider.h"
+#include "KTAnalytics/Segment/SegmentDependencyProvider.h"
 
 #include <boost/url/parse.hpp>
 
-#include "KTData/CurlRequestQueue.h"
-#include "KTFoundation/CredentialStore.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 namespace kt {
 namespace {

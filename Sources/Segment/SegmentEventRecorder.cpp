@@ -1,4 +1,4 @@
-#include "Segment/SegmentEventRecorder.h"
+#include "KTAnalytics/Segment/SegmentEventRecorder.h"
 
 namespace kt {
 

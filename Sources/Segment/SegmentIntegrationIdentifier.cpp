@@ -1,4 +1,4 @@
-#include "Segment/SegmentIntegrationIdentifier.h"
+#include "KTAnalytics/Segment/SegmentIntegrationIdentifier.h"
 
 namespace kt {
 namespace {

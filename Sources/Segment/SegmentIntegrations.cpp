@@ -1,10 +1,10 @@
-#include "Segment/SegmentIntegrations.h"
+#include "KTAnalytics/Segment/SegmentIntegrations.h"
 
 #include <ostream>
 
-#include "KTFoundation/FirebaseAnalyticsControlling.h"
-#include "KTFoundation/LogMacros.h"
-#include "Segment/MoEngageEventLogging.h"
+#include "KTAnalytics/KTFoundation/FirebaseAnalyticsControlling.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Segment/MoEngageEventLogging.h"
 
 namespace kt {
 namespace {

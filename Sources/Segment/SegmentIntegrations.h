@@ -7,8 +7,8 @@
 #include <memory>
 #include <mutex>
 
-#include "Segment/Client/SEGPayload.h"
-#include "Segment/SegmentDependencyProvider.h"
+#include "KTAnalytics/Segment/Client/SEGPayload.h"
+#include "KTAnalytics/Segment/SegmentDependencyProvider.h"
 
 namespace kt {
 

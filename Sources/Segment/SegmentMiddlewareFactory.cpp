@@ -1,11 +1,11 @@
-#include "Segment/SegmentMiddlewareFactory.h"
+#include "KTAnalytics/Segment/SegmentMiddlewareFactory.h"
 
 #include <iostream>
 
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
-#include "Segment/AddKTAttributesToContext.h"
-#include "Segment/SegmentIntegrations.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/Segment/AddKTAttributesToContext.h"
+#include "KTAnalytics/Segment/SegmentIntegrations.h"
 
 namespace kt {
 

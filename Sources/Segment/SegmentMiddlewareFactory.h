@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "Segment/Client/SEGPayload.h"
-#include "Segment/SegmentDependencyProvider.h"
+#include "KTAnalytics/Segment/Client/SEGPayload.h"
+#include "KTAnalytics/Segment/SegmentDependencyProvider.h"
 
 namespace kt {
 

@@ -1,12 +1,12 @@
-#include "Segment/SegmentRequestRewriter.h"
+#include "KTAnalytics/Segment/SegmentRequestRewriter.h"
 
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 
-#include "KTFoundation/CredentialStore.h"
-#include "KTFoundation/LogMacros.h"
-#include "KTFoundation/OAuthHelper.h"
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/KTFoundation/OAuthHelper.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 namespace kt {
 namespace {

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

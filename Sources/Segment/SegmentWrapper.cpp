@@ -1,15 +1,15 @@
-#include "Segment/SegmentWrapper.h"
+#include "KTAnalytics/Segment/SegmentWrapper.h"
 
 #include <mutex>
 
-#include "AnalyticsProvider/EventGateway/AnonymousID.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Fatal.h"
-#include "Segment/Client/SEGAnalytics.h"
-#include "Segment/SegmentDependencyProvider.h"
-#include "Segment/SegmentMiddlewareFactory.h"
-#include "Segment/SegmentRequestRewriter.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnonymousID.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/Segment/SegmentDependencyProvider.h"
+#include "KTAnalytics/Segment/SegmentMiddlewareFactory.h"
+#include "KTAnalytics/Segment/SegmentRequestRewriter.h"
 
 namespace kt {
 namespace {

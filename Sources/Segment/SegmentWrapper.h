@@ -6,10 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "Segment/SegmentAnalyticsProtocol.h"
-#include "Segment/SegmentEventRecorder.h"
-#include "Segment/SegmentMiddlewareFactory.h"
-#include "Segment/SegmentWrapping.h"
+#include "KTAnalytics/Segment/SegmentAnalyticsProtocol.h"
+#include "KTAnalytics/Segment/SegmentEventRecorder.h"
+#include "KTAnalytics/Segment/SegmentMiddlewareFactory.h"
+#include "KTAnalytics/Segment/SegmentWrapping.h"
 
 namespace kt {
 

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -30,11 +30,11 @@
 #include <string>
 #include <vector>
 
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
-#include "KTData/CurlRequestQueue.h"
-#include "KTData/ReliableRequestUploader.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTData/ReliableRequestUploader.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 namespace kt {
 

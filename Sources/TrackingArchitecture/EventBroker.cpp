@@ -1,7 +1,7 @@
-#include "TrackingArchitecture/EventBroker.h"
+#include "KTAnalytics/TrackingArchitecture/EventBroker.h"
 
-#include "Platform/Fatal.h"
-#include "Segment/SegmentIntegrationIdentifier.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Segment/SegmentIntegrationIdentifier.h"
 
 namespace kt {
 

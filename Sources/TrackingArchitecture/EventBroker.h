@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "Segment/SegmentWrapping.h"
-#include "TrackingArchitecture/EventBrokering.h"
+#include "KTAnalytics/Segment/SegmentWrapping.h"
+#include "KTAnalytics/TrackingArchitecture/EventBrokering.h"
 
 namespace kt {
 

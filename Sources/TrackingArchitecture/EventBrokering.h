@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "Platform/AttributeValue.h"
-#include "TrackingArchitecture/TrackingEvent.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
 

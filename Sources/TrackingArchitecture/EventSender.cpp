@@ -1,8 +1,8 @@
-#include "TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
 
-#include "Platform/Fatal.h"
-#include "Segment/SegmentWrapper.h"
-#include "TrackingArchitecture/EventBroker.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Segment/SegmentWrapper.h"
+#include "KTAnalytics/TrackingArchitecture/EventBroker.h"
 
 namespace kt {
 

@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "KTFoundation/DependencyRegistry.h"
-#include "TrackingArchitecture/EventBrokering.h"
-#include "TrackingArchitecture/EventSending.h"
-#include "TrackingArchitecture/TrackingEvent.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/TrackingArchitecture/EventBrokering.h"
+#include "KTAnalytics/TrackingArchitecture/EventSending.h"
+#include "KTAnalytics/TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
 
@@ -26,7 +26,7 @@ public:
 
     const std::shared_ptr<EventBrokering>& eventBroker() const { return eventBroker_; }
 
-#include "TrackingArchitecture/Plan/EventSenderOperations.inc"
+#include "KTAnalytics/TrackingArchitecture/Plan/EventSenderOperations.inc"
 
     /// What every operation does: the pairs (in the plan's key order) become the event's
     /// properties, and the event goes to the broker. Two pairs with one key are a

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "KTFoundation/Urn.h"
-#include "Platform/AttributeValue.h"
-#include "TrackingArchitecture/Plan/TrackingPlanEnumerations.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanEnumerations.h"
 
 namespace kt {
 
@@ -22,7 +22,7 @@ public:
     virtual void flush() = 0;
 
     // One operation per event of the tracking plan, generated from Plan/TrackingPlan.txt.
-#include "TrackingArchitecture/Plan/EventSendingOperations.inc"
+#include "KTAnalytics/TrackingArchitecture/Plan/EventSendingOperations.inc"
 };
 
 class IdentityEventSending {

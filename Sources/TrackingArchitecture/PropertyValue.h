@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "KTFoundation/Urn.h"
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt::tracking {
 

@@ -1,4 +1,4 @@
-#include "Analytics/FirebaseAnalyticsController.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsController.h"
 
 #include <atomic>
 #include <sstream>
@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Analytics/ConsoleFirebaseAnalytics.h"
+#include "KTAnalytics/Analytics/ConsoleFirebaseAnalytics.h"
 #include "Support/RecordingFirebaseAnalytics.h"
 
 namespace kt {

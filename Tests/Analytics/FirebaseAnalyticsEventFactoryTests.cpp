@@ -1,4 +1,4 @@
-#include "Analytics/FirebaseAnalyticsEventFactory.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventFactory.h"
 
 #include <functional>
 

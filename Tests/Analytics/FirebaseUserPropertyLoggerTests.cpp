@@ -1,8 +1,8 @@
-#include "Analytics/FirebaseUserPropertyLogger.h"
+#include "KTAnalytics/Analytics/FirebaseUserPropertyLogger.h"
 
 #include <gtest/gtest.h>
 
-#include "Analytics/OperatingSystemVersion.h"
+#include "KTAnalytics/Analytics/OperatingSystemVersion.h"
 #include "Support/RecordingFirebaseAnalytics.h"
 
 namespace kt {

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "Support/RecordingTechLogger.h"
 #include "Support/RecordingUploader.h"
 

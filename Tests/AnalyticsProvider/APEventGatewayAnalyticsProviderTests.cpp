@@ -1,15 +1,15 @@
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 
 #include <tuple>
 
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 namespace kt {
 namespace {

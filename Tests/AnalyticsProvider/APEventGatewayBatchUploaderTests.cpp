@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 
 #include <algorithm>
 #include <atomic>
@@ -9,13 +9,13 @@
 
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APEventFormatter.h"
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 #include "Support/FakeRequestQueue.h"
 #include "Support/RecordingLogger.h"
 #include "Support/RecordingTechLogger.h"

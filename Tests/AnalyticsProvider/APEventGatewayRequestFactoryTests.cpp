@@ -1,13 +1,13 @@
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 
 #include <limits>
 
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
-#include "KTFoundation/CredentialStore.h"
-#include "KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
 
 namespace kt {
 namespace {

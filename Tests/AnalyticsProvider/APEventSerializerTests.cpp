@@ -1,6 +1,6 @@
 // Events, and the store that keeps each in a file of its own.
 
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 
 #include <cerrno>
 #include <fstream>
@@ -11,11 +11,11 @@
 
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APEventBuilder.h"
-#include "AnalyticsProvider/APEventFormatter.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "Platform/Digest.h"
-#include "Platform/KeyedArchive.h"
+#include "KTAnalytics/AnalyticsProvider/APEventBuilder.h"
+#include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/Platform/Digest.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
 #include "Support/RecordingLogger.h"
 #include "Support/TemporaryDirectory.h"
 

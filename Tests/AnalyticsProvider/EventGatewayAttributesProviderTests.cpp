@@ -1,6 +1,6 @@
 // The registry the application fills, and the attributes every gateway event takes from it.
 
-#include "AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
 
 #include <atomic>
 #include <cmath>
@@ -11,13 +11,13 @@
 
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
-#include "KTFoundation/AnalyticsIdProviding.h"
-#include "Middleware/AssignedABTestVariantIDProviding.h"
-#include "Middleware/DependencyKeys.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProviding.h"
+#include "KTAnalytics/KTFoundation/AnalyticsIdProviding.h"
+#include "KTAnalytics/Middleware/AssignedABTestVariantIDProviding.h"
+#include "KTAnalytics/Middleware/DependencyKeys.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 #include "Support/FakeConnectivity.h"
 
 namespace kt {

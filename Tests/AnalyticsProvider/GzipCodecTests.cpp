@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 
 #include <cmath>
 #include <random>

@@ -1,11 +1,11 @@
-#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
 
 #include <sstream>
 
 #include <gtest/gtest.h>
 
-#include "KTFoundation/KeyValueStoring.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/APEventNames.h"
-#include "Attribution/AttributableEventCenter.h"
-#include "Attribution/AttributableEventEmitters.h"
-#include "KTFoundation/KeyValueStoring.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEventNames.h"
+#include "KTAnalytics/Attribution/AttributableEventCenter.h"
+#include "KTAnalytics/Attribution/AttributableEventEmitters.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/RecordingUploader.h"
 #include "Support/TemporaryDirectory.h"
 

@@ -2,7 +2,7 @@
 // requests arrive as built, no more run at once than allowed, and connections are reused.
 // Refusals, time-outs and shutdown are covered without a server in the KTData suite.
 
-#include "KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>

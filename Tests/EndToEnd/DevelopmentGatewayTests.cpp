@@ -18,7 +18,7 @@
 #include <random>
 #include <thread>
 
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 #include "Support/RunningGateway.h"
 
 namespace kt::gateway {

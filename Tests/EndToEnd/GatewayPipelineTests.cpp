@@ -6,9 +6,9 @@
 #include <chrono>
 #include <sstream>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 #include "Support/RecordingTechLogger.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"

@@ -12,8 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"

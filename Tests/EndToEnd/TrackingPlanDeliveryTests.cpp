@@ -12,13 +12,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
-#include "Segment/SegmentWrapper.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/Segment/SegmentWrapper.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
-#include "TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
 
 namespace kt {
 namespace {

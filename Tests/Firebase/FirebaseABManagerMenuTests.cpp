@@ -1,12 +1,12 @@
-#include "Firebase/FirebaseABManagerMenuViewController.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuViewController.h"
 
 #include <gtest/gtest.h>
 
-#include "Firebase/FirebaseABExperiments.h"
-#include "Firebase/FirebaseABManagerMenuExperimentViewController.h"
-#include "Firebase/FirebaseABManagerMenuVariantsViewController.h"
-#include "Firebase/JsonFileRemoteConfig.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuExperimentViewController.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuVariantsViewController.h"
+#include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {

@@ -1,4 +1,4 @@
-#include "Firebase/FirebaseABManager.h"
+#include "KTAnalytics/Firebase/FirebaseABManager.h"
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <tuple>
 #include <unordered_set>
 
-#include "Firebase/FirebaseABExperiments.h"
-#include "Firebase/JsonFileRemoteConfig.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {

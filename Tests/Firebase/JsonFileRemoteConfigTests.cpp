@@ -1,4 +1,4 @@
-#include "Firebase/JsonFileRemoteConfig.h"
+#include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // reachability, and the result every status maps to. Answers from a real server are
 // covered by the end-to-end suite.
 
-#include "KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "KTData/ReliableRequestUploader.h"
+#include "KTAnalytics/KTData/ReliableRequestUploader.h"
 
 #include <chrono>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
 
 #include <cstdlib>
 #include <map>

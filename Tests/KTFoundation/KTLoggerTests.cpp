@@ -1,9 +1,9 @@
-#include "KTFoundation/KTLogger.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "KTFoundation/LogMacros.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
 #include "Support/RecordingLogger.h"
 
 namespace kt {

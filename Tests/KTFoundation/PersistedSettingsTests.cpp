@@ -1,6 +1,6 @@
 // What the SDK keeps for the user: the credential, privacy choices and name-spaced values.
 
-#include "KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
 
 #include <fstream>
 #include <sstream>
@@ -11,9 +11,9 @@
 
 #include <gtest/gtest.h>
 
-#include "KTFoundation/KeyValueStoring.h"
-#include "KTFoundation/PersistedPrivacySettings.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/KTFoundation/PersistedPrivacySettings.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/RecordingLogger.h"
 #include "Support/TemporaryDirectory.h"
 

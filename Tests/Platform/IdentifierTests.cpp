@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/DeviceIdentifier.h"
-#include "Platform/Digest.h"
-#include "Platform/UUID.h"
+#include "KTAnalytics/Platform/DeviceIdentifier.h"
+#include "KTAnalytics/Platform/Digest.h"
+#include "KTAnalytics/Platform/UUID.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {

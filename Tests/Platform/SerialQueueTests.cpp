@@ -1,4 +1,4 @@
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 #include <atomic>
 #include <future>

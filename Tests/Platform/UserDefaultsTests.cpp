@@ -1,4 +1,4 @@
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 #include <cstdlib>
 #include <fstream>

@@ -1,7 +1,7 @@
 // The two forms values are written in: JSON for the wire, keyed archives on disk.
 
-#include "Platform/JSONSerialization.h"
-#include "Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
 
 #include <limits>
 #include <tuple>

@@ -2,7 +2,7 @@
 // refuses, where it keeps its files, how its pieces are wired. The pipeline against a real
 // gateway is covered by the end-to-end suite.
 
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 
 #include <gtest/gtest.h>
 
@@ -15,16 +15,16 @@
 
 #include <unistd.h>
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "KTFoundation/CredentialStore.h"
-#include "Platform/SerialQueue.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/FakeConnectivity.h"
 #include "Support/RecordingLogger.h"
 #include "Support/RecordingTechLogger.h"

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "KTFoundation/ConnectivityStateDetecting.h"
+#include "KTAnalytics/KTFoundation/ConnectivityStateDetecting.h"
 
 namespace kt::testing {
 

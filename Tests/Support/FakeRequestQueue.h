@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
 #include "Support/HTTPRequestPrinting.h"
 
 namespace kt::testing {

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 
 namespace kt::testing {
 

@@ -5,8 +5,8 @@
 #include <ostream>
 #include <vector>
 
-#include "TrackingArchitecture/EventBrokering.h"
-#include "TrackingArchitecture/TrackingEvent.h"
+#include "KTAnalytics/TrackingArchitecture/EventBrokering.h"
+#include "KTAnalytics/TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "Analytics/FirebaseAnalyticsProviding.h"
-#include "Analytics/FirebaseAnalyticsWrapping.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsProviding.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsWrapping.h"
 
 namespace kt::testing {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "KTFoundation/KTLogger.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
 
 namespace kt::testing {
 

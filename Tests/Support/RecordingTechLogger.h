@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "KTFoundation/TechEvent.h"
+#include "KTAnalytics/KTFoundation/TechEvent.h"
 
 namespace kt {
 inline void PrintTo(const TechEvent& event, std::ostream* out) {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "KTData/RRUReliableRequestUploader.h"
+#include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
 #include "Support/HTTPRequestPrinting.h"
 
 namespace kt::testing {

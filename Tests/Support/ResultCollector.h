@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
 
 namespace kt::testing {
 

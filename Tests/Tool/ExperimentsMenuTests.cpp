@@ -5,10 +5,10 @@
 #include <fstream>
 #include <tuple>
 
-#include "Firebase/FirebaseABExperiments.h"
-#include "Firebase/FirebaseABManagerMenuViewController.h"
-#include "Firebase/JsonFileRemoteConfig.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuViewController.h"
+#include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/TemporaryDirectory.h"
 #include "Tool/ToolProcess.h"
 

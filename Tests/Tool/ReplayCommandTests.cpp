@@ -13,9 +13,9 @@
 #include <set>
 #include <sstream>
 
-#include "AnalyticsProvider/APEventNames.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/AnalyticsProvider/APEventNames.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 #include "Tool/ToolProcess.h"

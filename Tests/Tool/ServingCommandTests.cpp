@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
 #include "Support/TemporaryDirectory.h"
 #include "Tool/ToolProcess.h"
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "TrackingArchitecture/EventBroker.h"
-#include "TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/EventBroker.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
 
 namespace kt {
 namespace {

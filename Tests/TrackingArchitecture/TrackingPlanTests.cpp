@@ -8,10 +8,10 @@
 
 #include "Support/RecordingBroker.h"
 #include "Support/RecordingLogger.h"
-#include "TrackingArchitecture/EventSender.h"
-#include "TrackingArchitecture/Plan/PlanCall.h"
-#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
-#include "TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
+#include "KTAnalytics/TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 
 namespace kt {
 namespace {
@@ -73,7 +73,7 @@ private:
 
 using TypedCall = void (*)(EventSending&, const ArgumentValues&);
 const std::map<std::string_view, TypedCall> kTypedCalls = {
-#include "TrackingArchitecture/Plan/TrackingPlanTypedCalls.inc"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanTypedCalls.inc"
 };
 
 enum class Optionals { given, null, leftOut };
@@ -163,7 +163,7 @@ std::vector<std::string> checkEnumeration() {
 
 TEST(TrackingPlan, EnumerationsDescribeTheirCasesByRawValueFromTheTable) {
     const std::map<std::string_view, std::vector<std::string> (*)()> checks = {
-#include "TrackingArchitecture/Plan/TrackingPlanEnumerationRows.inc"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanEnumerationRows.inc"
     };
     ASSERT_EQ(tracking::planEnumerations().size(), 126u);
     ASSERT_EQ(checks.size(), 126u);

@@ -1,4 +1,4 @@
-#include "Analytics/Detail/ParameterDescription.h"
+#include "KTAnalytics/Analytics/Detail/ParameterDescription.h"
 
 #include <charconv>
 #include <cmath>

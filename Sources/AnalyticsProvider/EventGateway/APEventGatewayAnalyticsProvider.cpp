@@ -1,12 +1,12 @@
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "Platform/Fatal.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 namespace kt {
 

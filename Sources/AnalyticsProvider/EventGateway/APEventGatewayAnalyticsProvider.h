@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
 
 namespace kt {
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
 
-#include "AnalyticsProvider/APEvent.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

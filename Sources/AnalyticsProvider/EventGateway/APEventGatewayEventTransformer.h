@@ -8,9 +8,9 @@
 #include <optional>
 #include <string_view>
 
-#include "AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
-#include "AnalyticsProvider/EventGateway/EventGatewayAttributesProviding.h"
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/EventGatewayAttributesProviding.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

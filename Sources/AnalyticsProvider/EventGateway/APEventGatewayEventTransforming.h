@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "Middleware/APEventDescripting.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
 
 namespace kt {
 

@@ -1,12 +1,12 @@
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
 
 #include <future>
 #include <utility>
 #include <vector>
 
-#include "KTFoundation/Urn.h"
-#include "Middleware/DependencyKeys.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
+#include "KTAnalytics/Middleware/DependencyKeys.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 namespace kt {
 

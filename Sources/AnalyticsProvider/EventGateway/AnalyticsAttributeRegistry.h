@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "KTFoundation/DependencyRegistry.h"
+#include "KTAnalytics/KTFoundation/DependencyRegistry.h"
 
 namespace kt {
 

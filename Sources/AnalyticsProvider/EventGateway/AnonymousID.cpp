@@ -1,9 +1,9 @@
-#include "AnalyticsProvider/EventGateway/AnonymousID.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnonymousID.h"
 
 #include <mutex>
 
-#include "KTFoundation/KTEnvironment.h"
-#include "Platform/DeviceIdentifier.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Platform/DeviceIdentifier.h"
 
 namespace kt::AnonymousID {
 

@@ -1,14 +1,14 @@
-#include "AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
 
 #include <chrono>
 #include <cmath>
 
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
-#include "KTFoundation/AnalyticsIdProviding.h"
-#include "KTFoundation/ConnectivityStateDetecting.h"
-#include "Middleware/AssignedABTestVariantIDProviding.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProviding.h"
+#include "KTAnalytics/KTFoundation/AnalyticsIdProviding.h"
+#include "KTAnalytics/KTFoundation/ConnectivityStateDetecting.h"
+#include "KTAnalytics/Middleware/AssignedABTestVariantIDProviding.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "AnalyticsProvider/EventGateway/EventGatewayAttributesProviding.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/EventGatewayAttributesProviding.h"
 
 namespace kt {
 

@@ -1,8 +1,8 @@
 #pragma once
 // The role of the object that supplies the base attributes every gateway event carries.
 
-#include "Middleware/APEventDescripting.h"
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
 
 #include <cmath>
 #include <ctime>
@@ -7,9 +7,9 @@
 
 #include <fmt/format.h>
 
-#include "KTFoundation/KeyValueStoring.h"
-#include "Platform/Fatal.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt {
 

@@ -7,9 +7,9 @@
 #include <iosfwd>
 #include <memory>
 
-#include "AnalyticsProvider/EventGateway/SessionIdProviding.h"
-#include "Platform/AttributeValue.h"
-#include "Platform/UUID.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProviding.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/UUID.h"
 
 namespace kt {
 

@@ -1,7 +1,7 @@
 #pragma once
 // The role that hands out the current analytics session id.
 
-#include "Platform/UUID.h"
+#include "KTAnalytics/Platform/UUID.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Firebase/Detail/WholeTextNumber.h"
+#include "KTAnalytics/Firebase/Detail/WholeTextNumber.h"
 
 #include <charconv>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 #include <algorithm>
 #include <atomic>
@@ -6,17 +6,17 @@
 #include <mutex>
 #include <random>
 
-#include "Analytics/OperatingSystemVersion.h"
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
-#include "KTData/RequestQueue.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Backoff.h"
-#include "Platform/JSONSerialization.h"
-#include "Platform/SerialQueue.h"
-#include "Platform/UUID.h"
-#include "Segment/Client/Detail/SEGMessageStore.h"
-#include "Segment/Client/Detail/SEGWireFormat.h"
+#include "KTAnalytics/Analytics/OperatingSystemVersion.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Backoff.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/UUID.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGMessageStore.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGWireFormat.h"
 
 namespace kt {
 

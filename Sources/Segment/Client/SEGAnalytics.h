@@ -24,9 +24,9 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/HTTPRequest.h"
-#include "Segment/Client/SEGPayload.h"
-#include "Segment/SegmentAnalyticsProtocol.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
+#include "KTAnalytics/Segment/Client/SEGPayload.h"
+#include "KTAnalytics/Segment/SegmentAnalyticsProtocol.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Segment/Client/SEGPayload.h"
+#include "KTAnalytics/Segment/Client/SEGPayload.h"
 
 namespace kt {
 

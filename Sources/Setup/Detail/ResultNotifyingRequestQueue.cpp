@@ -1,4 +1,4 @@
-#include "Setup/Detail/ResultNotifyingRequestQueue.h"
+#include "KTAnalytics/Setup/Detail/ResultNotifyingRequestQueue.h"
 
 #include <utility>
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-#include "KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
 
 namespace kt::setup_detail {
 

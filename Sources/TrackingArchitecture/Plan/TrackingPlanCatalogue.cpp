@@ -1,4 +1,4 @@
-#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
 
 #include <algorithm>
 

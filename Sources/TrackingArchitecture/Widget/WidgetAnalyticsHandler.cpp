@@ -1,4 +1,4 @@
-#include "TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
+#include "KTAnalytics/TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 
 #include <algorithm>
 #include <optional>
@@ -6,9 +6,9 @@
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Fatal.h"
-#include "TrackingArchitecture/Widget/WidgetAnalyticsConstants.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/TrackingArchitecture/Widget/WidgetAnalyticsConstants.h"
 
 namespace kt {
 

@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "KTFoundation/KTLogger.h"
-#include "TrackingArchitecture/EventSending.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
+#include "KTAnalytics/TrackingArchitecture/EventSending.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,11 +15,11 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "Analytics/OperatingSystemVersion.h"
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "Platform/SerialQueue.h"
-#include "Platform/UUID.h"
+#include "KTAnalytics/Analytics/OperatingSystemVersion.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
+#include "KTAnalytics/Platform/UUID.h"
 #include "Support/FakeRequestQueue.h"
 #include "Support/RecordingLogger.h"
 #include "Support/TemporaryDirectory.h"

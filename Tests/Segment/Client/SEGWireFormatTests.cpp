@@ -1,4 +1,4 @@
-#include "Segment/Client/Detail/SEGWireFormat.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGWireFormat.h"
 
 #include <filesystem>
 #include <fstream>

@@ -3,8 +3,8 @@
 #include <random>
 #include <string>
 
-#include "AnalyticsProvider/APEventBuilder.h"
-#include "Middleware/PageName.h"
+#include "KTAnalytics/AnalyticsProvider/APEventBuilder.h"
+#include "KTAnalytics/Middleware/PageName.h"
 
 namespace kt::tool {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "Middleware/APEventDescripting.h"
+#include "KTAnalytics/Middleware/APEventDescripting.h"
 
 namespace kt::tool {
 

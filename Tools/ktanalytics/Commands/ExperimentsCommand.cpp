@@ -12,9 +12,9 @@
 
 #include "Commands/Commands.h"
 #include "Commands/ExperimentsMenu.h"
-#include "Firebase/FirebaseABManagerMenuViewController.h"
-#include "Firebase/JsonFileRemoteConfig.h"
-#include "Platform/UserDefaults.h"
+#include "KTAnalytics/Firebase/FirebaseABManagerMenuViewController.h"
+#include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
 
 namespace kt::tool {
 

@@ -10,7 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "Firebase/MenuNavigationStack.h"
+#include "KTAnalytics/Firebase/MenuNavigationStack.h"
 
 namespace kt::tool {
 

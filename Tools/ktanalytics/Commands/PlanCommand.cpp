@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Commands/Commands.h"
-#include "TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
 
 namespace kt::tool {
 

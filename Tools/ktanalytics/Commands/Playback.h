@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "Attribution/AttributableEvents.h"
-#include "Middleware/PlaybackServicing.h"
+#include "KTAnalytics/Attribution/AttributableEvents.h"
+#include "KTAnalytics/Middleware/PlaybackServicing.h"
 
 namespace kt::tool {
 

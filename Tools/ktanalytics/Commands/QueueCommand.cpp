@@ -10,10 +10,10 @@
 #include <memory>
 #include <vector>
 
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "Commands/Commands.h"
-#include "Platform/UserDefaults.h"
-#include "Setup/AnalyticsStack.h"
+#include "KTAnalytics/Platform/UserDefaults.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
 
 namespace kt::tool {
 

@@ -14,16 +14,16 @@
 #include <istream>
 #include <mutex>
 
-#include "AnalyticsProvider/APAnalyticsController.h"
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/APEventNames.h"
-#include "AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
+#include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEventNames.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 #include "Commands/Commands.h"
 #include "Commands/Playback.h"
-#include "KTFoundation/KTLogger.h"
-#include "Platform/JSONSerialization.h"
-#include "TrackingArchitecture/EventSender.h"
-#include "TrackingArchitecture/Plan/PlanCall.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
 
 namespace kt::tool {
 

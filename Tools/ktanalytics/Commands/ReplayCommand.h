@@ -17,9 +17,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "Platform/AttributeValue.h"
-#include "Setup/AnalyticsStack.h"
-#include "TrackingArchitecture/TrackingEvent.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "KTAnalytics/TrackingArchitecture/TrackingEvent.h"
 
 namespace kt {
 class APEventDescripting;

@@ -1,7 +1,7 @@
 #include "Gateway/DevelopmentGateway.h"
 #include "Gateway/DeadlineStream.h"
 #include "Gateway/UploadReader.h"
-#include "Platform/JSONSerialization.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,18 +1,18 @@
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 
 #include <filesystem>
 #include <string>
 #include <unordered_set>
 
-#include "AnalyticsProvider/APEventFormatter.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
-#include "KTData/RequestQueue.h"
-#include "KTFoundation/KTEnvironment.h"
-#include "KTFoundation/LogMacros.h"
-#include "KTFoundation/TechEvent.h"
-#include "Platform/Fatal.h"
-#include "Platform/SerialQueue.h"
+#include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/KTFoundation/TechEvent.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/SerialQueue.h"
 
 namespace kt {
 

@@ -27,9 +27,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
-#include "AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
-#include "Platform/HTTPRequest.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
 

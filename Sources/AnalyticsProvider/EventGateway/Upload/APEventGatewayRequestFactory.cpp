@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 
 #include <chrono>
 #include <cstdio>
@@ -7,11 +7,11 @@
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 
-#include "AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
-#include "AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
-#include "KTFoundation/CredentialStore.h"
-#include "KTFoundation/OAuthHelper.h"
-#include "Platform/Fatal.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/AnalyticsAttributeRegistry.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/OAuthHelper.h"
+#include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
 

@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "Platform/HTTPRequest.h"
-#include "Platform/JSONSerialization.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Platform/HTTPRequest.h"
+#include "KTAnalytics/Platform/JSONSerialization.h"
 
 namespace kt {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string_view>
 
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 
 namespace kt {
 

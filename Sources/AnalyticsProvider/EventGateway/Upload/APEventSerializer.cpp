@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 
 #include <array>
 #include <cerrno>
@@ -13,11 +13,11 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include "KTFoundation/LogMacros.h"
-#include "Platform/Digest.h"
-#include "Platform/Fatal.h"
-#include "Platform/KeyedArchive.h"
-#include "Platform/OwnerOnlyFiles.h"
+#include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/Platform/Digest.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 
 namespace kt {
 

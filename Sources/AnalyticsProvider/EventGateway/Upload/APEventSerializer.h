@@ -24,10 +24,10 @@
 #include <unordered_set>
 #include <vector>
 
-#include "AnalyticsProvider/APEvent.h"
-#include "AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
-#include "AnalyticsProvider/EventGateway/Upload/EventFolderAccessing.h"
-#include "AnalyticsProvider/EventGateway/Upload/FileAttributeStoring.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/EventFolderAccessing.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/FileAttributeStoring.h"
 
 namespace kt {
 

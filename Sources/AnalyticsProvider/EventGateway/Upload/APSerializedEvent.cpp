@@ -1,7 +1,7 @@
-#include "AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APSerializedEvent.h"
 
-#include "Platform/Fatal.h"
-#include "Platform/KeyedArchive.h"
+#include "KTAnalytics/Platform/Fatal.h"
+#include "KTAnalytics/Platform/KeyedArchive.h"
 
 namespace kt {
 

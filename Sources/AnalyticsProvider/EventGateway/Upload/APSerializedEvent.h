@@ -8,7 +8,7 @@
 #include <string>
 #include <unordered_set>
 
-#include "AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 
 namespace kt {
 

@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/EventFolderAccessing.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/EventFolderAccessing.h"
 
 #include <cerrno>
 #include <cstring>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/AttributeValue.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
 
 namespace kt {
 

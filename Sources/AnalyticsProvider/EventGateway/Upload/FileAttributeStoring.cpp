@@ -1,4 +1,4 @@
-#include "AnalyticsProvider/EventGateway/Upload/FileAttributeStoring.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/FileAttributeStoring.h"
 
 #include <cerrno>
 

@@ -1,10 +1,10 @@
-#include "Segment/Client/Detail/SEGMessageStore.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGMessageStore.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include "Platform/OwnerOnlyFiles.h"
+#include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 
 namespace kt::segment {
 

@@ -1,6 +1,6 @@
-#include "Segment/Client/Detail/SEGWireFormat.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGWireFormat.h"
 
-#include "Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 #include <cstdio>
 #include <ctime>

@@ -1,4 +1,4 @@
-#include "TrackingArchitecture/Plan/Detail/ArgumentReader.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/Detail/ArgumentReader.h"
 
 #include <algorithm>
 #include <limits>

@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "KTFoundation/Urn.h"
-#include "Platform/AttributeValue.h"
-#include "TrackingArchitecture/Plan/PlanCall.h"
+#include "KTAnalytics/KTFoundation/Urn.h"
+#include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
 
 namespace kt::tracking::detail {
 

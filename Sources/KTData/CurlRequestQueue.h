@@ -9,6 +9,7 @@
 #include <string>
 
 #include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestStatistics.h"
 
 namespace kt {
 
@@ -38,17 +39,6 @@ struct CurlRequestQueueConfiguration {
     /// is loopback still reaches a gateway running on it, while the connectivity detector
     /// (which ignores loopback) would say it is offline.
     std::string baseURL;
-};
-
-/// What the queue has done so far. Counts only ever grow.
-struct CurlRequestQueueStatistics {
-    std::uint64_t requestsSent = 0;  // requests that got an HTTP answer, whatever its status
-    std::uint64_t bytesSent = 0;     // body bytes of those requests
-    std::uint64_t delivered = 0;     // answered with code 0
-    std::uint64_t failed = 0;        // answered with code 2 (no answer, time-out, 5xx, 408, 429)
-    std::uint64_t rejected = 0;      // answered with code 3
-    std::uint64_t notSent = 0;       // answered with code 1: held by a pause, then shutdown came
-    std::uint64_t pauses = 0;        // pauses begun after a failed attempt
 };
 
 /// `sendRequest` only enqueues and wakes the worker; result callbacks run on the worker

@@ -26,6 +26,7 @@
 
 #include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
 #include "KTAnalytics/KTData/RequestQueue.h"
+#include "KTAnalytics/KTData/RequestStatistics.h"
 #include "KTAnalytics/Platform/HTTPRequest.h"
 
 namespace kt {
@@ -52,28 +53,6 @@ struct ReliableRequestUploaderConfiguration {
     std::chrono::milliseconds storageRetryDelay = std::chrono::seconds(5);
     /// The most requests kept waiting; past it the oldest gives way (`queue_full`).
     std::size_t maximumWaiting = kDefaultMaximumWaitingRequests;
-};
-
-/// Counts since the uploader was made; `waiting` and `inFlight` are the state now. Always
-/// `restored + fired == delivered + Σ droppedByReason + waiting`.
-struct ReliableRequestUploaderStatistics {
-    std::uint64_t fired = 0;      ///< requests handed over (`uploadRequest`, `refuseRequest`)
-    std::uint64_t restored = 0;   ///< found waiting in the table at start, left by an earlier run
-    std::uint64_t delivered = 0;
-    std::uint64_t rejected = 0;   ///< droppedByReason["rejected"]: retrying cannot help
-    std::uint64_t givenUp = 0;    ///< droppedByReason["given_up"]
-    std::uint64_t retried = 0;    ///< attempts after the first
-    std::uint64_t waiting = 0;    ///< not yet settled (in flight included)
-    std::uint64_t inFlight = 0;
-    std::uint64_t notStored = 0;  ///< could not be written; sent once from memory (delivered or `not_stored`)
-    /// Every request dropped in this run, by reason (request_drop_reason).
-    std::map<std::string, std::uint64_t> droppedByReason;
-
-    std::uint64_t dropped() const {
-        std::uint64_t sum = 0;
-        for (const auto& [reason, count] : droppedByReason) sum += count;
-        return sum;
-    }
 };
 
 class ReliableRequestUploader final : public RRUReliableRequestUploader {

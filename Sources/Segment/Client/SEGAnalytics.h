@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "KTAnalytics/Platform/HTTPRequest.h"
+#include "KTAnalytics/Segment/Client/SEGAnalyticsStatistics.h"
 #include "KTAnalytics/Segment/Client/SEGPayload.h"
 #include "KTAnalytics/Segment/SegmentAnalyticsProtocol.h"
 
@@ -75,10 +76,6 @@ struct SEGAnalyticsDependencies {
     /// for delivery looks at the statistics again at once. May be empty.
     std::function<void()> answerHandled;
 };
-
-/// Every reason a message can be removed without delivery, as `droppedByReason` keys it.
-inline constexpr const char* kSEGDropReasons[] = {"queue_full",    "too_large", "rejected", "dropped_by_middleware",
-                                                  "not_persisted", "corrupted", "too_deeply_nested"};
 
 /// Counts only ever grow, but `waiting`.
 struct SEGAnalyticsStatistics {

@@ -13,8 +13,15 @@ namespace kt {
 namespace {
 constexpr const char* kFile = "Sources/AnalyticsProvider/APAnalyticsController";
 
-std::once_flag sharedOnce;
-APAnalyticsController* sharedController = nullptr;
+std::mutex sharedMutex;
+bool sharedPrepared = false;  // guarded by sharedMutex
+// Every controller that has been the shared one stays alive, so a reference taken from
+// `sharedInstance()` stays valid whatever is installed later.
+std::vector<std::shared_ptr<APAnalyticsController>>& sharedControllers() {
+    static auto* controllers = new std::vector<std::shared_ptr<APAnalyticsController>>();
+    return *controllers;
+}
+std::atomic<APAnalyticsController*> sharedController{nullptr};
 
 std::string dynamicClassName(const APAnalyticsProviderInterface& provider) { return className(typeid(provider)); }
 }  // namespace
@@ -37,16 +44,26 @@ void APAnalyticsController::prepareSharedInstance(std::shared_ptr<RRUReliableReq
                                                   std::shared_ptr<APEventNames> eventNames,
                                                   std::shared_ptr<TechLogging> techLogger,
                                                   std::shared_ptr<KTLogger> logger) {
-    std::call_once(sharedOnce, [&] {
-        // Lives as long as the process: nothing is torn down.
-        sharedController = new APAnalyticsController(std::move(uploader), std::move(eventNames), std::move(techLogger),
-                                                     std::move(logger));
-    });
+    {
+        std::lock_guard lock(sharedMutex);
+        if (sharedPrepared || sharedController.load()) return;
+        sharedPrepared = true;
+    }
+    setSharedInstance(std::make_shared<APAnalyticsController>(std::move(uploader), std::move(eventNames),
+                                                              std::move(techLogger), std::move(logger)));
+}
+
+void APAnalyticsController::setSharedInstance(std::shared_ptr<APAnalyticsController> controller) {
+    KT_PARAMETER_ASSERT(controller);
+    std::lock_guard lock(sharedMutex);
+    sharedController.store(controller.get());
+    sharedControllers().push_back(std::move(controller));
 }
 
 APAnalyticsController& APAnalyticsController::sharedInstance() {
-    KT_ASSERT(sharedController != nullptr, "Accessed sharedInstance before it was prepared");
-    return *sharedController;
+    auto* controller = sharedController.load();
+    KT_ASSERT(controller != nullptr, "Accessed sharedInstance before it was prepared");
+    return *controller;
 }
 
 bool APAnalyticsController::providerIsSameAs(const APAnalyticsProviderInterface& a,
@@ -64,6 +81,8 @@ void APAnalyticsController::registerAnalyticsProvider(std::shared_ptr<APAnalytic
     next->push_back(std::move(provider));
     providers_.store(std::move(next));
 }
+
+void APAnalyticsController::removeAllAnalyticsProviders() { providers_.store(std::make_shared<const ProviderList>()); }
 
 std::shared_ptr<APAnalyticsProviderInterface> APAnalyticsController::providerForClass(const std::type_info& cls) const {
     auto current = providers_.load();

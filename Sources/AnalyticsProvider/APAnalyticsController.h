@@ -29,15 +29,21 @@ public:
     APAnalyticsController(const APAnalyticsController&) = delete;
     APAnalyticsController& operator=(const APAnalyticsController&) = delete;
 
-    /// Creates the shared controller once per process; later calls are ignored.
+    /// Creates the shared controller once per process; later calls, and calls after
+    /// `setSharedInstance`, are ignored.
     static void prepareSharedInstance(std::shared_ptr<RRUReliableRequestUploader> uploader,
                                       std::shared_ptr<APEventNames> eventNames, std::shared_ptr<TechLogging> techLogger,
                                       std::shared_ptr<KTLogger> logger = KTLogger::null());
     /// Fatal ("Accessed sharedInstance before it was prepared") before preparation.
     static APAnalyticsController& sharedInstance();
+    /// Makes `controller` the shared one (the SDK's start does, with its own). A controller
+    /// that was shared once lives as long as the process, so references stay valid.
+    static void setSharedInstance(std::shared_ptr<APAnalyticsController> controller);
 
     /// Appends a provider. Fatal for a null provider or one of a class already registered.
     void registerAnalyticsProvider(std::shared_ptr<APAnalyticsProviderInterface> provider);
+    /// Takes every provider away; later events are reported as unused.
+    void removeAllAnalyticsProviders();
     /// True when `a` is `b`, or an instance of `b`'s class or of a subclass of it.
     static bool providerIsSameAs(const APAnalyticsProviderInterface& a, const APAnalyticsProviderInterface& b);
     /// The last registered provider whose class is exactly `cls`.

@@ -5,6 +5,7 @@
 #include "KTAnalytics/KTData/CurlRequestQueue.h"
 #include "KTAnalytics/KTFoundation/CredentialStore.h"
 #include "KTAnalytics/KTFoundation/KTEnvironment.h"
+#include "KTAnalytics/KTFoundation/KTLogger.h"
 #include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 
 namespace kt {
@@ -16,6 +17,8 @@ std::optional<std::string> gatewayHost() {
     return std::string(url->encoded_host());
 }
 
+std::shared_ptr<KTLogger> defaultLogger() { return makeSpdlogLogger(KTEnvironment::sharedInstance()->logLevel); }
+
 SEGAnalyticsDependencies defaultClientDependencies() {
     auto environment = KTEnvironment::sharedInstance();
     CurlRequestQueueConfiguration configuration;
@@ -23,7 +26,8 @@ SEGAnalyticsDependencies defaultClientDependencies() {
     configuration.totalTimeout = environment->requestTimeout;
     SEGAnalyticsDependencies dependencies;
     dependencies.requestQueue = std::make_shared<CurlRequestQueue>(configuration, nullptr, nullptr);
-    dependencies.stateDirectory = environment->cachesDirectory() / "segment";
+    dependencies.stateDirectory = environment->cachesDirectory();  // the client adds "segment"
+    dependencies.logger = SegmentDependencyProvider::logger();
     return dependencies;
 }
 
@@ -42,6 +46,7 @@ std::function<DependencyResult<FirebaseAnalyticsControlling>()> SegmentDependenc
     dependencyHook<FirebaseAnalyticsControlling>(nullptr);
 std::function<SEGAnalyticsDependencies()> SegmentDependencyProvider::clientDependencies = defaultClientDependencies;
 std::function<std::shared_ptr<KeychainCredentialStoring>()> SegmentDependencyProvider::keychain = signedOut;
+std::function<std::shared_ptr<KTLogger>()> SegmentDependencyProvider::logger = defaultLogger;
 
 void SegmentDependencyProvider::reset() {
     rewriteToEventGatewayHost = gatewayHost;
@@ -51,6 +56,7 @@ void SegmentDependencyProvider::reset() {
     firebaseAnalyticsController = dependencyHook<FirebaseAnalyticsControlling>(nullptr);
     clientDependencies = defaultClientDependencies;
     keychain = signedOut;
+    logger = defaultLogger;
 }
 
 }  // namespace kt

@@ -13,6 +13,7 @@
 namespace kt {
 
 class FirebaseAnalyticsControlling;
+class KTLogger;
 class KeychainCredentialStoring;
 class MoEngageEventLogging;
 struct SEGAnalyticsDependencies;
@@ -46,8 +47,12 @@ struct SegmentDependencyProvider {
     /// Where the shared client keeps its queue and which request queue it uploads through;
     /// default: the shared environment's cache folder and a request queue of its own.
     static std::function<SEGAnalyticsDependencies()> clientDependencies;
-    /// The credential that signs re-addressed uploads; default: signed out.
+    /// The credential that signs re-addressed uploads; default: signed out (said in a
+    /// warning when the wrapper is built, since its uploads then go unsigned).
     static std::function<std::shared_ptr<KeychainCredentialStoring>()> keychain;
+    /// Where the wrapper, its client and its rewriter log; default: the standard logger at
+    /// the shared environment's level.
+    static std::function<std::shared_ptr<KTLogger>()> logger;
 
     /// Puts every hook back to its default.
     static void reset();

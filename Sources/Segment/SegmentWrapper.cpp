@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "KTAnalytics/AnalyticsProvider/EventGateway/AnonymousID.h"
+#include "KTAnalytics/KTFoundation/CredentialStore.h"
 #include "KTAnalytics/KTFoundation/KTEnvironment.h"
 #include "KTAnalytics/KTFoundation/LogMacros.h"
 #include "KTAnalytics/Platform/Fatal.h"
@@ -80,21 +81,46 @@ std::shared_ptr<SegmentWrapper> SegmentWrapper::make(SegmentWrapperSetup setup, 
     return std::make_shared<SegmentWrapper>(client, std::move(eventRecorder), setup.logger);
 }
 
+namespace {
+struct SharedSlot {
+    std::mutex mutex;
+    std::shared_ptr<SegmentWrapper> installed;  // the started SDK's
+    std::shared_ptr<SegmentWrapper> fromHooks;  // built on first use without one
+};
+SharedSlot& sharedSlot() {
+    static auto* slot = new SharedSlot();  // never destroyed: read until the process ends
+    return *slot;
+}
+}  // namespace
+
 std::shared_ptr<SegmentWrapper> SegmentWrapper::shared() {
-    static const auto instance = [] {
-        SegmentWrapperSetup setup;
-        setup.writeKey = KTEnvironment::sharedInstance()->segmentWriteKey;
-        setup.replacementAPIHost = SegmentDependencyProvider::rewriteToEventGatewayHost();
-        setup.keychain = SegmentDependencyProvider::keychain();
-        auto wrapper = make(std::move(setup), SegmentMiddlewareFactory::sourcesFromHooks(nullptr, nullptr),
-                            SegmentDependencyProvider::clientDependencies(), SegmentEventRecorder::shared());
-        AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
-            auto wrapper = weak.lock();
-            return wrapper ? wrapper->anonymousId() : std::string();
-        });
-        return wrapper;
-    }();
-    return instance;
+    auto& slot = sharedSlot();
+    std::lock_guard lock(slot.mutex);
+    if (slot.installed) return slot.installed;
+    if (slot.fromHooks) return slot.fromHooks;
+    SegmentWrapperSetup setup;
+    setup.writeKey = KTEnvironment::sharedInstance()->segmentWriteKey;
+    setup.replacementAPIHost = SegmentDependencyProvider::rewriteToEventGatewayHost();
+    setup.keychain = SegmentDependencyProvider::keychain();
+    setup.logger = SegmentDependencyProvider::logger();
+    if (setup.replacementAPIHost && setup.keychain && !setup.keychain->credential())
+        KT_LOG(setup.logger, 2, kFile, "shared()",
+               "No credential: uploads re-addressed to {} go unsigned until the keychain hook answers one",
+               *setup.replacementAPIHost);
+    auto wrapper = make(std::move(setup), SegmentMiddlewareFactory::sourcesFromHooks(nullptr, nullptr),
+                        SegmentDependencyProvider::clientDependencies(), SegmentEventRecorder::shared());
+    AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
+        auto wrapper = weak.lock();
+        return wrapper ? wrapper->anonymousId() : std::string();
+    });
+    slot.fromHooks = wrapper;
+    return wrapper;
+}
+
+void SegmentWrapper::setShared(std::shared_ptr<SegmentWrapper> wrapper) {
+    auto& slot = sharedSlot();
+    std::lock_guard lock(slot.mutex);
+    slot.installed = std::move(wrapper);
 }
 
 void SegmentWrapper::track(const std::string& name, std::int64_t version,

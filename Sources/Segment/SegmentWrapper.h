@@ -39,9 +39,12 @@ public:
     SegmentWrapper(std::shared_ptr<SegmentAnalyticsProtocol> segmentAnalytics,
                    std::shared_ptr<SegmentEventRecording> eventRecorder, std::shared_ptr<KTLogger> logger);
 
-    /// Built on first use from the shared environment's write key and the hooks of
-    /// `SegmentDependencyProvider`; lives for the process.
+    /// The started SDK's wrapper (see `setShared`); without one, a wrapper built on first use
+    /// from the shared environment's write key and the hooks of `SegmentDependencyProvider`
+    /// (logger and credential included), which lives for the process.
     static std::shared_ptr<SegmentWrapper> shared();
+    /// Makes `wrapper` the one `shared()` answers; null gives the hook-built one back.
+    static void setShared(std::shared_ptr<SegmentWrapper> wrapper);
 
     /// The client configuration: write key, the factory's source middlewares, the request
     /// rewriter when a replacement host is given (no request factory otherwise), the

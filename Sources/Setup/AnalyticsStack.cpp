@@ -12,6 +12,8 @@
 
 #include <sys/stat.h>
 
+#include "KTAnalytics/Analytics/FirebaseAnalyticsController.h"
+#include "KTAnalytics/Analytics/FirebaseAnalyticsEventFactory.h"
 #include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
 #include "KTAnalytics/AnalyticsProvider/APEventNames.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
@@ -21,9 +23,15 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/AnonymousID.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/EventGatewayAttributesProvider.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "KTAnalytics/Attribution/AttributableEventCenter.h"
+#include "KTAnalytics/Firebase/FirebaseABExperiments.h"
+#include "KTAnalytics/Firebase/FirebaseABManager.h"
+#include "KTAnalytics/Firebase/RemoteConfigProviding.h"
+#include "KTAnalytics/KTData/CurlRequestQueue.h"
+#include "KTAnalytics/KTData/ReliableRequestUploader.h"
 #include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
 #include "KTAnalytics/KTFoundation/AnalyticsIdProviding.h"
 #include "KTAnalytics/KTFoundation/ConnectivityStateDetecting.h"
@@ -32,10 +40,12 @@
 #include "KTAnalytics/KTFoundation/KTLogger.h"
 #include "KTAnalytics/KTFoundation/KeyValueStoring.h"
 #include "KTAnalytics/KTFoundation/LogMacros.h"
+#include "KTAnalytics/KTFoundation/PersistedPrivacySettings.h"
 #include "KTAnalytics/Middleware/AssignedABTestVariantIDProviding.h"
 #include "KTAnalytics/Platform/OwnerOnlyFiles.h"
 #include "KTAnalytics/Platform/SerialQueue.h"
 #include "KTAnalytics/Platform/UserDefaults.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 #include "KTAnalytics/Segment/SegmentWrapper.h"
 #include "KTAnalytics/Setup/Detail/ResultNotifyingRequestQueue.h"
 #include "KTAnalytics/TrackingArchitecture/EventBroker.h"
@@ -90,6 +100,10 @@ std::string prepareFolder(const fs::path& path) {
         return "the state folder " + path.native() + " is not writable: " + std::strerror(errno);
     return {};
 }
+
+// The started stack that holds the process-wide instances; at most one at a time.
+std::mutex sharedOwnerMutex;
+const AnalyticsStack* sharedOwner = nullptr;  // guarded by sharedOwnerMutex
 
 bool equalStatistics(const AnalyticsStackStatistics& a, const AnalyticsStackStatistics& b) {
     const auto& x = a.upload;
@@ -259,13 +273,23 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
         s.attributableEventCenter_->setDelegate(config.attributionDelegate);
     }
 
+    // Firebase, behind the listener's consent. Built before the product-analytics client,
+    // whose Firebase integration forwards to it.
+    s.privacySettings_ =
+        config.privacySettings ? config.privacySettings : std::make_shared<PersistedPrivacySettings>(s.userDefaults_);
+    if (config.firebaseAnalytics)
+        s.firebaseController_ = std::make_shared<FirebaseAnalyticsController>(config.firebaseAnalytics, s.privacySettings_);
+    s.firebaseEventFactory_ = std::make_shared<FirebaseAnalyticsEventFactory>();
+    std::shared_ptr<FirebaseAnalyticsControlling> firebaseIntegration = config.firebaseAnalyticsController;
+    if (!firebaseIntegration) firebaseIntegration = s.firebaseController_;
+
     // The tracking plan: its product-analytics client uploads through the same request queue.
     SegmentMiddlewareSources sources;
     sources.attributeRegistry = s.attributeRegistry_;
     sources.sessionIdProvider = s.sessionIdProvider_;
     sources.assignedVariantIds = [variants = config.variantIds] { return variants; };
     sources.analyticsId = [id = config.analyticsId] { return id; };
-    sources.firebaseAnalyticsController = dependencyHook(config.firebaseAnalyticsController);
+    sources.firebaseAnalyticsController = dependencyHook(firebaseIntegration);
     sources.moEngageEventLogger = dependencyHook(config.moEngageEventLogger);
     sources.logger = s.logger_;
     sources.console = config.console;
@@ -289,12 +313,89 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.segmentAnalytics_ = std::dynamic_pointer_cast<SEGAnalytics>(s.segmentWrapper_->segmentAnalytics());
     s.eventSender_ = std::make_shared<EventSender>(std::make_shared<EventBroker>(s.segmentWrapper_));
 
+    // The experiments: remote assignments copied into user defaults once, at start.
+    s.abManager_ = std::make_shared<FirebaseABManager>(s.userDefaults_);
+    if (config.remoteConfig) s.abManager_->updateAssignments(*config.remoteConfig, FirebaseABExperimentProvider::all());
+
+    s.dependencies_->set(DependencyKeys::eventSender, std::shared_ptr<EventSending>(s.eventSender_));
+    s.dependencies_->set(DependencyKeys::firebaseAnalyticsLogger,
+                         std::shared_ptr<FirebaseAnalyticsLogging>(s.firebaseController_));
+    s.dependencies_->set(DependencyKeys::firebaseAnalyticsFactory,
+                         std::shared_ptr<FirebaseAnalyticsBrindleEventsManufacturing>(s.firebaseEventFactory_));
+    s.dependencies_->set(remoteConfig, config.remoteConfig);
+
     KT_LOG(s.logger_, 1, kFile, "+[AnalyticsStack make:]", "Event gateway pipeline to {} with state in {}",
            environment.eventGatewayBaseURL, s.stateDirectory_.empty() ? cachesRoot.native() : s.stateDirectory_.native());
     return stack;
 }
 
-AnalyticsStack::~AnalyticsStack() {
+std::unique_ptr<AnalyticsStack> AnalyticsStack::start(AnalyticsStackConfiguration configuration, std::string* error) {
+    {
+        // Checked before building, so that a second start does not open the first one's files.
+        std::lock_guard lock(sharedOwnerMutex);
+        if (sharedOwner) {
+            if (error) *error = "the SDK is already started in this process; shut the running one down first";
+            return nullptr;
+        }
+    }
+    auto stack = make(std::move(configuration), error);
+    if (stack && !stack->adoptSharedInstances(error)) return nullptr;
+    return stack;
+}
+
+bool AnalyticsStack::adoptSharedInstances(std::string* error) {
+    std::lock_guard lock(sharedOwnerMutex);
+    if (sharedOwner) {
+        if (error) *error = "the SDK is already started in this process; shut the running one down first";
+        return false;
+    }
+    sharedOwner = this;
+    ownsShared_ = true;
+    auto environment = configuration_.environment;
+    if (!stateDirectory_.empty()) environment.stateDirectory = stateDirectory_;
+    KTEnvironment::setSharedInstance(std::move(environment));
+    APAnalyticsController::setSharedInstance(controller_);
+    SegmentWrapper::setShared(segmentWrapper_);
+    AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(segmentWrapper_)] {
+        auto wrapper = weak.lock();
+        return wrapper ? wrapper->anonymousId() : std::string();
+    });
+    auto& shared = DependencyRegistry::shared();
+    shared.set(DependencyKeys::eventSender, dependencies_->get(DependencyKeys::eventSender));
+    shared.set(DependencyKeys::firebaseAnalyticsLogger, dependencies_->get(DependencyKeys::firebaseAnalyticsLogger));
+    shared.set(DependencyKeys::firebaseAnalyticsFactory, dependencies_->get(DependencyKeys::firebaseAnalyticsFactory));
+    shared.set(remoteConfig, dependencies_->get(remoteConfig));
+    return true;
+}
+
+void AnalyticsStack::releaseSharedInstances() {
+    std::lock_guard lock(sharedOwnerMutex);
+    if (!ownsShared_) return;
+    ownsShared_ = false;
+    sharedOwner = nullptr;
+    // The shared controller stays this one (references to it stay valid) but without
+    // providers: a later tag is reported as an unused event instead of reaching a pipeline
+    // that has stopped.
+    controller_->removeAllAnalyticsProviders();
+    SegmentWrapper::setShared(nullptr);
+    AnonymousID::setSegmentAnonymousIdSource(nullptr);
+    auto& shared = DependencyRegistry::shared();
+    if (shared.get(DependencyKeys::eventSender) == dependencies_->get(DependencyKeys::eventSender))
+        shared.set(DependencyKeys::eventSender, std::shared_ptr<EventSending>());
+    if (shared.get(DependencyKeys::firebaseAnalyticsLogger) == dependencies_->get(DependencyKeys::firebaseAnalyticsLogger))
+        shared.set(DependencyKeys::firebaseAnalyticsLogger, std::shared_ptr<FirebaseAnalyticsLogging>());
+    if (shared.get(DependencyKeys::firebaseAnalyticsFactory) == dependencies_->get(DependencyKeys::firebaseAnalyticsFactory))
+        shared.set(DependencyKeys::firebaseAnalyticsFactory, std::shared_ptr<FirebaseAnalyticsBrindleEventsManufacturing>());
+    if (shared.get(remoteConfig) == dependencies_->get(remoteConfig))
+        shared.set(remoteConfig, std::shared_ptr<RemoteConfigProviding>());
+}
+
+AnalyticsStack::~AnalyticsStack() { shutdown(); }
+
+void AnalyticsStack::shutdown() {
+    if (shutDown_) return;
+    shutDown_ = true;
+    if (controller_) releaseSharedInstances();
     // Events tagged until now get stored; then nothing more runs on the queue, and the
     // request queue lets what is in flight finish (or answers it as failed) before its worker
     // is joined. Whatever did not get through stays on disk for the next start.
@@ -306,6 +407,7 @@ AnalyticsStack::~AnalyticsStack() {
     }
     if (uploader_ && userDefaults_) recordDrops();
     // The client persists what it was handed and stops before the request queue goes.
+    if (dependencies_) dependencies_->removeAll();
     eventSender_.reset();
     segmentWrapper_.reset();
     segmentAnalytics_.reset();
@@ -314,17 +416,12 @@ AnalyticsStack::~AnalyticsStack() {
     curlRequestQueue_.reset();
 }
 
-bool AnalyticsStack::prepareSharedController() {
-    APAnalyticsController::prepareSharedInstance(reliableUploader_, eventNames_, configuration_.techLogger, logger_);
-    auto& shared = APAnalyticsController::sharedInstance();
-    if (shared.providerForClass<APEventGatewayAnalyticsProvider>()) {
-        KT_LOG(logger_, 2, kFile, "-[AnalyticsStack prepareSharedController]",
-               "The shared controller already has a gateway provider; this stack's is not registered");
-        return false;
-    }
-    shared.registerAnalyticsProvider(gatewayProvider_);
-    if (!shared.providerForClass<APPromotedAnalyticsProvider>()) shared.registerAnalyticsProvider(promotedProvider_);
-    return true;
+void AnalyticsStack::becameActive() { sessionIdProvider_->becameActive(); }
+
+void AnalyticsStack::becameInactive() {
+    sessionIdProvider_->becameInactive();
+    flush();
+    if (segmentWrapper_) segmentWrapper_->flush();
 }
 
 void AnalyticsStack::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {

@@ -1,20 +1,25 @@
 #pragma once
-// The composition root of the event gateway pipeline: one call builds, from a
-// configuration, every object the host application builds at start (user defaults, session
-// id, attribute registry, credential, request queue, reliable uploader, event store, request
-// factory, batch uploader, transformer, attributes provider, gateway provider and an
-// analytics controller with the gateway provider registered), wired as the application
-// wires them, and tears them down in order.
+// The SDK's one entry: one call builds, from one configuration, everything the host
+// application builds at start, in this order: the gateway pipeline (user defaults, session
+// id, attribute registry, credential, request queue, reliable uploader, event store,
+// request factory, batch uploader, transformer, attributes provider, gateway provider), the
+// promoted provider over the reliable uploader, the attributable event center (when a
+// player is given), the product-analytics client with its wrapper, middlewares,
+// integrations and the event sender, the Firebase controller over the host's Firebase
+// adapter, the A/B manager over the host's remote configuration, and the dependency keys.
+// It tears them down in order.
+//
+// `start` also makes the process-wide instances (environment, analytics controller,
+// product-analytics wrapper, dependency registry) be this stack's, so code that reaches
+// them and code that holds the stack see one configuration and one set of providers.
+// `make` builds a stack that leaves them alone, so that several stacks (each over its own
+// state folder) can live in one process.
 //
 // Every persisted file lives below the state folder:
-//   <state>/defaults.sqlite3        user defaults (session id)
-//   <state>/requests.sqlite3        requests the reliable uploader retries
+//   <state>/defaults.sqlite3        user defaults (session id, play count, experiments, drops)
+//   <state>/requests.sqlite3        promoted tracking requests the reliable uploader retries
 //   <state>/cache/events/*.event    the gateway's on-disk event queue
 //   <state>/cache/segment/          the tracking plan's message queue and anonymous id
-//
-// A stack owns its controller; several stacks can live in one process (each over its own
-// state folder). `prepareSharedController` additionally installs the pieces into the
-// process-wide controller, for programs that tag through `sharedInstance()`.
 
 #include <atomic>
 #include <chrono>
@@ -30,16 +35,25 @@
 #include <string>
 #include <vector>
 
-#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
-#include "KTAnalytics/KTData/CurlRequestQueue.h"
-#include "KTAnalytics/KTData/ReliableRequestUploader.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayUploadStatistics.h"
+#include "KTAnalytics/KTData/RequestStatistics.h"
 #include "KTAnalytics/KTFoundation/KTEnvironment.h"
-#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
+#include "KTAnalytics/Segment/Client/SEGAnalyticsStatistics.h"
 
 namespace kt {
 
 class APAnalyticsController;
+class APEventGatewayBatchUploader;
 class APPromotedAnalyticsProvider;
+class CurlRequestQueue;
+class FirebaseABManager;
+class FirebaseAnalyticsController;
+class FirebaseAnalyticsEventFactory;
+class FirebaseAnalyticsWrapping;
+class PrivacySettingsStoring;
+class ReliableRequestUploader;
+class RemoteConfigProviding;
+class SEGAnalytics;
 class AttributableEventCenter;
 class AttributableEventCenterDelegate;
 class EventSender;
@@ -144,6 +158,18 @@ struct AnalyticsStackConfiguration {
     std::shared_ptr<MoEngageEventLogging> moEngageEventLogger{};
     /// Mirrors every tracking-plan event; null: none.
     std::shared_ptr<SegmentEventRecording> segmentEventRecorder{};
+    /// The host's Firebase adapter. When set, a Firebase controller over it (behind
+    /// `privacySettings`) logs the Firebase events, receives the tracking plan's Firebase
+    /// integration unless `firebaseAnalyticsController` is set, and is registered under
+    /// `firebaseAnalyticsLogger`. Null: no Firebase controller.
+    std::shared_ptr<FirebaseAnalyticsWrapping> firebaseAnalytics{};
+    /// Whether the listener allows analytics tracking; null: the persisted privacy settings
+    /// in the state folder's user defaults.
+    std::shared_ptr<PrivacySettingsStoring> privacySettings{};
+    /// The host's remote configuration. The A/B manager copies the experiments' assignments
+    /// from it at start, and it is registered under `remoteConfig`. Null: the assignments
+    /// stored by earlier runs stay as they are.
+    std::shared_ptr<RemoteConfigProviding> remoteConfig{};
 };
 
 class AnalyticsStack {
@@ -152,9 +178,19 @@ class AnalyticsStack {
     };
 
 public:
-    /// Builds the stack, or returns null with the reason in `error` when the configuration
-    /// is unusable (gateway URL not http(s), minimum batch size 0, a time-out not positive,
-    /// a state folder that cannot be created or opened).
+    /// Builds the whole SDK as a host application does at start and makes the process-wide
+    /// instances this stack's until it shuts down: the shared environment is the
+    /// configuration's; `APAnalyticsController::sharedInstance()` is `controller()`, with every
+    /// provider registered; `SegmentWrapper::shared()` is `segmentWrapper()`; the shared
+    /// dependency registry holds the event sender, the Firebase logger and event factory and
+    /// the remote configuration. Null, with the reason in `error`, when the configuration is
+    /// unusable (see `make`) or another started stack of this process is still running.
+    static std::unique_ptr<AnalyticsStack> start(AnalyticsStackConfiguration configuration,
+                                                 std::string* error = nullptr);
+    /// Builds the same SDK without touching the process-wide instances. Null, with the
+    /// reason in `error`, when the configuration is unusable (gateway URL not http(s),
+    /// minimum batch size 0, a time-out not positive, a state folder that cannot be created
+    /// or opened).
     static std::unique_ptr<AnalyticsStack> make(AnalyticsStackConfiguration configuration,
                                                 std::string* error = nullptr);
 
@@ -169,15 +205,23 @@ public:
     AnalyticsStack() = delete;
     AnalyticsStack(const AnalyticsStack&) = delete;
     AnalyticsStack& operator=(const AnalyticsStack&) = delete;
-    /// Lets queued work finish and the requests in flight be answered (together bounded by
-    /// `shutdownTimeout`), stops the queue, then the request queue: requests still in flight
-    /// then are answered as failed and their events stay on disk for the next start.
+    /// `shutdown()`.
     ~AnalyticsStack();
 
-    /// Prepares the process-wide controller with this stack's uploader, names and tech
-    /// logger and registers the gateway provider with it. False (and nothing registered)
-    /// when the shared controller already has a gateway provider, from this stack or another.
-    bool prepareSharedController();
+    /// The orderly end: hands the process-wide instances back (the shared controller keeps
+    /// no provider, so a later tag through it is reported as unused; the shared wrapper and
+    /// the registry's keys are released), lets queued work finish and the requests in flight
+    /// be answered (together bounded by `shutdownTimeout`), records the drops, then stops the
+    /// client, the queue and the request queue. What did not get through stays on disk for
+    /// the next start. Only the destructor may follow.
+    void shutdown();
+    /// Whether this stack holds the process-wide instances (made by `start`, not yet shut down).
+    bool ownsSharedInstances() const { return ownsShared_; }
+
+    /// The application's lifecycle: a session continues across short absences.
+    void becameActive();
+    /// Also flushes every destination, since the process may not come back.
+    void becameInactive();
 
     /// Hands the event to this stack's controller, on the caller's thread. The name must be
     /// one of the supported names (an unknown one stops the process, as on the controller).
@@ -227,6 +271,14 @@ public:
     const std::shared_ptr<KeychainCredentialStoring>& credentialStore() const { return credentialStore_; }
     const std::shared_ptr<ConnectivityStateDetecting>& connectivity() const { return connectivity_; }
     const std::shared_ptr<CurlRequestQueue>& requestQueue() const { return curlRequestQueue_; }
+    /// Null unless the configuration has a Firebase adapter.
+    const std::shared_ptr<FirebaseAnalyticsController>& firebaseController() const { return firebaseController_; }
+    const std::shared_ptr<FirebaseAnalyticsEventFactory>& firebaseEventFactory() const { return firebaseEventFactory_; }
+    const std::shared_ptr<PrivacySettingsStoring>& privacySettings() const { return privacySettings_; }
+    const std::shared_ptr<FirebaseABManager>& abManager() const { return abManager_; }
+    /// The services of this stack under the dependency keys (also in the shared registry
+    /// while the stack owns the process-wide instances).
+    DependencyRegistry& dependencies() const { return *dependencies_; }
     const std::shared_ptr<ReliableRequestUploader>& reliableUploader() const { return reliableUploader_; }
     const std::shared_ptr<APEventSerializer>& eventSerializer() const { return eventSerializer_; }
     const std::shared_ptr<APEventGatewayRequestFactory>& requestFactory() const { return requestFactory_; }
@@ -264,6 +316,9 @@ private:
         void record(const APEventDropCounts& now);
     };
 
+    // Makes the process-wide instances this stack's; false when another stack holds them.
+    bool adoptSharedInstances(std::string* error);
+    void releaseSharedInstances();
     std::uint64_t signalGeneration() const;
     // Waits until a result newer than `generation` has been handled, or until `until`.
     void waitForResult(std::uint64_t generation, std::chrono::steady_clock::time_point until) const;
@@ -302,6 +357,12 @@ private:
     std::shared_ptr<SEGAnalytics> segmentAnalytics_;
     std::shared_ptr<SegmentWrapper> segmentWrapper_;
     std::shared_ptr<EventSender> eventSender_;
+    std::shared_ptr<PrivacySettingsStoring> privacySettings_;
+    std::shared_ptr<FirebaseAnalyticsController> firebaseController_;
+    std::shared_ptr<FirebaseAnalyticsEventFactory> firebaseEventFactory_;
+    std::shared_ptr<FirebaseABManager> abManager_;
+    bool ownsShared_ = false;
+    bool shutDown_ = false;
 };
 
 }  // namespace kt

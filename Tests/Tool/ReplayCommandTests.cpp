@@ -203,8 +203,11 @@ json summaryOf(const testing::ToolRun& run) {
     return json::parse(run.out, nullptr, false);
 }
 
+// The like token, counted: what the summary gives for `count` likes.
+json likeTokens(int count) { return json::array({{{"token", "k4tq7v"}, {"count", count}}}); }
+
 json summary(int tagged, int delivered, int waiting, int batches, int skipped = 0, int notForGateway = 0,
-             int failedThreeTimes = 0, std::vector<std::string> tokens = {}, int messages = 0) {
+             int failedThreeTimes = 0, json tokens = json::array(), int messages = 0) {
     return {{"tagged", tagged},   {"delivered", delivered}, {"dropped", failedThreeTimes},
             {"dropped_by_reason",
              {{"failed_three_times", failedThreeTimes}, {"rejected", 0}, {"not_representable", 0}, {"unreadable", 0},
@@ -256,7 +259,7 @@ TEST_F(ReplayToolTests, deliversEveryGoodLineAndReportsTheBadOnesByLineNumber) {
     EXPECT_EQ(run.exitCode, 0) << run.err;
     // 10 and 10 on reaching the minimum, 5 on the flush.
     // Every like is an attribution milestone too.
-    EXPECT_EQ(summaryOf(run), summary(26, 25, 0, 3, 2, 1, 0, std::vector<std::string>(12, "k4tq7v")));
+    EXPECT_EQ(summaryOf(run), summary(26, 25, 0, 3, 2, 1, 0, likeTokens(12)));
     // Which line says what is checked on the line reader; here, that it reaches standard error.
     EXPECT_NE(run.err.find("not sent to the gateway"), std::string::npos) << run.err;
 
@@ -286,7 +289,7 @@ TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenH
     EXPECT_EQ(run.exitCode, 0) << run.err;
     // The client knows only "collector.example": the messages arrived because the rewriter
     // put the gateway's host in its place.
-    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 3, 0, 0, {}, 4));
+    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 3, 0, 0, json::array(), 4));
     // A call the plan refuses is reported with its line and skipped.
     EXPECT_NE(run.err.find("line 6: the argument 'track_urn' of 'trackLiked' is not"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("line 7: unknown operation 'noSuchOperation'"), std::string::npos) << run.err;
@@ -303,7 +306,7 @@ TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheN
                        R"({"name": "search", "attributes": {"i": 3}})"},
                       unreachable(), {"--timeout", "0.05"});
     EXPECT_EQ(run.exitCode, 1) << run.err;
-    EXPECT_EQ(summaryOf(run), summary(3, 0, 3, 1, 0, 0, 0, {"k4tq7v"}));
+    EXPECT_EQ(summaryOf(run), summary(3, 0, 3, 1, 0, 0, 0, likeTokens(1)));
 
     // The listing's format is checked in-process by the queue command's suite.
     EXPECT_EQ(queue({"--count"}).out, "3\n");
@@ -328,7 +331,7 @@ TEST_F(ReplayToolTests, eventsAGatewayNeverTakesAreDroppedCountedAndExitThree) {
                              big.dump()},
                             unreachable(), {"--retry-pause", "0.05", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 3) << run.err;
-    auto expected = summary(2, 0, 0, 3, 0, 0, 2, {"k4tq7v"});
+    auto expected = summary(2, 0, 0, 3, 0, 0, 2, likeTokens(1));
     expected["product_analytics"] = {{"tracked", 1}, {"delivered", 0}, {"dropped", 1},
                                      {"dropped_by_reason", {{"too_large", 1}}}, {"waiting", 0}};
     EXPECT_EQ(summaryOf(run), expected);
@@ -349,7 +352,7 @@ TEST_F(ReplayToolTests, aShortTimeOutStillCollectsTheAnswersInFlight) {
     for (int i = 0; i < 30; ++i) lines.push_back(json{{"name", "like"}, {"attributes", {{"i", i}}}}.dump());
     const auto run = replay(lines, gateway->baseURL(), {"--min-batch", "10", "--timeout", "0.05"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(summaryOf(run), summary(30, 30, 0, 3, 0, 0, 0, std::vector<std::string>(30, "k4tq7v")));
+    EXPECT_EQ(summaryOf(run), summary(30, 30, 0, 3, 0, 0, 0, likeTokens(30)));
     // The last progress line comes after those answers and agrees with the summary.
     EXPECT_TRUE(run.err.substr(run.err.rfind("replay: "))
                     .starts_with("replay: 30 delivered, 0 dropped, 0 waiting (0 in flight), 3 batches\n"))
@@ -399,7 +402,8 @@ TEST_F(ReplayToolTests, promotedURLsAreFiredAndAttributionTokensReported) {
     const json summary = summaryOf(run);
     EXPECT_EQ(summary["promoted"], json::parse(R"({"fired":3,"restored":0,"delivered":2,"dropped":1,)"
                                                R"("dropped_by_reason":{"not_text":1},"waiting":0})"));
-    EXPECT_EQ(summary["attribution_tokens"], json::parse(R"(["k4tq7v","31x905","pqdse2"])"));
+    EXPECT_EQ(summary["attribution_tokens"], json::parse(R"([{"token":"k4tq7v","count":1},{"token":"31x905","count":1},)"
+                                                         R"({"token":"pqdse2","count":1}])"));
     EXPECT_EQ(gateway->stats().trackingByPrefix,
               (std::map<std::string, std::uint64_t>{{"/track/click", 1}, {"/track/impression", 1}}));
 }

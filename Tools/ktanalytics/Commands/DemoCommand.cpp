@@ -27,7 +27,6 @@
 #include "KTAnalytics/Firebase/JsonFileRemoteConfig.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 #include "Gateway/DevelopmentGateway.h"
-#include "KTAnalytics/KTFoundation/PersistedPrivacySettings.h"
 #include "KTAnalytics/Platform/UserDefaults.h"
 #include "KTAnalytics/KTFoundation/FirebaseAnalyticsControlling.h"
 #include "KTAnalytics/Segment/MoEngageEventLogging.h"
@@ -147,7 +146,7 @@ void progressBar(std::ostream& out, const char* label, std::size_t done, std::si
 
 // Plays the Firebase side: consent given, a burst of calls, consent withdrawn, the same
 // again. Returns how many calls were made in all.
-std::size_t playFirebase(FirebaseAnalyticsController& controller, PersistedPrivacySettings& privacy) {
+std::size_t playFirebase(FirebaseAnalyticsController& controller, PrivacySettingsStoring& privacy) {
     FirebaseAnalyticsEventFactory factory;
     std::size_t calls = 0;
     const auto burst = [&] {
@@ -281,8 +280,16 @@ int runDemo(const DemoOptions& options) {
     configuration.attributionDelegate = tokens;
     std::ostringstream sessionLines;  // the session id service's console lines stay out of the report
     configuration.console = &sessionLines;
+    // The host's Firebase adapter and remote configuration: the SDK builds the controller
+    // behind consent and copies the experiments' assignments at start.
+    std::ostringstream firebaseLines;
+    configuration.firebaseAnalytics = std::make_shared<ConsoleFirebaseAnalytics>(firebaseLines);
+    configuration.remoteConfig = std::make_shared<JsonFileRemoteConfig>(std::map<std::string, std::string>{
+        {"dev_ab_price_test", "discountedPrice"},
+        {"dev_ab_offline_sync_grace_period_test", "variantA"},
+        {"dev_offline_sync_grace_period_seconds_value", "3600"}});
     std::string error;
-    auto stack = AnalyticsStack::make(configuration, &error);
+    auto stack = AnalyticsStack::start(configuration, &error);
     if (!stack) {
         std::cerr << "demo: cannot build the analytics stack: " << error << "\n";
         return 1;
@@ -347,24 +354,15 @@ int runDemo(const DemoOptions& options) {
     out << "\n\n";
 
     // The Firebase road, behind consent.
-    auto defaults = stack->userDefaults();
-    auto privacy = std::make_shared<PersistedPrivacySettings>(defaults);
-    std::ostringstream firebaseLines;
-    auto firebase = std::make_shared<ConsoleFirebaseAnalytics>(firebaseLines);
-    FirebaseAnalyticsController firebaseController(firebase, privacy);
+    auto& firebaseController = *stack->firebaseController();
     out << "Firebase calls (consent withdrawn halfway)\n";
-    const std::size_t firebaseCalls = playFirebase(firebaseController, *privacy);
+    const std::size_t firebaseCalls = playFirebase(firebaseController, *stack->privacySettings());
     std::istringstream lines(firebaseLines.str());
     for (std::string line; std::getline(lines, line);) out << "  " << line << "\n";
     out << "\n";
 
-    // The experiments: remote values copied into user defaults, read back.
-    FirebaseABManager abManager(defaults);
-    JsonFileRemoteConfig remote(std::map<std::string, std::string>{
-        {"dev_ab_price_test", "discountedPrice"},
-        {"dev_ab_offline_sync_grace_period_test", "variantA"},
-        {"dev_offline_sync_grace_period_seconds_value", "3600"}});
-    abManager.updateAssignments(remote, FirebaseABExperimentProvider::all());
+    // The experiments: remote values copied into user defaults at start, read back.
+    const auto& abManager = *stack->abManager();
 
     // The report.
     const auto gatewayStats = gateway.stats();

@@ -22,6 +22,7 @@
 #include "Commands/Playback.h"
 #include "KTAnalytics/KTFoundation/KTLogger.h"
 #include "KTAnalytics/Platform/JSONSerialization.h"
+#include "KTAnalytics/Segment/Client/SEGAnalytics.h"
 #include "KTAnalytics/TrackingArchitecture/EventSender.h"
 #include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
 
@@ -209,13 +210,28 @@ std::string replaySummaryJSON(const ReplaySummary& summary) {
                                               {"dropped", summary.promotedDropped()},
                                               {"dropped_by_reason", reasonsJSON(summary.promotedDroppedByReason)},
                                               {"waiting", summary.promotedWaiting}};
-    json["attribution_tokens"] = summary.attributionTokens;
+    auto tokens = nlohmann::ordered_json::array();
+    for (const auto& [token, count] : summary.attributionTokens)
+        tokens.push_back(nlohmann::ordered_json{{"token", token}, {"count", count}});
+    json["attribution_tokens"] = std::move(tokens);
     json["product_analytics"] = nlohmann::ordered_json{{"tracked", summary.messagesTracked},
                                                        {"delivered", summary.messagesDelivered},
                                                        {"dropped", summary.messagesDropped()},
                                                        {"dropped_by_reason", reasonsJSON(summary.messagesDroppedByReason)},
                                                        {"waiting", summary.messagesWaiting}};
     return json.dump();
+}
+
+std::vector<std::pair<std::string, std::uint64_t>> countedInOrder(const std::vector<std::string>& tokens) {
+    std::vector<std::pair<std::string, std::uint64_t>> counted;
+    for (const auto& token : tokens) {
+        auto it = std::find_if(counted.begin(), counted.end(), [&](const auto& entry) { return entry.first == token; });
+        if (it == counted.end())
+            counted.emplace_back(token, 1);
+        else
+            ++it->second;
+    }
+    return counted;
 }
 
 std::optional<AnalyticsStackConfiguration> replayConfiguration(const ReplayOptions& options, const KTEnvironment& base,
@@ -361,7 +377,7 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     configuration->playbackService = std::make_shared<ScriptedPlaybackService>();
     configuration->attributionDelegate = tokens;
 
-    auto stack = AnalyticsStack::make(std::move(*configuration), &error);
+    auto stack = AnalyticsStack::start(std::move(*configuration), &error);
     if (!stack) {
         err << "ktanalytics replay: " << error << '\n';
         return kReplayCannotStart;
@@ -370,7 +386,7 @@ int runReplay(const ReplayOptions& options, std::ostream& out, std::ostream& err
     auto summary = replay(
         input, *stack, [&stack](const std::shared_ptr<const APEventDescripting>& event) { stack->tagEvent(event); },
         timeout, err);
-    summary.attributionTokens = tokens->tokens();
+    summary.attributionTokens = countedInOrder(tokens->tokens());
     // The last line comes after the answers in flight, so it agrees with the summary.
     printProgress(stack->statistics());
 

@@ -108,8 +108,8 @@ struct ReplaySummary {
     std::uint64_t promotedFired = 0, promotedRestored = 0, promotedDelivered = 0, promotedWaiting = 0;
     std::map<std::string, std::uint64_t> promotedDroppedByReason;
     std::uint64_t promotedDropped() const;
-    /// Attribution tokens emitted, in order.
-    std::vector<std::string> attributionTokens;
+    /// Each attribution token emitted, once, with how many times, in order of first emission.
+    std::vector<std::pair<std::string, std::uint64_t>> attributionTokens;
     std::uint64_t waiting = 0;
     std::uint64_t batches = 0;
     std::uint64_t skipped = 0;
@@ -122,9 +122,12 @@ struct ReplaySummary {
 
 /// {"tagged":..,"delivered":..,"dropped":..,"dropped_by_reason":{"failed_three_times":..,
 /// ...},"waiting":..,"batches":..,"skipped":..,"not_for_gateway":..,"promoted":{"fired":..,
-/// "restored":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..},"attribution_tokens":[...],"product_analytics":
+/// "restored":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..},"attribution_tokens":[{"token":..,"count":..},...],"product_analytics":
 /// {"tracked":..,"delivered":..,"dropped":..,"dropped_by_reason":{..},"waiting":..}} on one line.
 std::string replaySummaryJSON(const ReplaySummary& summary);
+
+/// Each distinct token once, with its count, in order of first appearance.
+std::vector<std::pair<std::string, std::uint64_t>> countedInOrder(const std::vector<std::string>& tokens);
 
 /// The stack configuration for the options over `base` (the environment with its variables
 /// applied). Nullopt with the reason in `error` when an option is unusable.

@@ -140,7 +140,7 @@ def parameter_type(p):
     base = {
         "string": ("const std::string&", "const std::optional<std::string>&"),
         "bool": ("bool", "std::optional<bool>"),
-        "number": ("std::int64_t", "std::optional<std::int64_t>"),
+        "number": ("PlanNumber", "std::optional<PlanNumber>"),
         "map": ("const AttributeValue&", "const std::optional<AttributeValue>&"),
         "maps": ("const AttributeValue&", "const std::optional<AttributeValue>&"),
         "strings": ("const AttributeValue&", "const std::optional<AttributeValue>&"),

@@ -8,6 +8,7 @@
 
 #include "KTAnalytics/KTFoundation/Urn.h"
 #include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanNumber.h"
 #include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanEnumerations.h"
 
 namespace kt {

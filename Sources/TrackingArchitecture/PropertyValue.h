@@ -1,7 +1,7 @@
 #pragma once
 // How an operation's arguments become property values: urns by their analytics string,
-// enumerations by their description string, absent optionals as absent values (sent as
-// null), everything else unchanged.
+// enumerations by their description string, numbers as they were given (integer or
+// fraction), absent optionals as absent values (sent as null), everything else unchanged.
 
 #include <concepts>
 #include <cstdint>
@@ -11,6 +11,7 @@
 
 #include "KTAnalytics/KTFoundation/Urn.h"
 #include "KTAnalytics/Platform/AttributeValue.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanNumber.h"
 
 namespace kt::tracking {
 
@@ -27,6 +28,7 @@ inline PropertyValue propertyValue(const char* value) { return AttributeValue(va
 inline PropertyValue propertyValue(bool value) { return AttributeValue(value); }
 inline PropertyValue propertyValue(std::int64_t value) { return AttributeValue(value); }
 inline PropertyValue propertyValue(double value) { return AttributeValue(value); }
+inline PropertyValue propertyValue(const PlanNumber& value) { return value.attributeValue(); }
 inline PropertyValue propertyValue(const Urn& value) { return AttributeValue(value.analyticsString()); }
 /// Lists and maps go unchanged.
 inline PropertyValue propertyValue(const AttributeValue& value) { return value; }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <map>
 
 #include "Support/RecordingBroker.h"
@@ -34,7 +35,10 @@ public:
 
     std::string string(const char* key) const { return arguments_.at(key).get<std::string>(); }
     bool boolean(const char* key) const { return arguments_.at(key).get<bool>(); }
-    std::int64_t number(const char* key) const { return arguments_.at(key).get<std::int64_t>(); }
+    PlanNumber number(const char* key) const {
+        const auto& value = arguments_.at(key);
+        return value.is_number_float() ? PlanNumber(value.get<double>()) : PlanNumber(value.get<std::int64_t>());
+    }
     AttributeValue map(const char* key) const { return arguments_.at(key); }
     AttributeValue maps(const char* key) const { return arguments_.at(key); }
     AttributeValue strings(const char* key) const { return arguments_.at(key); }
@@ -46,12 +50,12 @@ public:
     }
     template <class E>
     E enumeration(const char* key) const {
-        return static_cast<E>(number(key));
+        return static_cast<E>(arguments_.at(key).get<std::int64_t>());
     }
 
     std::optional<std::string> optionalString(const char* key) const { return given(key, &ArgumentValues::string); }
     std::optional<bool> optionalBoolean(const char* key) const { return given(key, &ArgumentValues::boolean); }
-    std::optional<std::int64_t> optionalNumber(const char* key) const { return given(key, &ArgumentValues::number); }
+    std::optional<PlanNumber> optionalNumber(const char* key) const { return given(key, &ArgumentValues::number); }
     std::optional<AttributeValue> optionalMap(const char* key) const { return given(key, &ArgumentValues::map); }
     std::optional<AttributeValue> optionalMaps(const char* key) const { return given(key, &ArgumentValues::maps); }
     std::optional<AttributeValue> optionalStrings(const char* key) const { return given(key, &ArgumentValues::strings); }
@@ -91,7 +95,9 @@ std::pair<AttributeValue, TrackingEvent> argumentsAndEvent(const PlanOperation& 
         switch (property.kind) {
             case PropertyKind::string: argument = sent = key + "-text"; break;
             case PropertyKind::boolean: argument = sent = position % 2 == 0; break;
-            case PropertyKind::number: argument = sent = 1000 + position; break;
+            // Fractions too: a number is sent as given.
+            case PropertyKind::number: argument = sent = position % 2 ? AttributeValue(1000.5 + position) : AttributeValue(1000 + position);
+                break;
             case PropertyKind::map: argument = sent = {{"from", key}, {"nested", {{"n", position}}}}; break;
             case PropertyKind::maps: argument = sent = AttributeValue::array({{{"item", key}}, {{"item", 2}}}); break;
             case PropertyKind::strings: argument = sent = {key, "second"}; break;
@@ -136,15 +142,61 @@ TEST(TrackingPlan, EveryOperationSendsTheTablesEventOnTheTypedRoadAndByName) {
     }
 }
 
-TEST(TrackingPlanDeathTest, DuplicateKeysAndRawValuesOutsideTheCasesStopTheProcess) {
+// In code, a raw value outside the cases can only be a programming error (by name it is
+// bad data: see the faults below).
+TEST(TrackingPlanDeathTest, DuplicateKeysAndRawValuesOutsideTheCasesStopTheProcessOnTheTypedRoad) {
     Recorded r;
     EXPECT_DEATH(r.sender.send("Track Liked", 1, {{"track_urn", "a"}, {"ui_component_name", "b"}, {"track_urn", "c"}}),
                  "Duplicate property key 'track_urn'");
-    const AttributeValue adRequested = {{"ad_component", 0}, {"placement", 7}, {"timestamp", 1}, {"ad_capacity", 2}};
-    EXPECT_DEATH(tracking::callOperation(r.sender, "adRequested", adRequested),
+    EXPECT_DEATH(r.sender.adRequested(AdRequestedAdComponent{}, std::nullopt, static_cast<AdRequestedPlacement>(7), 1, 2,
+                                      std::nullopt),
                  "AdRequestedPlacement has no case with raw value 7");
     EXPECT_DEATH(description(static_cast<TracksAddedToPlayQueueFrom>(-1)),
                  "TracksAddedToPlayQueueFrom has no case with raw value -1");
+}
+
+// One table for both roads: what the typed operation is given in code and what the call by
+// name is given in JSON arrive as the same JSON number.
+TEST(TrackingPlan, NumbersAreSentAsGivenIntegersExactAndFractionsKept) {
+    struct Case {
+        PlanNumber typed;
+        const char* byName;  // JSON text
+        const char* sent;    // the property's JSON
+    } cases[] = {
+        {std::int64_t{2}, "2", "2"},
+        {2.5, "2.5", "2.5"},
+        {2.0, "2.0", "2.0"},
+        // Past 2^53 a double would round (9007199254740992).
+        {std::int64_t{9007199254740993}, "9007199254740993", "9007199254740993"},
+        {std::numeric_limits<std::int64_t>::max(), "9223372036854775807", "9223372036854775807"},
+        {std::numeric_limits<std::uint64_t>::max(), "18446744073709551615", "18446744073709551615"},
+        {std::int64_t{-7}, "-7", "-7"},
+        {-0.25, "-0.25", "-0.25"},
+        {std::int64_t{0}, "0", "0"},
+    };
+    // adRequested has an optional number (last_ad_timer) and two required ones.
+    const auto numbersSent = [](const RecordingBroker& broker) {
+        std::vector<std::string> sent;
+        for (const auto& event : broker.events)
+            for (const auto& [key, value] : *event.properties)
+                if (key == "last_ad_timer" || key == "timestamp" || key == "ad_capacity")
+                    sent.push_back(value ? value->dump() : "absent");
+        return sent;
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.byName);
+        Recorded typed, byName;
+        typed.sender.adRequested(AdRequestedAdComponent{}, c.typed, AdRequestedPlacement{}, c.typed, c.typed,
+                                 std::nullopt);
+        const auto number = AttributeValue::parse(c.byName);
+        const auto error = tracking::callOperation(
+            byName.sender, "adRequested",
+            {{"ad_component", 0}, {"last_ad_timer", number}, {"placement", 0}, {"timestamp", number}, {"ad_capacity", number}});
+        ASSERT_FALSE(error) << error->message;
+        const std::vector<std::string> expected(3, c.sent);
+        EXPECT_EQ(numbersSent(*typed.broker), expected);
+        EXPECT_EQ(numbersSent(*byName.broker), expected);
+    }
 }
 
 template <class E>
@@ -222,9 +274,14 @@ TEST(TrackingPlan, CallsByNameWithFaultyArgumentsSendNothingAndNameTheFault) {
          "'accountCreationSucceeded' has no argument 'signupMethod'"},
         {"accountCreationSucceeded", with(account, "referrer_properties", {1, 2}), "referrer_properties", "is not a map"},
         {"accountCreationSucceeded", AttributeValue::array({1}), "", "are not a JSON object"},
-        {"accountInformationConfirmed", {{"client_id", 1.5}, {"method", 0}}, "client_id", "is not an integer"},
-        {"accountInformationConfirmed", {{"client_id", "7"}, {"method", 0}}, "client_id", "is not an integer"},
+        {"accountInformationConfirmed", {{"client_id", "7"}, {"method", 0}}, "client_id", "is not a number"},
+        {"accountInformationConfirmed", {{"client_id", true}, {"method", 0}}, "client_id", "is not a number"},
         {"accountInformationConfirmed", {{"client_id", 7}, {"method", "email"}}, "method", "is not an integer"},
+        {"accountInformationConfirmed", {{"client_id", 7}, {"method", 1.0}}, "method", "is not an integer"},
+        // Data that names no case is refused, not fatal.
+        {"adRequested", {{"ad_component", 0}, {"placement", 7}, {"timestamp", 1}, {"ad_capacity", 2}}, "placement",
+         "'placement' of 'adRequested' is 7, and AdRequestedPlacement has no case with that raw value (0 to 6)"},
+        {"tracksAddedToPlayQueue", with(queue, "from", -1), "from", "is -1, and TracksAddedToPlayQueueFrom has no case"},
         {"accountDeletionConfirmed", with(deletion, "reasons", {"ok", 3}), "reasons", "is not a list of strings"},
         {"adOpportunityPresented", with(opportunity, "ads_presented", {"ad"}), "ads_presented", "is not a list of maps"},
         {"trackLiked", {{"track_urn", "tracks:1"}}, "track_urn", "is not a urn: \"tracks:1\""},

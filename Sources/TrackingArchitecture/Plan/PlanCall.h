@@ -23,11 +23,12 @@ struct PlanCallError {
 };
 
 /// Calls `operation` on `sender` with `arguments`, a JSON object keyed by the event's
-/// property keys: strings, booleans and integers as such, urns as their text, lists and
-/// maps as JSON, enumerations as raw values. An optional argument may be missing or null.
-/// An unknown operation, a missing required argument, an unknown key, a value of the wrong
-/// kind or an unparseable urn is an error, and nothing is sent. An enumeration's raw value
-/// outside its cases is a programming error: converting it to its string stops the process.
+/// property keys: strings and booleans as such, numbers as sent (an integer stays an
+/// integer, a fraction a fraction), urns as their text, lists and maps as JSON,
+/// enumerations as raw values. An optional argument may be missing or null. An unknown
+/// operation, a missing required argument, an unknown key, a value of the wrong kind, an
+/// unparseable urn or an enumeration's raw value outside its cases is an error, and nothing
+/// is sent: the arguments are data, so a bad one is reported, never fatal.
 std::optional<PlanCallError> callOperation(EventSending& sender, std::string_view operation,
                                            const AttributeValue& arguments);
 

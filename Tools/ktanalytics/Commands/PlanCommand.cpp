@@ -63,7 +63,7 @@ std::string_view argumentKind(const PlanProperty& property) {
     switch (property.kind) {
         case tracking::PropertyKind::string: return "string";
         case tracking::PropertyKind::boolean: return "boolean";
-        case tracking::PropertyKind::number: return "integer";
+        case tracking::PropertyKind::number: return "number";
         case tracking::PropertyKind::map: return "map";
         case tracking::PropertyKind::maps: return "list of maps";
         case tracking::PropertyKind::strings: return "list of strings";

@@ -34,7 +34,7 @@ std::optional<std::string> ArgumentReader::text(std::string_view key, bool optio
     return std::nullopt;
 }
 
-std::optional<std::int64_t> ArgumentReader::integer(std::string_view key, bool optional) {
+std::optional<std::int64_t> ArgumentReader::rawValue(std::string_view key, bool optional) {
     const auto* value = find(key, optional);
     if (!value) return std::nullopt;
     if (value->is_number_integer() &&
@@ -45,8 +45,22 @@ std::optional<std::int64_t> ArgumentReader::integer(std::string_view key, bool o
     return std::nullopt;
 }
 
-std::optional<std::int64_t> ArgumentReader::rawValue(std::string_view key, bool optional) {
-    return integer(key, optional);
+void ArgumentReader::failOutsideCases(std::string_view key, std::string_view enumeration, std::int64_t raw,
+                                      std::int64_t caseCount) {
+    fail(key, "the argument '" + std::string(key) + "' of '" + operation_ + "' is " + std::to_string(raw) + ", and " +
+                  std::string(enumeration) + " has no case with that raw value (0 to " +
+                  std::to_string(caseCount - 1) + ")");
+}
+
+// JSON keeps what the caller wrote apart: 2 is an integer, 2.5 and 2.0 are not.
+std::optional<PlanNumber> ArgumentReader::numeric(std::string_view key, bool optional) {
+    const auto* value = find(key, optional);
+    if (!value) return std::nullopt;
+    if (value->is_number_unsigned()) return PlanNumber(value->get<std::uint64_t>());
+    if (value->is_number_integer()) return PlanNumber(value->get<std::int64_t>());
+    if (value->is_number_float()) return PlanNumber(value->get<double>());
+    fail(key, "the argument '" + std::string(key) + "' of '" + operation_ + "' is not a number");
+    return std::nullopt;
 }
 
 std::string ArgumentReader::string(std::string_view key) { return text(key, false).value_or(""); }
@@ -68,8 +82,8 @@ bool ArgumentReader::boolean(std::string_view key) {
     return false;
 }
 
-std::int64_t ArgumentReader::number(std::string_view key) { return integer(key, false).value_or(0); }
-std::optional<std::int64_t> ArgumentReader::optionalNumber(std::string_view key) { return integer(key, true); }
+PlanNumber ArgumentReader::number(std::string_view key) { return numeric(key, false).value_or(PlanNumber(0)); }
+std::optional<PlanNumber> ArgumentReader::optionalNumber(std::string_view key) { return numeric(key, true); }
 
 std::optional<AttributeValue> ArgumentReader::list(std::string_view key, bool optional,
                                                    bool (*element)(const AttributeValue&), std::string_view what) {

@@ -12,6 +12,8 @@
 #include "KTAnalytics/KTFoundation/Urn.h"
 #include "KTAnalytics/Platform/AttributeValue.h"
 #include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanEnumeration.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanNumber.h"
 
 namespace kt::tracking::detail {
 
@@ -23,8 +25,8 @@ public:
     std::optional<std::string> optionalString(std::string_view key);
     bool boolean(std::string_view key);
     std::optional<bool> optionalBoolean(std::string_view key);
-    std::int64_t number(std::string_view key);
-    std::optional<std::int64_t> optionalNumber(std::string_view key);
+    PlanNumber number(std::string_view key);
+    std::optional<PlanNumber> optionalNumber(std::string_view key);
     AttributeValue map(std::string_view key);
     std::optional<AttributeValue> optionalMap(std::string_view key);
     AttributeValue maps(std::string_view key);
@@ -38,16 +40,16 @@ public:
     std::optional<std::vector<Urn>> urns(std::string_view key);
     std::optional<std::vector<Urn>> optionalUrns(std::string_view key);
 
-    /// The raw value unchecked: a value outside the cases stops the process when the
-    /// event converts it to its string, as the typed road would.
-    template <class E>
+    /// A raw value outside the cases is the call's error: the arguments are data, and data
+    /// that names no case is refused, never sent (the typed road, where such a value can only
+    /// come from code, stops the process instead).
+    template <TrackingPlanEnumeration E>
     E enumeration(std::string_view key) {
-        return static_cast<E>(rawValue(key, false).value_or(0));
+        return checked<E>(key, rawValue(key, false)).value_or(E{});
     }
-    template <class E>
+    template <TrackingPlanEnumeration E>
     std::optional<E> optionalEnumeration(std::string_view key) {
-        auto raw = rawValue(key, true);
-        return raw ? std::optional<E>(static_cast<E>(*raw)) : std::nullopt;
+        return checked<E>(key, rawValue(key, true));
     }
 
     /// Records an argument that no read asked for; true when the call may go ahead.
@@ -58,7 +60,15 @@ private:
     /// The value under `key`; nullptr when missing or null (an error unless `optional`).
     const AttributeValue* find(std::string_view key, bool optional);
     std::optional<std::int64_t> rawValue(std::string_view key, bool optional);
-    std::optional<std::int64_t> integer(std::string_view key, bool optional);
+    std::optional<PlanNumber> numeric(std::string_view key, bool optional);
+    template <TrackingPlanEnumeration E>
+    std::optional<E> checked(std::string_view key, std::optional<std::int64_t> raw) {
+        if (!raw) return std::nullopt;
+        if (auto value = fromRawValue<E>(*raw)) return value;
+        failOutsideCases(key, PlanEnumerationTraits<E>::name, *raw, PlanEnumerationTraits<E>::caseCount);
+        return std::nullopt;
+    }
+    void failOutsideCases(std::string_view key, std::string_view enumeration, std::int64_t raw, std::int64_t caseCount);
     std::optional<std::string> text(std::string_view key, bool optional);
     std::optional<AttributeValue> list(std::string_view key, bool optional, bool (*element)(const AttributeValue&),
                                        std::string_view what);

@@ -487,7 +487,8 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
         const std::string tail =
             R"(],"sentAt":")" + segment::iso8601(Clock::now()) + R"(","writeKey":)" +
             AttributeValue(configuration.writeKey).dump(-1, ' ', false, AttributeValue::error_handler_t::replace) + "}";
-        // Oldest first, until the next message would take the body past the limit.
+        // Oldest first, until the next message would take the body past the limit: the
+        // envelope (with the write key and "sentAt") counts, not only the messages.
         std::size_t size = head.size() + tail.size(), count = 0;
         for (const Row& row : rows) {
             const std::size_t added = row.bytes + (count > 0 ? 1 : 0);

@@ -81,8 +81,12 @@ class SEGAnalytics final : public SegmentAnalyticsProtocol {
 public:
     /// A message whose JSON is longer is dropped ("too_large").
     static constexpr std::size_t kMaximumMessageBytes = 32 * 1024;
-    /// A batch body's JSON stays within this.
-    static constexpr std::size_t kMaximumBatchBytes = 500 * 1024;
+    /// The whole batch body as sent ({"batch": [...], "sentAt", "writeKey"}) is packed within
+    /// this. The API takes batches of less than 500 KB and refuses a larger one as a whole
+    /// (then dropped as "rejected"); a receiver that counts a KB as 1,000 bytes refuses at
+    /// 500,000. Packing to 475,000, as the well-kept clients of the same API do, keeps a
+    /// margin below that for what may be added to the body on its way.
+    static constexpr std::size_t kMaximumBatchBytes = 475'000;
     /// Deepest nesting of properties, traits or options; a deeper call is dropped on the
     /// caller's thread ("too_deeply_nested") before anything walks it recursively.
     static constexpr std::size_t kMaximumNesting = 256;

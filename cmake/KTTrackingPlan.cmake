@@ -32,4 +32,3 @@ add_custom_target(kt_tracking_plan DEPENDS ${KT_PLAN_HEADERS} ${KT_PLAN_SOURCES}
 target_sources(kt_TrackingArchitecture PRIVATE ${KT_PLAN_SOURCES})
 add_dependencies(kt_TrackingArchitecture kt_tracking_plan)
 target_include_directories(kt_TrackingArchitecture PUBLIC $<BUILD_INTERFACE:${KT_GENERATED_DIR}>)
-install(FILES ${KT_PLAN_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KTAnalytics/TrackingArchitecture/Plan)

@@ -266,7 +266,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     s.controller_ =
         std::make_shared<APAnalyticsController>(s.reliableUploader_, s.eventNames_, config.techLogger, s.logger_);
     s.controller_->registerAnalyticsProvider(s.gatewayProvider_);
-    s.promotedProvider_ = std::make_shared<APPromotedAnalyticsProvider>(s.reliableUploader_);
+    s.promotedProvider_ = std::make_shared<APPromotedAnalyticsProvider>(s.reliableUploader_, environment.userAgent);
     s.controller_->registerAnalyticsProvider(s.promotedProvider_);
     if (config.playbackService) {
         s.attributableEventCenter_ = AttributableEventCenter::make(config.playbackService, s.controller_, s.userDefaults_);

@@ -28,6 +28,8 @@ constexpr const char* kFile = "Sources/KTData/CurlRequestQueue";
 constexpr int kIdleWaitMs = 60'000;
 // While transfers run, curl shortens the wait to its own timers; this only caps it.
 constexpr int kBusyWaitMs = 1'000;
+// Hops a request that follows redirects may take before the chain counts as a failure.
+constexpr long kMaximumRedirects = 5;
 
 void initializeCurlOnce() {
     static std::once_flag once;
@@ -307,6 +309,16 @@ bool CurlRequestQueue::Impl::start(Pending pending) {
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discardBody);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->error);
     curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+    if (request.followsRedirects) {
+        // The final answer decides; a loop or a longer chain ends as CURLE_TOO_MANY_REDIRECTS,
+        // an ordinary failure. Credentials never travel to another host: libcurl keeps a
+        // custom Authorization or Cookie header to the first host and port unless
+        // CURLOPT_UNRESTRICTED_AUTH says otherwise (never set here), and without a cookie
+        // file its cookie engine is off, so no cookie a hop sets comes back either.
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaximumRedirects);
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    }
 
     if (request.method == "POST") {
         curl_easy_setopt(easy, CURLOPT_POST, 1L);

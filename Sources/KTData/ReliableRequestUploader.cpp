@@ -178,11 +178,23 @@ struct ReliableRequestUploader::State {
         if (exec("CREATE TABLE IF NOT EXISTS requests ("
                  "id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT NOT NULL, method TEXT NOT NULL, "
                  "headers TEXT NOT NULL, body BLOB NOT NULL, attempts INTEGER NOT NULL, "
-                 "created_at REAL NOT NULL, next_attempt_at REAL NOT NULL)") &&
+                 "created_at REAL NOT NULL, next_attempt_at REAL NOT NULL, "
+                 "follows_redirects INTEGER NOT NULL DEFAULT 0)") &&
+            addFollowsRedirectsColumn() &&
             exec("CREATE TABLE IF NOT EXISTS drops (reason TEXT PRIMARY KEY, count INTEGER NOT NULL)"))
             return true;
         KT_LOG(logger, 3, kFile, "-[ReliableRequestUploader init]", "cannot set up {}: {}", path, sqlite3_errmsg(db));
         return false;
+    }
+
+    // A table written before requests could follow redirects lacks the column; its rows keep
+    // the safe default, never following.
+    bool addFollowsRedirectsColumn() {
+        sqlite3_stmt* s = nullptr;
+        const bool present =
+            sqlite3_prepare_v2(db, "SELECT follows_redirects FROM requests LIMIT 0", -1, &s, nullptr) == SQLITE_OK;
+        sqlite3_finalize(s);
+        return present || exec("ALTER TABLE requests ADD COLUMN follows_redirects INTEGER NOT NULL DEFAULT 0");
     }
 
     bool owes() const { return !owedDeletes.empty() || !owedUpdates.empty() || !owedDrops.empty(); }
@@ -266,8 +278,8 @@ struct ReliableRequestUploader::State {
             [&] {
                 return (oldest == waiting.end() ||
                         (deleteRow(oldest->first) && addDrops(request_drop_reason::queueFull, 1))) &&
-                       run("INSERT INTO requests (url, method, headers, body, attempts, created_at, next_attempt_at) "
-                           "VALUES (?, ?, ?, ?, 0, ?, ?)",
+                       run("INSERT INTO requests (url, method, headers, body, attempts, created_at, next_attempt_at, "
+                           "follows_redirects) VALUES (?, ?, ?, ?, 0, ?, ?, ?)",
                            [&](sqlite3_stmt* s) {
                                sqlite3_bind_text(s, 1, request.url.data(), static_cast<int>(request.url.size()),
                                                  SQLITE_TRANSIENT);
@@ -279,6 +291,7 @@ struct ReliableRequestUploader::State {
                                                  SQLITE_TRANSIENT);
                                sqlite3_bind_double(s, 5, now);
                                sqlite3_bind_double(s, 6, now);
+                               sqlite3_bind_int(s, 7, request.followsRedirects ? 1 : 0);
                            });
             },
             now);
@@ -324,7 +337,7 @@ struct ReliableRequestUploader::State {
     // is tried again later without spending an attempt.
     std::optional<Due> read(std::map<std::int64_t, Entry>::iterator it, double now) {
         sqlite3_stmt* s = nullptr;
-        int rc = sqlite3_prepare_v2(db, "SELECT method, headers, body FROM requests WHERE id = ?", -1, &s, nullptr);
+        int rc = sqlite3_prepare_v2(db, "SELECT method, headers, body, follows_redirects FROM requests WHERE id = ?", -1, &s, nullptr);
         std::optional<Due> due;
         if (rc == SQLITE_OK) {
             sqlite3_bind_int64(s, 1, it->first);
@@ -337,6 +350,7 @@ struct ReliableRequestUploader::State {
             decodeHeaders(columnText(s, 1), due->request);
             if (const void* body = sqlite3_column_blob(s, 2))
                 due->request.body.assign(static_cast<const char*>(body), sqlite3_column_bytes(s, 2));
+            due->request.followsRedirects = sqlite3_column_int(s, 3) != 0;
         } else if (rc == SQLITE_DONE) {
             KT_LOG(logger, 3, kFile, kFunction, "{} vanished from the request table", shownURL(it->second.url));
             waiting.erase(it);

@@ -1,7 +1,8 @@
 #pragma once
 // Delivers single requests (promoted tracking URLs and the like), durably: every request is
 // written to a small SQLite table before `uploadRequest` returns, so neither a failed attempt
-// nor a killed process loses it, and a worker thread of its own sends and retries them.
+// nor a killed process loses it (with everything it carries, `followsRedirects` included),
+// and a worker thread of its own sends and retries them.
 //
 // Retries: a failed attempt (no answer, 5xx, 408, 429) is tried again after
 // `firstRetryDelay`, doubling each time up to `longestRetryDelay`, each delay with ±20 %

@@ -1,5 +1,5 @@
 #pragma once
-// An HTTP request value: URL, method, ordered header fields and body.
+// An HTTP request value: URL, method, ordered header fields, body, and whether redirects are followed.
 
 #include <string>
 #include <utility>
@@ -13,6 +13,10 @@ struct HTTPRequest {
     /// Header fields in the order they were set; setting an existing name replaces it in place.
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
+    /// Whether an answer that redirects (3xx with a Location) is followed to its target, where
+    /// the final answer decides. Only for requests that carry no credentials, such as tracking
+    /// pixels; uploads never follow, so their credentials cannot travel to another host.
+    bool followsRedirects = false;
 
     void setValue(const std::string& value, const std::string& field) {
         for (auto& [name, v] : headers) {

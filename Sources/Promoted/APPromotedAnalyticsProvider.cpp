@@ -10,6 +10,10 @@ namespace kt {
 APPromotedAnalyticsProvider::APPromotedAnalyticsProvider(std::shared_ptr<RRUReliableRequestUploader> uploader)
     : APPromotedAnalyticsProvider(std::make_shared<APPromotedRequestFactory>(), std::move(uploader)) {}
 
+APPromotedAnalyticsProvider::APPromotedAnalyticsProvider(std::shared_ptr<RRUReliableRequestUploader> uploader,
+                                                         std::string userAgent)
+    : APPromotedAnalyticsProvider(std::make_shared<APPromotedRequestFactory>(std::move(userAgent)), std::move(uploader)) {}
+
 APPromotedAnalyticsProvider::APPromotedAnalyticsProvider(std::shared_ptr<APPromotedRequestFactory> requestFactory,
                                                          std::shared_ptr<RRUReliableRequestUploader> uploader)
     : requestFactory_(std::move(requestFactory)), uploader_(std::move(uploader)) {
@@ -27,14 +31,17 @@ void APPromotedAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDe
         uploader_->uploadRequest(std::move(*request));
         return;
     }
-    // Never dropped without a word: the uploader counts it under the reason it cannot be sent.
-    const std::string* text = nullptr;
+    // Never dropped without a word: the uploader refuses what can never be sent, logs its text
+    // and counts it under its reason.
     if (const AttributeDictionary* attributes = event->attributes()) {
         const auto url = attributes->find("url");
-        if (url != attributes->end() && url->is_string()) text = &url->get_ref<const std::string&>();
+        if (url != attributes->end() && url->is_string()) {
+            const auto& text = url->get_ref<const std::string&>();
+            uploader_->uploadRequest(requestFactory_->makeRequestWithURL(text, requestFactory_->userAgent()));
+            return;
+        }
     }
-    const char* reason = text != nullptr ? refusalReasonForURL(*text) : request_drop_reason::notText;
-    uploader_->refuseRequest(reason != nullptr ? reason : request_drop_reason::notAURL);
+    uploader_->refuseRequest(request_drop_reason::notText);
 }
 
 void APPromotedAnalyticsProvider::flush() { uploader_->flush(); }

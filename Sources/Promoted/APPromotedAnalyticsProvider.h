@@ -3,6 +3,7 @@
 // each one's GET to the reliable request uploader, which owns delivery and retries.
 
 #include <memory>
+#include <string>
 
 #include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
 
@@ -15,8 +16,10 @@ class APPromotedAnalyticsProvider final : public APBaseAnalyticsProvider {
 public:
     static constexpr const char* kPromotedEventName = "promoted_event";
 
-    /// With a request factory of its own.
+    /// With a request factory of its own, which reads the user agent from the shared environment.
     explicit APPromotedAnalyticsProvider(std::shared_ptr<RRUReliableRequestUploader> uploader);
+    /// With a request factory of its own whose requests all carry `userAgent`.
+    APPromotedAnalyticsProvider(std::shared_ptr<RRUReliableRequestUploader> uploader, std::string userAgent);
     APPromotedAnalyticsProvider(std::shared_ptr<APPromotedRequestFactory> requestFactory,
                                 std::shared_ptr<RRUReliableRequestUploader> uploader);
     APPromotedAnalyticsProvider() = delete;
@@ -24,7 +27,8 @@ public:
     /// {"promoted_event"}.
     std::shared_ptr<const EventNameSet> trackedEvents() const override;
     /// On the caller's thread: the event's request goes to the uploader; an event without a
-    /// usable "url" is refused there, counted under its reason (not text, not a URL, ...).
+    /// usable "url" is refused there, logged and counted under its reason (not text, not a
+    /// URL, ...), never fatal: the text comes from ad-server data.
     void tagEvent(const std::shared_ptr<const APEventDescripting>& event) override;
     void flush() override;
 

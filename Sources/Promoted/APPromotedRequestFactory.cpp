@@ -7,6 +7,8 @@
 
 namespace kt {
 
+APPromotedRequestFactory::APPromotedRequestFactory(std::string userAgent) : userAgent_(std::move(userAgent)) {}
+
 std::optional<HTTPRequest> APPromotedRequestFactory::requestForEvent(const APEventDescripting& event) const {
     auto url = URLFromEvent(event);
     if (!url) return std::nullopt;
@@ -23,13 +25,16 @@ std::optional<std::string> APPromotedRequestFactory::URLFromEvent(const APEventD
     return text;
 }
 
-std::string APPromotedRequestFactory::userAgent() const { return KTEnvironment::sharedInstance()->userAgent; }
+std::string APPromotedRequestFactory::userAgent() const {
+    return userAgent_ ? *userAgent_ : KTEnvironment::sharedInstance()->userAgent;
+}
 
 HTTPRequest APPromotedRequestFactory::makeRequestWithURL(const std::string& url, const std::string& userAgent) const {
     HTTPRequest request;
     request.url = url;
     request.method = "GET";
     request.setValue(userAgent, "User-Agent");
+    request.followsRedirects = true;
     return request;
 }
 

@@ -1,7 +1,5 @@
 #include "KTAnalytics/Promoted/AnalyticsEntityTagger.h"
 
-#include <boost/url/parse.hpp>
-
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/APEventBuilder.h"
 #include "KTAnalytics/Middleware/APAnalyticsProviderInterface.h"
@@ -19,14 +17,14 @@ std::vector<std::shared_ptr<const APEvent>> AnalyticsEntityTagger::promotedEvent
     const std::vector<std::string>& urls) const {
     std::vector<std::shared_ptr<const APEvent>> events;
     events.reserve(urls.size());
-    for (const auto& url : urls) {
-        const auto parsed = boost::urls::parse_absolute_uri(url);
-        KT_EXPECT_NOT_NIL(parsed.has_value(), "absoluteString");
+    // Not checked here: the tagger has no logger and no drop counts, while the provider's
+    // uploader refuses what can never be sent, logs it and counts it by reason, in one place
+    // for every road a promoted event can take.
+    for (const auto& url : urls)
         events.push_back(APEventBuilder()
                              .name(APPromotedAnalyticsProvider::kPromotedEventName)
-                             .addAttribute("url", AttributeValue(std::string(parsed->buffer())))
+                             .addAttribute("url", AttributeValue(url))
                              .build());
-    }
     return events;
 }
 

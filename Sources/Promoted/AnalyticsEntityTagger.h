@@ -20,8 +20,10 @@ public:
     explicit AnalyticsEntityTagger(std::shared_ptr<APAnalyticsProviderInterface> analyticsProvider);
     AnalyticsEntityTagger() = delete;
 
-    /// One "promoted_event" per URL, in order, each with the one attribute "url". A text that
-    /// is not an absolute URL is fatal ("Expected 'absoluteString' not to be nil.").
+    /// One "promoted_event" per URL text, in order, each with the one attribute "url". The texts
+    /// come from ad-server data, so one that is not an absolute URL is never fatal: its event
+    /// carries it as it is, and the promoted provider refuses it when tagged (logged, nothing
+    /// sent, counted under its reason in the request uploader's drops).
     std::vector<std::shared_ptr<const APEvent>> promotedEventsForUrls(const std::vector<std::string>& urls) const;
     /// Hands each event, in order, to the provider.
     void tagEvents(const std::vector<std::shared_ptr<const APEvent>>& events) const;

@@ -23,20 +23,23 @@ using namespace std::chrono_literals;
 using testing::jsonPost;
 
 struct Received {
+    std::string path;
     std::string method;
     std::string body;
     httplib::Headers headers;
     int remotePort = 0;
 };
 
-// Answers /status/<code> with that code (and /busy/<s> with 429, Retry-After: s), records every request and the most it handled at once.
+// Answers /status/<code> with that code (and /busy/<s> with 429, Retry-After: s), records every
+// request and the most it handled at once. /hop/<n> redirects to /hop/<n-1> (302, passing on
+// its "to" parameter), /hop/1 to "to" when given, else to /status/200.
 class StatusServer {
 public:
     StatusServer() {
         auto answer = [this](const httplib::Request& q, httplib::Response& r) {
             {
+                record(q);
                 std::lock_guard lock(mutex_);
-                received_.push_back(Received{q.method, q.body, q.headers, q.remote_port});
                 mostAtOnce_ = std::max(mostAtOnce_, ++running_);
             }
             std::this_thread::sleep_for(2ms);  // lets requests overlap, to show the limit
@@ -50,6 +53,13 @@ public:
             r.set_header("Retry-After", q.matches[1]);
         });
         server_.Post(R"(/status/(\d+))", answer);
+        server_.Get(R"(/hop/(\d+))", [this](const httplib::Request& q, httplib::Response& r) {
+            record(q);
+            const int n = std::stoi(q.matches[1]);
+            const std::string to = q.get_param_value("to");
+            if (n > 1) r.set_redirect("/hop/" + std::to_string(n - 1) + (to.empty() ? "" : "?to=" + to));
+            else r.set_redirect(to.empty() ? "/status/200" : to);
+        });
         server_.set_keep_alive_max_count(1000);
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
@@ -63,6 +73,7 @@ public:
     std::string url(int status, const char* path = "/status/") const {
         return "http://127.0.0.1:" + std::to_string(port_) + path + std::to_string(status);
     }
+    int port() const { return port_; }
     std::vector<Received> received() const {
         std::lock_guard lock(mutex_);
         return received_;
@@ -73,6 +84,11 @@ public:
     }
 
 private:
+    void record(const httplib::Request& q) {
+        std::lock_guard lock(mutex_);
+        received_.push_back(Received{q.path, q.method, q.body, q.headers, q.remote_port});
+    }
+
     httplib::Server server_;
     std::thread thread_;
     int port_ = 0;
@@ -164,6 +180,35 @@ TEST(CurlRequestQueueAgainstServerTests, retryAfterLengthensThePauseAndAnAnswerS
     std::this_thread::sleep_for(80ms);
     EXPECT_EQ(answer(200), 0ms);
     EXPECT_LE(answer(500), 24ms) << "the answer in between started the count afresh";
+}
+
+// Only a request that may follow redirects does, at most five hops, the final answer deciding;
+// every hop is requested once, and the last, to another host ("localhost" is not
+// "127.0.0.1"), gets none of the request's credentials. Another request answered 302 fails
+// as before, and its target is never reached.
+TEST(CurlRequestQueueAgainstServerTests, onlyARequestThatMayFollowsRedirectsAtMostFiveHopsKeepingCredentialsHome) {
+    const struct { int hops; bool follows; int code; std::string paths; } cases[] = {
+        {5, true, 0, "/hop/5/hop/4/hop/3/hop/2/hop/1/status/200"},
+        {6, true, 2, "/hop/6/hop/5/hop/4/hop/3/hop/2/hop/1"},
+        {1, false, 2, "/hop/1"},
+    };
+    for (const auto& [hops, follows, code, paths] : cases) {
+        StatusServer server;
+        CurlRequestQueue queue({}, nullptr, nullptr);
+        testing::ResultCollector results;
+        const std::string other = "http://localhost:" + std::to_string(server.port()) + "/status/200";
+        HTTPRequest request{.url = server.url(hops, "/hop/") + "?to=" + other, .followsRedirects = follows};
+        request.setValue("Bearer abc", "Authorization");
+        request.setValue("id=7", "Cookie");
+        queue.sendRequest(request, results.callback(0));
+        EXPECT_EQ(results.waitFor(1).at(0), code) << hops << " hops";
+        std::string received;
+        for (const auto& r : server.received()) {
+            received += r.path;
+            EXPECT_EQ(r.headers.count("Authorization") + r.headers.count("Cookie"), r.path == "/status/200" ? 0u : 2u);
+        }
+        EXPECT_EQ(received, paths);
+    }
 }
 
 }  // namespace

@@ -12,7 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <httplib.h>
+
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/KTData/ReliableRequestUploader.h"
+#include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
+#include "KTAnalytics/Promoted/AnalyticsEntityTagger.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
@@ -94,6 +99,37 @@ TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) 
     stack = makeStack(port);
     ASSERT_TRUE(stack->waitUntilDelivered(5s));
     EXPECT_EQ(received(*gateway), fired);
+}
+
+// A tracking URL whose ad server redirects to the gateway arrives there once, with the user
+// agent the provider was given, and counts as delivered, never retried. A URL text that does
+// not parse, fired beside it, is counted under its reason and sent nowhere.
+TEST_F(PromotedDeliveryTests, aRedirectedURLArrivesOnceWithTheGivenUserAgentAndABadTextIsCounted) {
+    auto gateway = startGateway();
+    auto stack = makeStack(gateway->port());
+    httplib::Server adServer;
+    adServer.Get("/ad", [&](const httplib::Request&, httplib::Response& r) {
+        r.set_redirect(gateway->baseURL() + "/track/impression/redirected");
+    });
+    adServer.set_keep_alive_max_count(1);  // stopping waits for no idle connection of the stack's
+    const int adPort = adServer.bind_to_any_port("127.0.0.1");
+    std::jthread serving([&] { adServer.listen_after_bind(); });
+    const std::unique_ptr<httplib::Server, void (*)(httplib::Server*)> stopping(&adServer, [](auto* s) { s->stop(); });
+
+    AnalyticsEntityTagger tagger(std::make_shared<APPromotedAnalyticsProvider>(stack->reliableUploader(), "Quillarbor/10"));
+    const std::string adURL = "http://127.0.0.1:" + std::to_string(adPort) + "/ad";
+    tagger.tagEvents(tagger.promotedEventsForUrls({adURL, "http://ads.example/t?x={a b}"}));
+    ASSERT_TRUE(stack->waitUntilDelivered(10s));
+
+    const auto tracked = gateway->lastTrackingRequests(10);
+    ASSERT_EQ(tracked.size(), 1u);
+    EXPECT_EQ(tracked[0].target, "/track/impression/redirected");
+    EXPECT_NE(tracked[0].headers.find("\"Quillarbor/10\""), std::string::npos) << tracked[0].headers;
+    const auto requests = stack->statistics().reliableRequests;
+    EXPECT_EQ(std::tuple(requests.delivered, requests.retried), std::tuple(1u, 0u));
+    const std::map<std::string, std::uint64_t> refused{{"not_a_url", 1}};
+    EXPECT_EQ(requests.droppedByReason, refused);
+    EXPECT_EQ(AnalyticsStack::recordedRequestDrops(directory / "state"), refused);
 }
 
 }  // namespace

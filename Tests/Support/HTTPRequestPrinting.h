@@ -11,7 +11,7 @@ namespace kt {
 
 inline void PrintTo(const HTTPRequest& request, std::ostream* out) {
     *out << request.method << ' ' << request.url << ' ' << ::testing::PrintToString(request.headers) << ' '
-         << ::testing::PrintToString(request.body);
+         << ::testing::PrintToString(request.body) << (request.followsRedirects ? " (follows redirects)" : "");
 }
 
 }  // namespace kt

@@ -283,22 +283,35 @@ TEST_F(ReplayToolTests, trackingPlanLinesReachTheGatewayOnlyThroughTheRewrittenH
                              R"({"track": "Bad", "version": -1})",
                              R"({"plan": "trackLiked", "args": {"track_urn": "quillarbor:tracks:2"}})",
                              R"({"plan": "trackLiked", "args": {"track_urn": "tracks:2"}})",
-                             R"({"plan": "noSuchOperation"})"},
+                             R"({"plan": "noSuchOperation"})",
+                             R"({"plan": "tracksAddedToPlayQueue", "args": {"from": 9, "track_urns": []}})",
+                             // Numbers arrive as given: a fraction, an id past 2^53, a negative.
+                             R"({"plan": "adRequested", "args": {"ad_component": 1, "last_ad_timer": 2.5,)"
+                             R"( "placement": 2, "timestamp": 9007199254740993, "ad_capacity": -3}})"},
                             gateway->baseURL(),
                             {"--token", "tool-token", "--api-host", "collector.example/v1", "--timeout", "20"});
     EXPECT_EQ(run.exitCode, 0) << run.err;
     // The client knows only "collector.example": the messages arrived because the rewriter
     // put the gateway's host in its place.
-    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 3, 0, 0, json::array(), 4));
+    EXPECT_EQ(summaryOf(run), summary(0, 0, 0, 0, 4, 0, 0, json::array(), 5));
     // A call the plan refuses is reported with its line and skipped.
     EXPECT_NE(run.err.find("line 6: the argument 'track_urn' of 'trackLiked' is not"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("line 7: unknown operation 'noSuchOperation'"), std::string::npos) << run.err;
+    // An enumeration's raw value that names no case is bad data: reported, and the run goes on.
+    EXPECT_NE(run.err.find("line 8: the argument 'from' of 'tracksAddedToPlayQueue' is 9, and "
+                           "TracksAddedToPlayQueueFrom has no case with that raw value (0 to 4), skipped"),
+              std::string::npos)
+        << run.err;
     std::vector<std::string> received;
     for (const auto& m : gateway->lastMessages(10)) received.push_back(m.type + " " + m.name + " " + m.integrations);
+    EXPECT_EQ(json::parse(gateway->lastMessages(1).at(0).message).at("properties").dump(),
+              R"({"ad_capacity":-3,"ad_component":"video","last_ad_timer":2.5,"placement":"play_start",)"
+              R"("ppid":null,"timestamp":9007199254740993})");
     EXPECT_EQ(received, (std::vector<std::string>{"identify quillarbor:users:7 {\"All\":false}",
                                                   "track Track Liked {\"All\":false}",
                                                   "track Playlist Added To Downloads {\"All\":false,\"MoEngage\":true}",
-                                                  "track Track Liked {\"All\":false,\"MoEngage\":true}"}));
+                                                  "track Track Liked {\"All\":false,\"MoEngage\":true}",
+                                                  "track Ad Requested {\"All\":false}"}));
 }
 
 TEST_F(ReplayToolTests, eventsThatCouldNotBeDeliveredWaitInTheStateFolderForTheNextRun) {

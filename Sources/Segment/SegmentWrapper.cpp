@@ -45,6 +45,7 @@ SEGAnalyticsConfiguration SegmentWrapper::makeConfiguration(const SegmentWrapper
     auto configuration = SEGAnalyticsConfiguration::configurationWithWriteKey(setup.writeKey);
     if (!setup.apiHost.empty()) configuration.apiHost = setup.apiHost;
     configuration.flushAt = setup.flushAt;
+    configuration.userAgent = setup.userAgent;
     if (setup.middlewareFactory) configuration.sourceMiddleware = setup.middlewareFactory->makeSourceMiddleware();
     if (setup.replacementAPIHost) {
         configuration.requestFactory = SegmentRequestRewriter::make(setup.keychain, configuration.apiHost,
@@ -103,6 +104,7 @@ std::shared_ptr<SegmentWrapper> SegmentWrapper::shared() {
     setup.replacementAPIHost = SegmentDependencyProvider::rewriteToEventGatewayHost();
     setup.keychain = SegmentDependencyProvider::keychain();
     setup.logger = SegmentDependencyProvider::logger();
+    setup.userAgent = KTEnvironment::sharedInstance()->userAgent;
     if (setup.replacementAPIHost && setup.keychain && !setup.keychain->credential())
         KT_LOG(setup.logger, 2, kFile, "shared()",
                "No credential: uploads re-addressed to {} go unsigned until the keychain hook answers one",

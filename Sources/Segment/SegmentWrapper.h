@@ -29,6 +29,8 @@ struct SegmentWrapperSetup {
     /// Its middlewares and integrations configure the client; null: none.
     std::shared_ptr<SegmentMiddlewareMaking> middlewareFactory;
     std::shared_ptr<KTLogger> logger;
+    /// The uploads' "User-Agent"; empty: the client's own.
+    std::string userAgent;
     /// Upload once this many messages wait.
     std::size_t flushAt = 20;
 };

@@ -301,6 +301,7 @@ std::unique_ptr<AnalyticsStack> AnalyticsStack::make(AnalyticsStackConfiguration
     segmentSetup.keychain = s.credentialStore_;
     segmentSetup.flushAt = config.segmentFlushAt;
     segmentSetup.logger = s.logger_;
+    segmentSetup.userAgent = environment.userAgent;
     SEGAnalyticsDependencies segmentDependencies;
     segmentDependencies.requestQueue = s.notifyingRequestQueue_;
     segmentDependencies.stateDirectory = cachesRoot;  // the client keeps its queue in <this>/segment

@@ -261,11 +261,14 @@ TEST(SegmentIntegrationIdentifier, ParsesProviderNamesAndKeysExactly) {
     }
 }
 
-// The process-wide wrapper is built once, from the hooks as they stand at its first use.
-TEST(SegmentWrapper, SharedInstanceIsBuiltOnceFromTheHooksAndGivesItsAnonymousIdToTheGateway) {
+// The process-wide wrapper is built once, from the hooks as they stand at its first use,
+// logger and credential included: an unsigned re-addressing is said, not silent.
+TEST(SegmentWrapper, SharedInstanceIsBuiltOnceFromTheHooksLogsThroughThemAndGivesItsAnonymousIdToTheGateway) {
     testing::TemporaryDirectory state;
     auto queue = std::make_shared<testing::FakeRequestQueue>();
-    SegmentDependencyProvider::rewriteToEventGatewayHost = [] { return std::optional<std::string>(); };
+    auto logger = std::make_shared<testing::RecordingLogger>();
+    SegmentDependencyProvider::rewriteToEventGatewayHost = [] { return std::optional<std::string>("gateway.example"); };
+    SegmentDependencyProvider::logger = [logger] { return logger; };
     SegmentDependencyProvider::clientDependencies = [&] {
         SEGAnalyticsDependencies dependencies;
         dependencies.requestQueue = queue;
@@ -275,9 +278,11 @@ TEST(SegmentWrapper, SharedInstanceIsBuiltOnceFromTheHooksAndGivesItsAnonymousId
     auto wrapper = SegmentWrapper::shared();
     SegmentDependencyProvider::reset();
     EXPECT_EQ(SegmentWrapper::shared(), wrapper);
-    auto client = std::dynamic_pointer_cast<SEGAnalytics>(wrapper->segmentAnalytics());
-    ASSERT_TRUE(client);
-    EXPECT_FALSE(client->configuration().requestFactory);  // no host to re-address to
+    wrapper->track("Track Liked", 1, AttributeValue::object(), {});
+    EXPECT_EQ(logger->messages(), (std::vector<std::string>{
+                                      "No credential: uploads re-addressed to gateway.example go unsigned until the "
+                                      "keychain hook answers one",
+                                      "Track Liked {}"}));
     EXPECT_EQ(AnonymousID::segmentAnonymousId(), wrapper->anonymousId());
     EXPECT_FALSE(wrapper->anonymousId().empty());
     // The engagement hook fails until the host sets it.

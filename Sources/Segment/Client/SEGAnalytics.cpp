@@ -521,7 +521,8 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
             {"Content-Type", "application/json"},
             {"Content-Encoding", gzipped ? "gzip" : "identity"},
             {"Authorization", "Basic " + segment::base64(configuration.writeKey + ":")},
-            {"User-Agent", std::string("ktanalytics/") + kSDKVersion},
+            {"User-Agent", configuration.userAgent.empty() ? std::string("ktanalytics/") + kSDKVersion
+                                                           : configuration.userAgent},
         };
         for (const auto& [field, value] : headers)
             if (!request.value(field)) request.setValue(value, field);

@@ -48,6 +48,8 @@ struct SEGAnalyticsConfiguration {
     std::vector<std::shared_ptr<SEGMiddleware>> sourceMiddleware;
     /// Makes the request for an upload URL; its headers win over the client's.
     std::function<HTTPRequest(const std::string& url)> requestFactory;
+    /// The uploads' "User-Agent"; empty: "ktanalytics/<version>".
+    std::string userAgent;
     /// Upload once this many messages wait.
     std::size_t flushAt = 20;
     std::chrono::milliseconds flushInterval = std::chrono::seconds(30);

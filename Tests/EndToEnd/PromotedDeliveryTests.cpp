@@ -15,7 +15,6 @@
 #include <httplib.h>
 
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
-#include "KTAnalytics/KTData/ReliableRequestUploader.h"
 #include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
 #include "KTAnalytics/Promoted/AnalyticsEntityTagger.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
@@ -36,6 +35,7 @@ protected:
     std::unique_ptr<AnalyticsStack> makeStack(int port) {
         auto c = testing::loopbackConfiguration(port, directory / "state", console);
         c.requestFirstRetryDelay = 20ms;
+        c.environment.userAgent = "Quillarbor/10";
         c.firstRetryPause = 20ms;
         return testing::makeStack(std::move(c));
     }
@@ -101,10 +101,10 @@ TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) 
     EXPECT_EQ(received(*gateway), fired);
 }
 
-// A tracking URL whose ad server redirects to the gateway arrives there once, with the user
-// agent the provider was given, and counts as delivered, never retried. A URL text that does
+// A tracking URL whose ad server redirects to the gateway arrives there once, with the
+// configured user agent, and counts as delivered, never retried. A URL text that does
 // not parse, fired beside it, is counted under its reason and sent nowhere.
-TEST_F(PromotedDeliveryTests, aRedirectedURLArrivesOnceWithTheGivenUserAgentAndABadTextIsCounted) {
+TEST_F(PromotedDeliveryTests, aRedirectedURLArrivesOnceWithTheConfiguredUserAgentAndABadTextIsCounted) {
     auto gateway = startGateway();
     auto stack = makeStack(gateway->port());
     httplib::Server adServer;
@@ -116,7 +116,7 @@ TEST_F(PromotedDeliveryTests, aRedirectedURLArrivesOnceWithTheGivenUserAgentAndA
     std::jthread serving([&] { adServer.listen_after_bind(); });
     const std::unique_ptr<httplib::Server, void (*)(httplib::Server*)> stopping(&adServer, [](auto* s) { s->stop(); });
 
-    AnalyticsEntityTagger tagger(std::make_shared<APPromotedAnalyticsProvider>(stack->reliableUploader(), "Quillarbor/10"));
+    AnalyticsEntityTagger tagger(stack->promotedProvider());
     const std::string adURL = "http://127.0.0.1:" + std::to_string(adPort) + "/ad";
     tagger.tagEvents(tagger.promotedEventsForUrls({adURL, "http://ads.example/t?x={a b}"}));
     ASSERT_TRUE(stack->waitUntilDelivered(10s));

@@ -18,7 +18,9 @@ cmake --install "$build" --prefix "$prefix" > "$work/install.log" || { cat "$wor
 headers="$prefix/include/KTAnalytics"
 [ -f "$headers/KTAnalytics.h" ] || fail "no $headers/KTAnalytics.h"
 if find "$headers" -path '*/Detail/*' | grep -q .; then fail "internal (Detail/) headers installed"; fi
-if grep -rlE '#include *[<"](curl/|sqlite3|zlib|httplib)' "$headers"; then fail "a public header includes libcurl, SQLite, zlib or the HTTP server"; fi
+if grep -rlE '#include *[<"](curl/|sqlite3|zlib|httplib)|\bCURLM? *\*|\bsqlite3(_stmt)? *\*|\bz_stream\b|httplib::' "$headers"; then
+  fail "a public header names libcurl, SQLite, zlib or the HTTP server"
+fi
 if grep -rhoE '#include "[^"]+"' "$headers" | grep -v '"KTAnalytics/' | grep -q .; then
   fail "a public header includes a project header outside KTAnalytics/"
 fi

@@ -45,7 +45,10 @@ struct CurlRequestQueueConfiguration {
 /// thread, never on the caller's. Requests to a paused origin wait in the queue, in order,
 /// and go out when the pause has passed. Destruction stops accepting requests, lets the
 /// accepted ones run for at most `shutdownTimeout`, answers whatever is left with code 1
-/// (not sent: no attempt spent) and joins.
+/// (not sent: no attempt spent) and joins. Redirects are followed only for a request whose
+/// `followsRedirects` is set: at most 5 hops, over http and https, the final answer deciding;
+/// a longer chain or a loop fails like a lost connection. Authorization and Cookie headers
+/// never go past the first host. Any other request's 3xx is its answer (a failed attempt).
 class CurlRequestQueue final : public RequestQueueing {
 public:
     using Configuration = CurlRequestQueueConfiguration;

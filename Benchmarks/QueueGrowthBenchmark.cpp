@@ -18,6 +18,7 @@
 
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransformer.h"
+#include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayBatchUploader.h"
 #include "BenchmarkSupport.h"
 #include "KTAnalytics/Platform/SerialQueue.h"
 

@@ -37,6 +37,10 @@ cflags=$(PKG_CONFIG_PATH="$libdir" pkg-config --cflags-only-I ktanalytics)
 paths=$(for flag in $cflags; do realpath -m "${flag#-I}"; done)
 [ "$paths" = "$(realpath "$prefix/include")" ] || fail "pkg-config puts '$cflags' on the include path, not $prefix/include alone"
 
+if grep -h "INTERFACE_INCLUDE_DIRECTORIES" "$libdir"/../cmake/KTAnalytics/*Targets.cmake | grep -v '"${_IMPORT_PREFIX}/include"$' | grep -q .; then
+  fail "the CMake package puts more than <prefix>/include on the include path"
+fi
+
 cmake -S "$source_dir/examples/host-app" -B "$work/host-build" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_BUILD_TYPE=Release > "$work/host-configure.log" || { cat "$work/host-configure.log"; fail "the example does not configure"; }
 cmake --build "$work/host-build" > "$work/host-build.log" 2>&1 || { cat "$work/host-build.log"; fail "the example does not build"; }

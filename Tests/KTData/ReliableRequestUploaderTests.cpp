@@ -1,18 +1,15 @@
 #include "KTAnalytics/KTData/ReliableRequestUploader.h"
 
 #include <chrono>
-#include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "Support/FakeRequestQueue.h"
+#include "Support/KilledChild.h"
+#include "Support/SmallDisk.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {
@@ -169,23 +166,15 @@ TEST_F(ReliableRequestUploaderTests, aPausedOriginGetsNothingUntilThePausePasses
 // once, a failed one keeps its back-off, one the disk refused is sent once from memory and
 // counted. With space back, what the table owes is written and storing resumes.
 TEST_F(ReliableRequestUploaderTests, aFullDiskSendsNothingTwiceAndCountsEachRequestOnce) {
-    const auto mount = directory.path() / "small";
-    std::filesystem::create_directories(mount);
-    if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=512k tmpfs " + mount.native() + " 2>/dev/null").c_str()) != 0)
-        GTEST_SKIP() << "needs root to mount a small tmpfs";
-    struct Unmount {
-        std::filesystem::path path;
-        ~Unmount() { std::system(("umount " + path.native()).c_str()); }
-    } unmount{mount};
+    testing::SmallDisk disk("512k");
+    if (!disk.mounted) GTEST_SKIP() << "needs root to mount a small tmpfs";
     auto c = configuration();
-    c.databasePath = mount / "requests.sqlite";
+    c.databasePath = disk / "requests.sqlite";
     c.firstRetryDelay = c.longestRetryDelay = 1h;
     auto uploader = std::make_unique<ReliableRequestUploader>(c, queue, nullptr);
     for (const char* name : {"delivered", "failed", "rejected"}) uploader->uploadRequest(trackingRequest(name));
     ASSERT_TRUE(sent(3));
-    const std::string block(4096, 'x');
-    for (std::ofstream filler(mount / "filler", std::ios::binary); filler.write(block.data(), block.size());) {
-    }
+    disk.fill();
     for (int code : {kDelivered, kFailed, kRejected}) queue->respond(code);
     for (int code : {kDelivered, kFailed}) {
         uploader->uploadRequest(trackingRequest("not-stored"));
@@ -201,7 +190,7 @@ TEST_F(ReliableRequestUploaderTests, aFullDiskSendsNothingTwiceAndCountsEachRequ
     EXPECT_EQ(s.waiting, 1u);
     expectBalanced(s);
 
-    std::filesystem::remove(mount / "filler");
+    disk.free();
     uploader->uploadRequest(trackingRequest("stored"));
     EXPECT_TRUE(sent(6));
     EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), dropped);
@@ -214,8 +203,7 @@ TEST_F(ReliableRequestUploaderTests, aFullDiskSendsNothingTwiceAndCountsEachRequ
 TEST_F(ReliableRequestUploaderTests, dropsAreRecordedAsTheyHappenAndSurviveAKill) {
     auto c = configuration();
     c.maximumWaiting = 1;
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ASSERT_TRUE(testing::killedChild([&] {
         queue->setReachable(false);
         ReliableRequestUploader uploader(c, queue, nullptr);
         uploader.uploadRequest(trackingRequest("oldest"));
@@ -223,11 +211,8 @@ TEST_F(ReliableRequestUploaderTests, dropsAreRecordedAsTheyHappenAndSurviveAKill
         uploader.uploadRequest(HTTPRequest{.url = "ftp://127.0.0.1/track"});
         queue->setReachable(true);
         if (sent(1) && queue->sentRequests()[0] == trackingRequest("newest")) queue->respond(kRejected);
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+        testing::killNow();
+    }));
     Drops expected{{"queue_full", 1}, {"not_http", 1}, {"rejected", 1}};
     EXPECT_EQ(ReliableRequestUploader::recordedDrops(c.databasePath), expected);
     {

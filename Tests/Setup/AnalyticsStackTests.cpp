@@ -7,13 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <stdexcept>
 #include <thread>
-
-#include <unistd.h>
 
 #include "KTAnalytics/AnalyticsProvider/APAnalyticsController.h"
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
@@ -28,6 +25,7 @@
 #include "Support/FakeConnectivity.h"
 #include "Support/RecordingLogger.h"
 #include "Support/RecordingTechLogger.h"
+#include "Support/SmallDisk.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {
@@ -120,23 +118,15 @@ TEST_F(AnalyticsStackTests, keepsEveryFileBelowTheStateFolderOwnerOnly) {
 }
 
 TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
-    const fs::path mount = directory / "small";
-    fs::create_directories(mount);
-    if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=512k tmpfs " + mount.native() + " 2>/dev/null").c_str()) != 0)
-        GTEST_SKIP() << "needs root to mount a small tmpfs";
-    struct Unmount {
-        fs::path path;
-        ~Unmount() { std::system(("umount " + path.native()).c_str()); }
-    } unmount{mount};
+    testing::SmallDisk disk("512k");
+    if (!disk.mounted) GTEST_SKIP() << "needs root to mount a small tmpfs";
     auto logger = std::make_shared<testing::RecordingLogger>();
     auto c = configuration();
-    c.stateDirectory = mount / "state";
+    c.stateDirectory = disk / "state";
     c.logger = logger;
     c.environment.minimumBatchSize = 1'000'000;
     { auto first = makeStack(c); }  // the state exists before the disk fills up
-    const std::string block(4096, 'x');
-    for (std::ofstream filler(mount / "filler", std::ios::binary); filler.write(block.data(), block.size());) {
-    }
+    disk.fill();
     auto stack = makeStack(c);
     for (int i = 0; i < 50; ++i) stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", i}}));
     queue->runUntilIdle();
@@ -145,7 +135,7 @@ TEST_F(AnalyticsStackTests, aFullFileSystemDropsCountedAndRecoversBySelf) {
     EXPECT_GT(upload.dropped(APEventDropReason::notStored), 0u);
     EXPECT_EQ(logger->messages(2).size(), 1u);
 
-    fs::remove(mount / "filler");
+    disk.free();
     stack->tagEvent(APEvent::make("like", AttributeDictionary{{"i", 50}}));
     queue->runUntilIdle();
     EXPECT_EQ(stack->statistics().upload.stored, upload.stored + 1);

@@ -4,10 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <cmath>
-#include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <set>
 #include <thread>
@@ -21,7 +18,9 @@
 #include "KTAnalytics/Platform/SerialQueue.h"
 #include "KTAnalytics/Platform/UUID.h"
 #include "Support/FakeRequestQueue.h"
+#include "Support/KilledChild.h"
 #include "Support/RecordingLogger.h"
+#include "Support/SmallDisk.h"
 #include "Support/TemporaryDirectory.h"
 
 namespace kt {
@@ -106,30 +105,6 @@ struct Harness {
         }
         return ids;
     }
-};
-
-// A small tmpfs of `size` for the state folder; needs root (tests skip otherwise).
-struct SmallDisk {
-    testing::TemporaryDirectory directory{"kt-seg-disk"};
-    const bool mounted;
-    explicit SmallDisk(const std::string& size)
-        : mounted(::geteuid() == 0 && std::system(("mount -t tmpfs -o size=" + size + " tmpfs " +
-                                                   directory.path().native() + " 2>/dev/null").c_str()) == 0) {}
-    ~SmallDisk() {
-        if (mounted) std::system(("umount " + directory.path().native()).c_str());
-    }
-    fs::path state() const { return directory / "state"; }
-    std::uintmax_t size(const char* file) const {
-        std::error_code ignored;
-        const auto bytes = fs::file_size(state() / "segment" / file, ignored);
-        return ignored ? 0 : bytes;
-    }
-    void fill() const {
-        const std::string block(4096, 'x');
-        for (std::ofstream filler(directory / "filler", std::ios::binary | std::ios::app); filler.write(block.data(), block.size());) {
-        }
-    }
-    void free() const { fs::remove(directory / "filler"); }
 };
 
 const std::regex kTimestamp(R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z)");
@@ -399,17 +374,13 @@ TEST(SEGAnalytics, DropsAreWrittenWithTheirRemovalAndOutliveAKilledProcess) {
     c.sourceMiddleware = {std::make_shared<SEGBlockMiddleware>([](SEGContext context, const SEGMiddlewareNext& next) {
         if (static_cast<const SEGTrackPayload&>(*context.payload).event != "secret") next(context);
     })};
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ASSERT_TRUE(testing::killedChild([&] {
         Harness h(c, state.path());
         fs::remove_all(h.state.path());
         for (const char* name : {"a", "b", "c", "d", "secret"}) h.track(name);
         h.track("big", json{{"blob", std::string(SEGAnalytics::kMaximumMessageBytes, 'x')}});
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+        testing::killNow();
+    }));
     const Drops first{{"queue_full", 2}, {"dropped_by_middleware", 1}, {"too_large", 1}};
     EXPECT_EQ(SEGAnalytics::recordedDrops(state.path()), first);
 
@@ -497,16 +468,21 @@ TEST(SEGAnalytics, LargeQueueIsSentInFullBatchesEachUnder500000BytesAsSent) {
 }
 
 TEST(SEGAnalytics, AFullDiskFailsSoftlyBoundsTheJournalAndGivesTheSpaceBack) {
-    SmallDisk disk("2m");
+    testing::SmallDisk disk("2m");
     if (!disk.mounted) GTEST_SKIP() << "needs root to mount a small tmpfs";
+    const auto size = [&](const char* file) {
+        std::error_code missing;
+        const auto bytes = fs::file_size(disk / "state" / "segment" / file, missing);
+        return missing ? 0 : bytes;
+    };
     auto c = config(1'000'000);
     c.maxQueueSize = 100'000;
-    Harness h(c, disk.state());
+    Harness h(c, disk / "state");
     const json properties{{"f", std::string(3000, 'x')}};
     std::uintmax_t largestJournal = 0;
     for (int i = 0; i < 800; ++i) {
         h.track("e", properties);
-        largestJournal = std::max(largestJournal, disk.size("queue.sqlite3-wal"));
+        largestJournal = std::max(largestJournal, size("queue.sqlite3-wal"));
     }
     auto stats = h.stats();
     EXPECT_GT(stats.droppedByReason["not_persisted"], 0u);
@@ -516,7 +492,7 @@ TEST(SEGAnalytics, AFullDiskFailsSoftlyBoundsTheJournalAndGivesTheSpaceBack) {
     const auto ids = h.answerAll(kDelivered);
     EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), stats.persisted);  // none twice
     EXPECT_EQ(ids.size(), stats.persisted);
-    EXPECT_LT(disk.size("queue.sqlite3") + disk.size("queue.sqlite3-wal"), 128u * 1024);
+    EXPECT_LT(size("queue.sqlite3") + size("queue.sqlite3-wal"), 128u * 1024);
     h.track("after");
     h.flush();
     EXPECT_EQ(h.batches().back(), std::vector<std::string>{"after"});

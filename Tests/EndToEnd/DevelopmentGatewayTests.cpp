@@ -13,6 +13,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <functional>
 #include <future>
 #include <random>
@@ -138,6 +139,40 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
               std::tuple("KTAnalytics-Test/2", "gzip", false));
     EXPECT_TRUE(events[1]["received_at"].is_string());
     EXPECT_EQ(getJSON(*gateway, "/events?limit=1"), json::array({events[2]}));
+}
+
+TEST_F(DevelopmentGatewayTests, theArrivalObserverIsToldOfEveryStoredItemOnEachRoadAfterItIsStored) {
+    auto gateway = startGateway();
+    std::mutex mutex;
+    std::vector<std::tuple<Road, std::string, std::string, std::string, json, std::size_t>> arrivals;
+    gateway->setArrivalObserver([&](const Arrival& a) {
+        const std::size_t stored = a.road == Road::gatewayEvent     ? gateway->lastEvents(10).size()
+                                   : a.road == Road::productAnalytics ? gateway->lastMessages(10).size()
+                                                                      : gateway->lastTrackingRequests(10).size();
+        std::lock_guard lock(mutex);
+        arrivals.emplace_back(a.road, a.name, a.user, a.clientId, json::parse(a.json), stored);
+        EXPECT_EQ(a.receivedAt.size(), 24u);
+    });
+    const json events = json::array({element("play", {{"user", "quillarbor:users:1"}, {"client_id", 7}}),
+                                     element("like", {{"anonymous_id", "anon-2"}})});
+    ASSERT_EQ(status(upload(*gateway, gzip(events.dump()))), 200);
+    const json message{{"type", "track"}, {"messageId", "m"}, {"userId", "u-1"}, {"event", "Track Liked"},
+                       {"context", {{"kt", {{"client_application_id", 7}}}}}};
+    httplib::Client client(gateway->baseURL());
+    ASSERT_EQ(status(client.Post("/v1/batch", json{{"batch", {message}}}.dump(), "application/json")), 200);
+    ASSERT_EQ(status(client.Get("/track/impression/3?x=1")), 200);
+    ASSERT_EQ(status(upload(*gateway, "not gzip")), 400);  // refused: never told
+    gateway->setArrivalObserver(nullptr);
+    ASSERT_EQ(status(client.Get("/track/click")), 200);
+    using A = decltype(arrivals)::value_type;
+    EXPECT_EQ(arrivals, (std::vector<A>{
+                            A{Road::gatewayEvent, "play", "quillarbor:users:1", "7", events[0], 2},
+                            A{Road::gatewayEvent, "like", "anon-2", "", events[1], 2},
+                            A{Road::productAnalytics, "Track Liked", "u-1", "7", message, 1},
+                            A{Road::tracking, "/track/impression/3", "", "",
+                              json{{"method", "GET"}, {"target", "/track/impression/3?x=1"},
+                                   {"headers", getJSON(*gateway, "/tracking?limit=1")[0]["headers"]}}, 1},
+                        }));
 }
 
 TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400AndStoreNothing) {

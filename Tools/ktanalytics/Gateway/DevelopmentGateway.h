@@ -6,12 +6,15 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "Gateway/Arrival.h"
 
 namespace kt::gateway {
 
@@ -153,6 +156,16 @@ public:
     /// The last `limit` tracking requests, oldest first.
     std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const;
     std::string lastError() const;
+
+    /// Calls `observer` for every item the gateway stores (each element of an upload, each
+    /// message of a batch, each tracking request), once it is stored and counted, with an
+    /// Arrival describing it; items refused are never told. It runs on the server thread
+    /// that stored the item, after that request's storage and before its answer, and may run
+    /// on several threads at once: it must be thread-safe and quick, and may call this
+    /// gateway's `stats` and `last...` (not `stop`). The items of one request are told in
+    /// order. Setting another replaces it; an empty function removes it. May be set before
+    /// `start` or while serving.
+    void setArrivalObserver(std::function<void(const Arrival&)> observer);
 
 private:
     struct Impl;

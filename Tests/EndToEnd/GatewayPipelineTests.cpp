@@ -9,6 +9,7 @@
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "Support/LoopbackStack.h"
 #include "Support/RecordingTechLogger.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
@@ -33,24 +34,12 @@ std::vector<fs::path> eventFiles(const AnalyticsStack& stack) {
 
 class GatewayPipelineTests : public ::testing::Test {
 protected:
-    AnalyticsStackConfiguration configuration(const std::string& baseURL, const fs::path& state) {
-        AnalyticsStackConfiguration c;
-        c.environment.eventGatewayBaseURL = baseURL;
-        c.environment.clientId = 7;
+    AnalyticsStackConfiguration configuration(int port, const fs::path& state) {
+        auto c = testing::loopbackConfiguration(port, state, console);
         c.environment.userAgent = kUserAgent;
         c.environment.minimumBatchSize = 20;
-        c.environment.shouldFlushAtRegularIntervals = false;
-        c.stateDirectory = state;
         c.techLogger = techLogger;
-        c.console = &console;
         return c;
-    }
-
-    std::unique_ptr<AnalyticsStack> makeStack(AnalyticsStackConfiguration c) {
-        std::string error;
-        auto stack = AnalyticsStack::make(std::move(c), &error);
-        EXPECT_NE(stack, nullptr) << error;
-        return stack;
     }
 
     static void tagSession(AnalyticsStack& stack, int count) {
@@ -68,10 +57,10 @@ protected:
 
 TEST_F(GatewayPipelineTests, theGatewayReceivesEveryEventByteForByteWithTheWireFormatsHeaders) {
     auto gateway = startGateway();
-    auto signedIn = configuration(gateway->baseURL(), directory / "signed-in");
+    auto signedIn = configuration(gateway->port(), directory / "signed-in");
     signedIn.token = "secret-token";
-    auto stack = makeStack(signedIn);
-    auto signedOutStack = makeStack(configuration(gateway->baseURL(), directory / "signed-out"));
+    auto stack = testing::makeStack(signedIn);
+    auto signedOutStack = testing::makeStack(configuration(gateway->port(), directory / "signed-out"));
     ASSERT_TRUE(stack && signedOutStack);
 
     // 20 go out on their own when the minimum is reached, the last 5 with the flush.
@@ -105,9 +94,9 @@ TEST_F(GatewayPipelineTests, theGatewayReceivesEveryEventByteForByteWithTheWireF
 
 TEST_F(GatewayPipelineTests, anAlphaBuildUploadsOneEventPerRequestAndReportsEachRejectedOne) {
     auto gateway = startGateway({.failRate = 1.0, .failStatus = 400});
-    auto c = configuration(gateway->baseURL(), directory / "state");
+    auto c = configuration(gateway->port(), directory / "state");
     c.alpha = true;
-    auto stack = makeStack(c);
+    auto stack = testing::makeStack(c);
     ASSERT_NE(stack, nullptr);
 
     stack->tagEvent(APEvent::make("like", AttributeDictionary{{"track", "quillarbor:tracks:1"}}));

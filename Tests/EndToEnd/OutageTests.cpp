@@ -9,12 +9,9 @@
 #include <sstream>
 #include <thread>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "Support/KilledChild.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
@@ -90,8 +87,7 @@ TEST_F(OutageTests, aGatewayRefusingConnectionsAndThenAnsweringCostsNothingOnAny
 TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
     const int port = testing::closedPort();
     constexpr std::uint64_t kEvents = 20, kBadEvents = 5, kURLs = 5, kBadURLs = 5, kMessages = 1200, kBound = 1000;
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ASSERT_TRUE(testing::killedChild([&] {
         auto stack = makeStack(port);
         for (std::uint64_t i = 0; i < kMessages; ++i) stack->eventSender()->send("App Cache Cleared", 1, {});
         for (std::uint64_t i = 0; i < kEvents + kBadEvents; ++i)
@@ -103,18 +99,13 @@ TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
             stack->tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
         }
         // Killed once everything was stored or dropped, whatever is in flight.
-        for (;;) {
-            stack->drainQueue(1s);
+        const auto settled = [&] {
             const auto s = stack->statistics();
-            if (s.upload.stored + s.upload.dropped() == kEvents + kBadEvents &&
-                s.segment.persisted == kMessages)
-                ::kill(::getpid(), SIGKILL);
-            std::this_thread::sleep_for(1ms);
-        }
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+            return s.upload.stored + s.upload.dropped() == kEvents + kBadEvents && s.segment.persisted == kMessages;
+        };
+        while (stack->drainQueue(1s), !settled()) std::this_thread::sleep_for(1ms);
+        testing::killNow();
+    }));
 
     auto gateway = testing::startGateway({.port = port});
     auto stack = makeStack(port);

@@ -8,16 +8,13 @@
 #include <sstream>
 #include <thread>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <httplib.h>
 
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/Promoted/APPromotedAnalyticsProvider.h"
 #include "KTAnalytics/Promoted/AnalyticsEntityTagger.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "Support/KilledChild.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
@@ -74,15 +71,11 @@ TEST_F(PromotedDeliveryTests, everyURLArrivesOnceAfterFailuresARestartAndAKill) 
         EXPECT_EQ(stack->statistics().reliableRequests.waiting, 5u);
     }
     // A process that dies right after handing a URL over.
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ASSERT_TRUE(testing::killedChild([&] {
         auto stack = makeStack(port);
         fire(*stack, port, 5, 6);
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+        testing::killNow();
+    }));
 
     auto gateway = startGateway({.port = port});
     auto stack = makeStack(port);

@@ -8,13 +8,10 @@
 #include <sstream>
 #include <thread>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "KTAnalytics/Segment/SegmentWrapper.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "Support/KilledChild.h"
 #include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
@@ -79,16 +76,12 @@ TEST(TrackingPlanDelivery, WhatWasQueuedWhileTheGatewayWasDownOrAtAKillArrivesAf
         EXPECT_FALSE(stack->waitUntilDelivered(300ms));
     }
     // A process killed once its messages are stored, before any of them went out.
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ASSERT_TRUE(testing::killedChild([&] {
         auto stack = makeStack(directory.path() / "state", port, console);
         for (int i = 0; i < 3; ++i) stack->eventSender()->send("App Theme Changed", 1, {{"value", AttributeValue("dark")}});
         while (stack->statistics().segment.persisted < 3) std::this_thread::sleep_for(1ms);
-        ::kill(::getpid(), SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
+        testing::killNow();
+    }));
 
     auto gateway = startGateway({.port = port});
     auto stack = makeStack(directory.path() / "state", port, console);

@@ -17,9 +17,16 @@
 #include <functional>
 #include <future>
 #include <random>
+#include <sstream>
 #include <thread>
 
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/GzipCodec.h"
+#include "KTAnalytics/Setup/AnalyticsStack.h"
+#include "KTAnalytics/TrackingArchitecture/EventSender.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
+#include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
+#include "Support/LoopbackStack.h"
 #include "Support/RunningGateway.h"
 #include "Support/TemporaryDirectory.h"
 
@@ -123,7 +130,8 @@ TEST_F(DevelopmentGatewayTests, uploadsInEitherLayoutAndTrackingRequestsAreStore
                     {"rejected", 0}, {"refused_by_reason", {{"memory_budget", 0}, {"request_deadline", 0}}},
                     {"tracking_requests", 2},
                     {"tracking_by_prefix", {{"/track/click", 1}, {"/track/impression", 1}}},
-                    {"batch_requests", 0}, {"messages", 0}, {"duplicate_messages", 0}}));
+                    {"batch_requests", 0}, {"messages", 0}, {"duplicate_messages", 0},
+                    {"violations", {{"missing_base_attribute", 9}, {"unsupported_event", 2}}}}));
     const json tracking = getJSON(*gateway, "/tracking?limit=10");
     ASSERT_EQ(tracking.size(), 2u);
     EXPECT_EQ(tracking[1]["target"], "/track/click/deeper?x=y");
@@ -175,6 +183,100 @@ TEST_F(DevelopmentGatewayTests, theArrivalObserverIsToldOfEveryStoredItemOnEachR
                         }));
 }
 
+TEST_F(DevelopmentGatewayTests, itemsBreakingThePlanAreStoredAndCountedOrRefusedWhenStrictAndResetForgetsEverything) {
+    const json bad{{"type", "track"}, {"messageId", "m-bad"}, {"anonymousId", "a"}, {"event", "Account Deletion Failed"},
+                   {"properties", {{"extra", 1}}}, {"context", {{"protocols", {{"event_version", 1}}}}}};
+    json good = bad;
+    good["messageId"] = "m-good";
+    good["properties"] = json::object();
+    const std::string batch = json{{"batch", {good, bad}}}.dump();
+    const std::string events = gzip(json::array({element("play")}).dump());
+    for (const bool strict : {false, true}) {
+        SCOPED_TRACE(strict ? "strict" : "default");
+        auto gateway = startGateway({.strict = strict});
+        httplib::Client client(gateway->baseURL());
+        const auto batchAnswer = client.Post("/v1/batch", batch, "application/json");
+        const auto eventsAnswer = upload(*gateway, events);
+        const json listed = getJSON(*gateway, "/violations?limit=10");
+        ASSERT_TRUE(batchAnswer && eventsAnswer && listed.is_array());
+        const json answers = json::array({json::parse(batchAnswer->body), json::parse(eventsAnswer->body)});
+        std::vector<std::tuple<json, json, json, json, json, json>> violations;
+        for (const json& v : listed) violations.emplace_back(v["messageId"], v["event"], v["rule"], v["key"], v["road"], v["refused"]);
+        const std::string eventId = strict ? "event-0" : "event-1";  // refused: its index; stored: its row
+        EXPECT_EQ(violations, (decltype(violations){
+                                  {eventId, "play", "missing_base_attribute", "ts", "event", strict},
+                                  {eventId, "play", "missing_base_attribute", "connection_type", "event", strict},
+                                  {eventId, "play", "missing_base_attribute", "session_id", "event", strict},
+                                  {eventId, "play", "unsupported_event", nullptr, "event", strict},
+                                  {"m-bad", "Account Deletion Failed", "unknown_key", "extra", "message", strict},
+                              }));
+        const json stats = getJSON(*gateway, "/stats");
+        EXPECT_EQ(stats["violations"],
+                  (json{{"unknown_key", 1}, {"unsupported_event", 1}, {"missing_base_attribute", 3}}));
+        if (strict) {
+            EXPECT_EQ(std::tuple(batchAnswer->status, eventsAnswer->status, stats["messages"], stats["events"],
+                                 stats["rejected"]),
+                      std::tuple(400, 400, 0, 0, 2));
+            EXPECT_EQ(answers[0]["error"], R"(message "m-bad" breaks unknown_key (extra))");
+            EXPECT_EQ(answers[1]["error"], "event-0 breaks unsupported_event, missing_base_attribute (session_id), "
+                                           "missing_base_attribute (connection_type), missing_base_attribute (ts)");
+            EXPECT_EQ(answers[0]["violations"].size(), 1u);
+        } else {
+            EXPECT_EQ(answers, json::array({{{"success", true}}, {{"accepted", 1}}}));
+            EXPECT_EQ(std::tuple(stats["messages"], stats["events"], stats["rejected"]), std::tuple(2, 1, 0));
+        }
+        EXPECT_EQ(status(client.Get("/violations?limit=1001")), 400);
+        EXPECT_EQ(getJSON(*gateway, "/violations?limit=1").size(), 1u);
+
+        ASSERT_EQ(status(client.Post("/reset")), 200);
+        EXPECT_EQ(getJSON(*gateway, "/violations"), json::array());
+        EXPECT_EQ(gateway->lastMessages(10).size() + gateway->lastEvents(10).size(), 0u);
+        const GatewayStatistics after = gateway->stats();
+        EXPECT_EQ(std::tuple(after.batchRequests, after.requests, after.messages, after.violations.size()),
+                  std::tuple(0u, 0u, 0u, 0u));
+        // A message stored before the reset is no duplicate after it.
+        ASSERT_EQ(status(client.Post("/v1/batch", json{{"batch", {good}}}.dump(), "application/json")), 200);
+        EXPECT_EQ(gateway->stats().duplicateMessages, 0u);
+    }
+}
+
+// The checks must agree with the SDK: every operation of the plan, with and without its
+// optional arguments, and gateway events of both kinds, sent by a whole stack, break no rule.
+TEST_F(DevelopmentGatewayTests, whatTheSDKItselfSendsBreaksNoRule) {
+    auto gateway = startGateway({.strict = true});
+    std::ostringstream console;
+    auto configuration = testing::loopbackConfiguration(gateway->port(), directory / "state", console);
+    configuration.segmentFlushAt = 50;
+    auto stack = testing::makeStack(std::move(configuration));
+    ASSERT_NE(stack, nullptr);
+    stack->eventSender()->identify("u-7", AttributeValue{{"plan", "go+"}});
+    std::size_t sent = 1;
+    for (const bool optionalsGiven : {false, true})
+        for (const auto& operation : tracking::planOperations()) {
+            AttributeValue arguments = AttributeValue::object();
+            for (const auto& p : operation.properties) {
+                if (p.optional && !optionalsGiven) continue;
+                using K = tracking::PropertyKind;
+                const AttributeValue urn = "quillarbor:tracks:1";
+                const std::map<K, AttributeValue> sample{
+                    {K::string, "s"}, {K::boolean, true}, {K::number, 1.5}, {K::map, {{"k", 1}}},
+                    {K::maps, AttributeValue::array({{{"k", 1}}})}, {K::strings, {"a"}}, {K::urn, urn},
+                    {K::urns, AttributeValue::array({urn})}, {K::enumeration, 0}};
+                arguments[std::string(p.key)] = sample.at(p.kind);
+            }
+            const auto error = tracking::callOperation(*stack->eventSender(), operation.name, arguments);
+            ASSERT_FALSE(error) << operation.name << ": " << error->key << " " << error->message;
+            ++sent;
+        }
+    for (const char* name : {"audio", "impression"})
+        stack->tagEvent(APEvent::make(name, AttributeDictionary{{"track", "quillarbor:tracks:1"}}));
+    stack->flush();
+    ASSERT_TRUE(stack->waitUntilDelivered(std::chrono::seconds(20)));
+    const GatewayStatistics stats = gateway->stats();
+    EXPECT_EQ(std::tuple(stats.messages, stats.events, stats.rejected), std::tuple(sent, 2u, 0u));
+    EXPECT_EQ(getJSON(*gateway, "/violations"), json::array());
+}
+
 TEST_F(DevelopmentGatewayTests, bodiesThatAreNotGzipJSONOfTheRightShapeAre400AndStoreNothing) {
     auto gateway = startGateway();
     const std::string valid = gzip(R"([{"event":"ok","version":"v1","payload":{}}])");
@@ -217,7 +319,7 @@ TEST_F(DevelopmentGatewayTests, injectedFailuresAnswerEveryRoadWithTheFailStatus
                     {"failures_injected", 3}, {"rejected", 0},
                     {"refused_by_reason", {{"memory_budget", 0}, {"request_deadline", 0}}}, {"tracking_requests", 0},
                     {"tracking_by_prefix", json::object()}, {"batch_requests", 1}, {"messages", 0},
-                    {"duplicate_messages", 0}}));
+                    {"duplicate_messages", 0}, {"violations", json::object()}}));
 
     auto outcomes = [&](std::uint64_t seed) {
         auto halfFailing = startGateway({.failRate = 0.5, .seed = seed});

@@ -135,7 +135,7 @@ TEST(GatewayBatchEndpointTests, acceptedMessagesAreStoredWithTheirKtIntegrations
               (json{{"requests", 0}, {"events", 0}, {"bytes_compressed", gzip(first).size() + second.size()},
                     {"bytes_raw", first.size() + second.size()}, {"failures_injected", 0}, {"rejected", 0},
                     {"refused_by_reason", {{"memory_budget", 0}, {"request_deadline", 0}}}, {"tracking_requests", 0}, {"tracking_by_prefix", json::object()}, {"batch_requests", 2},
-                    {"messages", 4}, {"duplicate_messages", 1}}));
+                    {"messages", 4}, {"duplicate_messages", 1}, {"violations", {{"unknown_event", 2}}}}));
 }
 
 TEST(GatewayBatchEndpointTests, concurrentBatchesOfOneMessageIdAreAllStoredAndAllButOneCountedAsDuplicates) {

@@ -29,6 +29,7 @@ struct GatewayOptions {
     std::size_t maxBodyMiB = gateway::GatewayConfiguration{}.maxBodyBytes >> 20;
     std::size_t maxRawMiB = gateway::GatewayConfiguration{}.maxRawBytes >> 20;
     int requestDeadlineS = static_cast<int>(gateway::kDefaultRequestDeadline.count());
+    bool strict = false;
 };
 
 int runGateway(const GatewayOptions& options) {
@@ -53,6 +54,7 @@ int runGateway(const GatewayOptions& options) {
     configuration.maxBodyBytes = options.maxBodyMiB << 20;
     configuration.maxRawBytes = options.maxRawMiB << 20;
     configuration.requestDeadline = std::chrono::seconds(options.requestDeadlineS);
+    configuration.strict = options.strict;
 
     int exitCode = 0;
     {
@@ -103,6 +105,9 @@ void registerGatewayCommand(CLI::App& app, int& exitCode) {
                         "Seconds a request (headers and body) may take to arrive (408 beyond)")
         ->check(CLI::Range(1, 3600))
         ->capture_default_str();
+    command->add_flag("--strict", options->strict,
+                      "Refuse (400) an upload or batch with an item that breaks the tracking plan or the event "
+                      "rules, naming it and the rule; by default such items are stored and counted");
     command->callback([options, &exitCode] { exitCode = runGateway(*options); });
 }
 

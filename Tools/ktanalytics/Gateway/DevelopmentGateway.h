@@ -57,6 +57,10 @@ struct GatewayConfiguration {
     /// for their turn to be decoded; an upload that would pass it is answered 503 with
     /// Retry-After. Never less than `maxBodyBytes`, so a body alone is always taken.
     std::size_t heldBodyBudgetBytes = kDefaultHeldBodyBudget;
+    /// Refuses (400, naming the item and the rule) an upload or batch any of whose items breaks
+    /// a rule of the tracking plan or of the gateway events (see PlanValidation.h); without it
+    /// such items are stored all the same. Either way their violations are counted and listed.
+    bool strict = false;
 };
 
 /// Deepest JSON nesting an upload may have, counting its outer array or object; deeper
@@ -85,6 +89,8 @@ struct GatewayStatistics {
     std::uint64_t trackingRequests = 0;
     /// Tracking requests by the first two segments of their path ("/track/impression").
     std::map<std::string, std::uint64_t> trackingByPrefix;
+    /// Violations found, stored or refused, by rule ("unknown_key"); rules never broken are absent.
+    std::map<std::string, std::uint64_t> violations;
 };
 
 /// One stored tracking request. `headers` is a JSON text (object), credentials masked.
@@ -126,7 +132,8 @@ struct StoredMessage {
 /// "payload"} elements, or {"events": [...], "sent_at": "..."}), `POST /v1/batch` (the
 /// product-analytics batch: gzip or plain JSON {"batch": [messages], "sentAt", "writeKey"},
 /// answered {"success": true} or {"success": false, "error": "..."}), `GET /stats`,
-/// `GET /events?limit=N`, `GET /messages?limit=N`, `GET /tracking?limit=N`, and
+/// `GET /events?limit=N`, `GET /messages?limit=N`, `GET /tracking?limit=N`,
+/// `GET /violations?limit=N` (newest first), `POST /reset` (forgets everything held), and
 /// `GET /track/...` for promoted tracking URLs.
 class DevelopmentGateway {
 public:

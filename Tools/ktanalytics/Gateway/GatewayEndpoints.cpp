@@ -1,5 +1,6 @@
 #include "Gateway/GatewayEndpoints.h"
 #include "Gateway/GatewayPage.h"
+#include "Gateway/PlanValidation.h"
 #include "Gateway/UploadBody.h"
 #include "Gateway/UploadReader.h"
 #include "KTAnalytics/Platform/JSONSerialization.h"
@@ -12,6 +13,8 @@
 #include <random>
 #include <system_error>
 #include <thread>
+#include <tuple>
+#include <vector>
 #include <utility>
 
 #include <malloc.h>
@@ -37,6 +40,8 @@ thread_local bool tLoggedByHandler = false;
 thread_local std::size_t tEventsStored = 0;
 thread_local std::size_t tMessagesStored = 0;
 thread_local std::size_t tDuplicatesStored = 0;
+// One line per violation found while handling the request, logged after its own line.
+thread_local std::vector<std::string> tViolationLines;
 constexpr std::size_t kDefaultEventsLimit = 100;
 // A body past its limit is still read and dropped up to this much, so an honest client gets
 // its 413 on a connection left in step; past it the connection is given up.
@@ -237,10 +242,57 @@ struct GatewayEndpoints::Handlers {
         return "the request did not arrive within " + std::to_string(configuration.requestDeadline.count()) + " ms";
     }
 
+    // Each item's violations, `check` given the item as JSON. When the gateway is strict and
+    // any item breaks a rule, the upload is refused here (400 in the road's shape, naming the
+    // first such item and its rules, with every violation listed) and true is answered.
+    template <class Check>
+    std::vector<std::vector<Violation>> checked(const UploadItems& items, Road road, httplib::Response& response,
+                                                bool& refused, Check check) {
+        std::vector<std::vector<Violation>> found(items.size());
+        std::vector<GatewayStore::RefusedItem> breaking;
+        for (std::size_t i = 0; i < items.size(); ++i) {
+            auto [id, event, item] = check(i);
+            found[i] = std::move(item);
+            if (found[i].empty()) continue;
+            for (const Violation& v : found[i])
+                tViolationLines.push_back("  " + id + " \"" + event + "\" " + v.rule + (v.key ? " " + *v.key : "") +
+                                          ": " + v.detail);
+            breaking.push_back({std::move(id), std::move(event), found[i]});
+        }
+        refused = configuration.strict && !breaking.empty();
+        if (!refused) return found;
+        tViolationLines.push_back("  refused: the gateway is strict");
+        store.recordRefused(road, breaking);
+        store.count([](GatewayStatistics& s) { ++s.rejected; });
+        const auto& first = breaking.front();
+        std::string rules;
+        json listed = json::array();
+        for (const auto& item : breaking)
+            for (const Violation& v : item.violations) {
+                if (&item == &first) rules += (rules.empty() ? "" : ", ") + v.rule + (v.key ? " (" + *v.key + ")" : "");
+                listed.push_back(json{{"messageId", item.id}, {"event", item.event}, {"rule", v.rule},
+                                      {"key", v.key ? json(*v.key) : json(nullptr)}, {"detail", v.detail}});
+            }
+        const std::string what = road == Road::gatewayEvent ? first.id : "message " + dumped(json(first.id));
+        json body = (road == Road::gatewayEvent ? eventsRefusal : batchRefusal)(
+            what + " breaks " + rules + (breaking.size() > 1 ? ", and " + std::to_string(breaking.size() - 1) + " more items break rules" : ""));
+        body["violations"] = std::move(listed);
+        answerJSON(response, 400, body);
+        return found;
+    }
+
     void handleUpload(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& read) {
         receiveUpload(request, response, read, kEventsRoad, [&](const UploadItems& elements, const ReceivedBody& received) {
-            if (!store.storeEvents(elements, dumped(headersOf(request)), received))
+            bool refused = false;
+            const auto violations = checked(elements, Road::gatewayEvent, response, refused, [&](std::size_t i) {
+                const json element{{"event", elements.field(i, eventName)},
+                                   {"payload", json::parse(elements.field(i, eventPayload), nullptr, false)}};
+                return std::tuple("event-" + std::to_string(i), std::string(elements.field(i, eventName)),
+                                  gatewayEventViolations(element));
+            });
+            if (refused) return;
+            if (!store.storeEvents(elements, dumped(headersOf(request)), received, violations))
                 return answerJSON(response, 500, eventsRefusal("storage failed"));
             tEventsStored = elements.size();
             answerJSON(response, 200, json{{"accepted", elements.size()}});
@@ -250,17 +302,33 @@ struct GatewayEndpoints::Handlers {
     void handleBatch(const httplib::Request& request, httplib::Response& response,
                      const httplib::ContentReader& read) {
         receiveUpload(request, response, read, kBatchRoad, [&](const UploadItems& messages, const ReceivedBody& received) {
+            bool refused = false;
+            const auto violations = checked(messages, Road::productAnalytics, response, refused, [&](std::size_t i) {
+                return std::tuple(std::string(messages.field(i, messageId)), std::string(messages.field(i, messageName)),
+                                  messageViolations(json::parse(messages.field(i, messageWhole), nullptr, false)));
+            });
+            if (refused) return;
             // The scheme tells a user's token from the client's own write key; the credential
             // itself is never kept.
             const std::string header = request.get_header_value("Authorization");
             const std::string authorization = header.empty() ? "" : header.substr(0, header.find(' ') + 1) + "present";
             std::size_t duplicates = 0;
-            if (!store.storeMessages(messages, dumped(headersOf(request)), authorization, received, duplicates))
+            if (!store.storeMessages(messages, dumped(headersOf(request)), authorization, received, violations,
+                                     duplicates))
                 return answerJSON(response, 500, batchRefusal("storage failed"));
             tMessagesStored = messages.size();
             tDuplicatesStored = duplicates;
             answerJSON(response, 200, json{{"success", true}});
         });
+    }
+
+    void handleViolations(const httplib::Request& request, httplib::Response& response) {
+        if (const auto limit = listingLimit(request, response)) answerText(response, store.violationsListingJSON(*limit));
+    }
+
+    void handleReset(const httplib::Request&, httplib::Response& response) {
+        if (!store.reset()) return answerJSON(response, 500, json{{"error", "storage failed"}});
+        answerJSON(response, 200, json{{"reset", true}});
     }
 
     void handleTracking(const httplib::Request& request, httplib::Response& response) {
@@ -293,6 +361,13 @@ struct GatewayEndpoints::Handlers {
 
     void handleTrackingListing(const httplib::Request& request, httplib::Response& response) {
         if (const auto limit = listingLimit(request, response)) answerText(response, store.trackingListingJSON(*limit));
+    }
+
+    // The request's line, then those of the violations found in it, together in the log.
+    void logWithViolations(std::string line) {
+        for (const std::string& violation : tViolationLines) line += "\n" + violation;
+        tViolationLines.clear();
+        logLine(line);
     }
 
     void logRequest(const httplib::Request& request, int status, std::size_t events) {
@@ -335,17 +410,20 @@ struct GatewayEndpoints::Handlers {
         server.Post("/v1/events", [this](const httplib::Request& q, httplib::Response& r,
                                          const httplib::ContentReader& read) {
             tEventsStored = 0;
+            tViolationLines.clear();
             handleUpload(q, r, read);
-            logRequest(q, r.status, tEventsStored);
+            logWithViolations(q.method + " " + q.path + " " + std::to_string(r.status) + " events=" +
+                              std::to_string(tEventsStored));
             tLoggedByHandler = true;
         });
         server.Post("/v1/batch", [this](const httplib::Request& q, httplib::Response& r,
                                         const httplib::ContentReader& read) {
             tMessagesStored = 0;
             tDuplicatesStored = 0;
+            tViolationLines.clear();
             handleBatch(q, r, read);
-            logLine(q.method + " " + q.path + " " + std::to_string(r.status) + " messages=" +
-                    std::to_string(tMessagesStored) + " duplicates=" + std::to_string(tDuplicatesStored));
+            logWithViolations(q.method + " " + q.path + " " + std::to_string(r.status) + " messages=" +
+                              std::to_string(tMessagesStored) + " duplicates=" + std::to_string(tDuplicatesStored));
             tLoggedByHandler = true;
         });
         server.Get("/stats", logged(&Handlers::handleStats));
@@ -353,6 +431,16 @@ struct GatewayEndpoints::Handlers {
         server.Get("/events", logged(&Handlers::handleEvents));
         server.Get(R"(/track/.*)", logged(&Handlers::handleTracking));
         server.Get("/tracking", logged(&Handlers::handleTrackingListing));
+        server.Get("/violations", logged(&Handlers::handleViolations));
+        // POST routes take a content reader: httplib tries those before the plain ones, so a
+        // plain POST route would lose to the catch-all below.
+        server.Post("/reset", [this](const httplib::Request& q, httplib::Response& r, const httplib::ContentReader& read) {
+            HeldBody nothing(bodyBudget);
+            readBody(read, r, 0, nothing);  // a body means nothing here
+            handleReset(q, r);
+            logRequest(q, r.status, 0);
+            tLoggedByHandler = true;
+        });
         // The live page's routes: after the gateway's own, before the catch-all below.
         registerPageRoutes(server, store);
         // Left to itself httplib reads a chunked body of any size into memory before finding

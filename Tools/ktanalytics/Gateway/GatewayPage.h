@@ -12,7 +12,9 @@ class GatewayStore;
 /// gateway's own GET routes and before the catch-all that answers 404 to bodies sent
 /// elsewhere, so a page route takes precedence over that catch-all but not over `/stats`,
 /// `/events`, `/messages`, `/tracking`, `/violations` or `/track/...`. What the page shows
-/// live comes from `store`: its listings, its counts, and the arrival observer.
+/// live comes from `store`: its listings, its counts, and the arrival observers. A POST
+/// route must take an httplib::ContentReader, as `/reset` does: httplib tries those before
+/// plain handlers, so a plain one would lose to the catch-all.
 /// There is no page yet: this adds no route.
 void registerPageRoutes(httplib::Server& server, GatewayStore& store);
 

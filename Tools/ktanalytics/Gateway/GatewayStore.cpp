@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <ctime>
+#include <string_view>
 
 #include <strings.h>
 #include <nlohmann/json.hpp>
@@ -113,7 +114,80 @@ bool GatewayStore::open() {
                 "payload TEXT NOT NULL, headers TEXT NOT NULL, received_at TEXT NOT NULL);"
                 "CREATE TABLE IF NOT EXISTS tracking_requests ("
                 "id INTEGER PRIMARY KEY AUTOINCREMENT, method TEXT NOT NULL, target TEXT NOT NULL, "
-                "headers TEXT NOT NULL, received_at TEXT NOT NULL);");
+                "headers TEXT NOT NULL, received_at TEXT NOT NULL);"
+                "CREATE TABLE IF NOT EXISTS violations ("
+                "id INTEGER PRIMARY KEY AUTOINCREMENT, message_id TEXT NOT NULL, event TEXT NOT NULL, "
+                "rule TEXT NOT NULL, key TEXT, road TEXT NOT NULL, detail TEXT NOT NULL, refused INTEGER NOT NULL, "
+                "received_at TEXT NOT NULL);");
+}
+
+bool GatewayStore::insertViolations(const std::string& id, std::string_view event, Road road,
+                                    const std::vector<Violation>& violations, const std::string& receivedAt,
+                                    bool refused) {
+    if (violations.empty()) return true;
+    sqlite3_stmt* s = nullptr;
+    bool ok = sqlite3_prepare_v2(db_, "INSERT INTO violations (message_id, event, rule, key, road, detail, refused, "
+                                      "received_at) VALUES (?, ?, ?, ?, ?, ?, ?, ?)", -1, &s, nullptr) == SQLITE_OK;
+    for (std::size_t i = 0; ok && i < violations.size(); ++i) {
+        const Violation& v = violations[i];
+        bindText(s, 1, id);
+        bindText(s, 2, event);
+        bindText(s, 3, v.rule);
+        if (v.key)
+            bindText(s, 4, *v.key);
+        else
+            sqlite3_bind_null(s, 4);
+        bindText(s, 5, roadName(road));
+        bindText(s, 6, v.detail);
+        sqlite3_bind_int(s, 7, refused ? 1 : 0);
+        bindText(s, 8, receivedAt);
+        ok = sqlite3_step(s) == SQLITE_DONE;
+        sqlite3_reset(s);
+    }
+    if (!ok) errors_.set(std::string("SQLite: ") + sqlite3_errmsg(db_));
+    sqlite3_finalize(s);
+    return ok;
+}
+
+void GatewayStore::countViolations(const std::vector<std::vector<Violation>>& violations) {
+    std::lock_guard lock(stateMutex_);
+    for (const auto& item : violations)
+        for (const Violation& v : item) ++statistics_.violations[v.rule];
+}
+
+bool GatewayStore::recordRefused(Road road, const std::vector<RefusedItem>& items) {
+    const std::string receivedAt = utcText(std::chrono::system_clock::now());
+    std::vector<std::vector<Violation>> counted;
+    {
+        std::lock_guard lock(dbMutex_);
+        if (!exec("BEGIN")) return false;
+        bool ok = true;
+        for (const RefusedItem& item : items) {
+            ok = ok && insertViolations(item.id, item.event, road, item.violations, receivedAt, true);
+            counted.push_back(item.violations);
+        }
+        if (!ok) {
+            exec("ROLLBACK");
+            return false;
+        }
+        if (!exec("COMMIT")) return false;
+    }
+    countViolations(counted);
+    return true;
+}
+
+bool GatewayStore::reset() {
+    {
+        std::lock_guard lock(dbMutex_);
+        if (!exec("BEGIN; DELETE FROM events; DELETE FROM messages; DELETE FROM tracking_requests; "
+                  "DELETE FROM violations; COMMIT;")) {
+            exec("ROLLBACK");
+            return false;
+        }
+    }
+    std::lock_guard lock(stateMutex_);
+    statistics_ = GatewayStatistics{};
+    return true;
 }
 
 std::size_t GatewayStore::addArrivalObserver(std::function<void(const Arrival&)> observer) {
@@ -144,7 +218,10 @@ void GatewayStore::tell(const std::vector<Arrival>& arrivals) const {
         for (const auto& observer : observers) (*observer)(arrival);
 }
 
-bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& headers, const ReceivedBody& body) {
+bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& headers, const ReceivedBody& body,
+                               const std::vector<std::vector<Violation>>& violations) {
+    static const std::vector<Violation> none;
+    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return i < violations.size() ? violations[i] : none; };
     const auto now = std::chrono::system_clock::now();
     const std::string receivedAt = utcText(now);
     {
@@ -161,6 +238,9 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
             sqlite3_bind_text(s, 5, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
             ok = sqlite3_step(s) == SQLITE_DONE;
             sqlite3_reset(s);
+            if (ok && !of(i).empty())
+                ok = insertViolations("event-" + std::to_string(sqlite3_last_insert_rowid(db_)),
+                                      elements.field(i, eventName), Road::gatewayEvent, of(i), receivedAt, false);
         }
         if (!ok) errors_.set(std::string("SQLite: ") + sqlite3_errmsg(db_));
         sqlite3_finalize(s);
@@ -176,6 +256,7 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
         statistics_.bytesCompressed += body.received;
         statistics_.bytesRaw += body.raw;
     }
+    countViolations(violations);
     if (!observed()) return true;
     std::vector<Arrival> arrivals;
     for (std::size_t i = 0; i < elements.size(); ++i) {
@@ -191,14 +272,17 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
             .clientId = textOf(member(attributes, "client_id")),
             .json = R"({"event":)" + dumped(name) + R"(,"payload":)" + std::string(payload) + R"(,"version":)" +
                     dumped(std::string(elements.field(i, eventVersion))) + "}",
-            .violations = {}});
+            .violations = of(i)});
     }
     tell(arrivals);
     return true;
 }
 
 bool GatewayStore::storeMessages(const UploadItems& messages, const std::string& headers,
-                                 const std::string& authorization, const ReceivedBody& body, std::size_t& duplicates) {
+                                 const std::string& authorization, const ReceivedBody& body,
+                                 const std::vector<std::vector<Violation>>& violations, std::size_t& duplicates) {
+    static const std::vector<Violation> none;
+    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return i < violations.size() ? violations[i] : none; };
     const auto now = std::chrono::system_clock::now();
     const std::string receivedAt = utcText(now);
     duplicates = 0;
@@ -227,6 +311,9 @@ bool GatewayStore::storeMessages(const UploadItems& messages, const std::string&
             sqlite3_bind_text(insert, ++column, receivedAt.c_str(), -1, SQLITE_TRANSIENT);
             ok = ok && sqlite3_step(insert) == SQLITE_DONE;
             sqlite3_reset(insert);
+            if (ok && !of(i).empty())
+                ok = insertViolations(std::string(messages.field(i, messageId)), messages.field(i, messageName),
+                                      Road::productAnalytics, of(i), receivedAt, false);
         }
         if (!ok) errors_.set(std::string("SQLite: ") + sqlite3_errmsg(db_));
         sqlite3_finalize(seen);
@@ -244,6 +331,7 @@ bool GatewayStore::storeMessages(const UploadItems& messages, const std::string&
         statistics_.bytesCompressed += body.received;
         statistics_.bytesRaw += body.raw;
     }
+    countViolations(violations);
     if (!observed()) return true;
     std::vector<Arrival> arrivals;
     for (std::size_t i = 0; i < messages.size(); ++i) {
@@ -258,7 +346,7 @@ bool GatewayStore::storeMessages(const UploadItems& messages, const std::string&
             .user = firstText(message, "userId", "anonymousId"),
             .clientId = textOf(member(member(member(message, "context"), "kt"), "client_application_id")),
             .json = std::string(whole),
-            .violations = {}});
+            .violations = of(i)});
     }
     tell(arrivals);
     return true;
@@ -394,7 +482,8 @@ std::string GatewayStore::statisticsJSON() const {
                        {"tracking_by_prefix", s.trackingByPrefix},
                        {"batch_requests", s.batchRequests},
                        {"messages", s.messages},
-                       {"duplicate_messages", s.duplicateMessages}});
+                       {"duplicate_messages", s.duplicateMessages},
+                       {"violations", s.violations}});
 }
 
 std::string GatewayStore::eventsListingJSON(std::size_t limit) const {
@@ -427,6 +516,27 @@ std::string GatewayStore::messagesListingJSON(std::size_t limit) const {
                 dumped(m.name) + R"(,"received_at":)" + dumped(m.receivedAt) + R"(,"type":)" + dumped(m.type) + "}";
     }
     return body + "]";
+}
+
+std::string GatewayStore::violationsListingJSON(std::size_t limit) const {
+    json listing = json::array();
+    std::lock_guard lock(dbMutex_);
+    newestRows<int>(db_,
+                    "SELECT message_id, event, rule, key, road, detail, refused, received_at FROM violations "
+                    "ORDER BY id DESC LIMIT ?",
+                    limit, [&](sqlite3_stmt* s, auto& text, std::vector<int>&) {
+                        listing.push_back(json{{"messageId", text(0)},
+                                               {"event", text(1)},
+                                               {"rule", text(2)},
+                                               {"key", sqlite3_column_type(s, 3) == SQLITE_NULL ? json(nullptr)
+                                                                                                : json(text(3))},
+                                               {"road", text(4)},
+                                               {"detail", text(5)},
+                                               {"refused", sqlite3_column_int(s, 6) != 0},
+                                               {"received_at", text(7)}});
+                        return true;
+                    });
+    return dumped(listing);
 }
 
 std::string GatewayStore::trackingListingJSON(std::size_t limit) const {

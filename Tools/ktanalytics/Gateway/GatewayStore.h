@@ -55,12 +55,27 @@ public:
     bool open();
     bool isOpen() const;
 
-    // Each stores its items in one transaction, counts them and then tells the arrival
-    // observer of each, in order. False (nothing counted, the reason noted) when storing failed.
-    bool storeEvents(const UploadItems& elements, const std::string& headers, const ReceivedBody& body);
+    // Each stores its items in one transaction with their violations (`violations[i]` those of
+    // item i; missing or empty when it breaks no rule), counts them and then tells the arrival
+    // observers of each, in order. False (nothing counted, the reason noted) when storing failed.
+    /// A gateway event's violations are listed under the id "event-<its row id>".
+    bool storeEvents(const UploadItems& elements, const std::string& headers, const ReceivedBody& body,
+                     const std::vector<std::vector<Violation>>& violations);
     /// `duplicates` is set to the messages whose id was already stored, earlier in this batch included.
     bool storeMessages(const UploadItems& messages, const std::string& headers, const std::string& authorization,
-                       const ReceivedBody& body, std::size_t& duplicates);
+                       const ReceivedBody& body, const std::vector<std::vector<Violation>>& violations,
+                       std::size_t& duplicates);
+
+    /// The violations of one item that was refused, not stored (a strict gateway's).
+    struct RefusedItem {
+        std::string id;     // a message's messageId; "event-<index in its upload>" for a gateway event
+        std::string event;  // the event's (or the track's) name
+        std::vector<Violation> violations;
+    };
+    /// Counts and lists the violations of refused items, marked refused.
+    bool recordRefused(Road road, const std::vector<RefusedItem>& items);
+    /// Forgets every stored item, violation and count, as a new gateway would start.
+    bool reset();
     /// `target` is the path and query as sent, `path` the path alone, decoded, and `headers` a
     /// JSON object with credentials masked.
     bool storeTrackingRequest(const std::string& method, const std::string& target, const std::string& path,
@@ -81,6 +96,9 @@ public:
     std::string eventsListingJSON(std::size_t limit) const;
     std::string messagesListingJSON(std::size_t limit) const;
     std::string trackingListingJSON(std::size_t limit) const;
+    /// Newest first: {"messageId", "event", "rule", "key" (or null), "road", "detail",
+    /// "refused", "received_at"}.
+    std::string violationsListingJSON(std::size_t limit) const;
 
     /// Adds an observer called for every stored item, after it is stored, on the thread that
     /// stored it (see DevelopmentGateway::setArrivalObserver); answers its id for removal. Every
@@ -91,6 +109,10 @@ public:
 
 private:
     bool exec(const char* sql);
+    // Inserts the rows of one item's violations; under dbMutex_, in a transaction.
+    bool insertViolations(const std::string& id, std::string_view event, Road road,
+                          const std::vector<Violation>& violations, const std::string& receivedAt, bool refused);
+    void countViolations(const std::vector<std::vector<Violation>>& violations);
     void tell(const std::vector<Arrival>& arrivals) const;
     bool observed() const;
 

@@ -46,8 +46,18 @@ void listAsJson(std::ostream& out) {
     auto operations = nlohmann::ordered_json::array();
     for (const auto& operation : tracking::planOperations()) {
         auto properties = nlohmann::ordered_json::array();
-        for (const auto& property : operation.properties)
-            properties.push_back({{"key", property.key}, {"kind", tracking::wireKind(property)}});
+        for (const auto& property : operation.properties) {
+            nlohmann::ordered_json entry{{"key", property.key}, {"kind", tracking::wireKind(property)}};
+            // An enumeration's strings, raw value 0 first: what its values may be on the wire.
+            if (const auto* enumeration = property.kind == tracking::PropertyKind::enumeration
+                                              ? tracking::findPlanEnumeration(property.enumeration)
+                                              : nullptr) {
+                auto cases = nlohmann::ordered_json::array();
+                for (const auto text : enumeration->descriptions) cases.push_back(text);
+                entry["cases"] = std::move(cases);
+            }
+            properties.push_back(std::move(entry));
+        }
         auto thirdParties = nlohmann::ordered_json::array();
         for (const auto name : operation.thirdParties) thirdParties.push_back(name);
         operations.push_back({{"operation", operation.name},
@@ -99,7 +109,7 @@ void registerPlanCommand(CLI::App& app, int& exitCode) {
     auto options = std::make_shared<Options>();
     auto* command = app.add_subcommand("plan", "List the tracking plan: operations, events, versions and property keys");
     command->add_option("operation", options->operation, "Show one operation with its enumerations' strings");
-    command->add_flag("--json", options->json, "Every operation as JSON: operation, event, version, thirdParties, properties");
+    command->add_flag("--json", options->json, "Every operation as JSON: operation, event, version, thirdParties, properties (an enumeration's with its cases)");
     command->callback([options, &exitCode] {
         if (options->operation.empty()) {
             options->json ? listAsJson(std::cout) : listForPerson(std::cout);

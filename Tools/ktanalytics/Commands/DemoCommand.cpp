@@ -177,15 +177,19 @@ std::size_t playBrokerEvents(EventSender& sender) {
     for (int i = 0; i < 8; ++i) {
         sender.send("Screen Viewed", 2, {{"name", AttributeValue(screens[i % 4])}, {"object_urn", std::nullopt}});
         sender.send("Track Liked", 1,
-                    {{"source", AttributeValue("stream")},
-                     {"track_urn", AttributeValue("quillarbor:tracks:" + std::to_string(700 + i))}},
+                    {{"track_urn", AttributeValue("quillarbor:tracks:" + std::to_string(700 + i))},
+                     {"ui_component_name", AttributeValue("stream")},
+                     {"ui_component_urn", std::nullopt}},
                     i % 2 ? std::vector<std::string>{"firebase"} : std::vector<std::string>{});
         messages += 2;
     }
     sender.send("Playlist Added To Downloads", 1, {{"playlist_urn", AttributeValue("quillarbor:playlists:42")}},
                 {"mo-engage"});
     sender.send("Checkout Started", 1,
-                {{"product_id", AttributeValue("lark-max")},
+                {{"billing_cycle", AttributeValue("annual")},
+                 {"product_category", AttributeValue("consumer")},
+                 {"product_id", AttributeValue("lark-max")},
+                 {"purchase_type", AttributeValue("paid")},
                  {"providers", AttributeValue{{"MoEngage", true}, {"Firebase", true}, {"Other", true}}}});
     return messages + 2;
 }
@@ -256,7 +260,7 @@ int runDemo(const DemoOptions& options) {
         return 1;
     }
     out << "KTAnalytics demo\n"
-        << "  development gateway  " << gateway.baseURL() << "\n"
+        << "  development gateway  " << gateway.baseURL() << "  (live page: " << gateway.baseURL() << "/)\n"
         << "  state folder         " << state.path().string() << "\n\n";
 
     AnalyticsStackConfiguration configuration;
@@ -411,8 +415,11 @@ int runDemo(const DemoOptions& options) {
     out << "Attribution tokens, in order\n  " << describeTokens(tokens->tokens()) << "\n\n";
 
     const auto received = gateway.lastMessages(planMessages + 10);
+    std::uint64_t violations = 0;
+    for (const auto& [rule, count] : gatewayStats.violations) violations += count;
     out << "Tracking plan at the gateway\n  " << gatewayStats.messages << " messages in " << gatewayStats.batchRequests
-        << " batches, " << gatewayStats.duplicateMessages << " duplicates\n";
+        << " batches, " << gatewayStats.duplicateMessages << " duplicates, " << violations
+        << " items breaking a plan rule (events and messages)\n";
     if (!received.empty()) {
         out << "  \"kt\" context of the last: " << received.back().kt << "\n";
         std::map<std::string, std::size_t> byName;
@@ -460,7 +467,7 @@ int runDemo(const DemoOptions& options) {
     // (four likes and the checkout); to the engagement SDK: two of the broker's (the download
     // and the checkout) and the plan's own (plays, likes, follows, the download).
     const bool planOk = messages.delivered == planMessages && messages.waiting == 0 && messagesDropped == 0 &&
-                        gatewayStats.messages == planMessages && gatewayStats.duplicateMessages == 0 &&
+                        gatewayStats.messages == planMessages && gatewayStats.duplicateMessages == 0 && violations == 0 &&
                         firebaseIntegrationCalls == 5 && moEngageCalls == 2 + kPlanEventsForEngagement;
     const bool ok = gatewayOk && firebaseOk && promotedOk && attributionOk && planOk;
     out << "\nResult: " << (ok ? "everything that should arrive arrived" : "INCOMPLETE") << "\n";

@@ -1,6 +1,8 @@
 #include "Gateway/GatewayStore.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <cstdint>
 #include <ctime>
 #include <string_view>
@@ -39,6 +41,48 @@ const json& member(const json& object, const char* key) {
 std::string firstText(const json& object, const char* key, const char* otherwise) {
     std::string text = textOf(member(object, key));
     return text.empty() ? textOf(member(object, otherwise)) : text;
+}
+
+// The arrivals of the three roads, as told when stored and as listed later.
+Arrival eventArrival(std::chrono::system_clock::time_point time, std::string receivedAt, std::string name,
+                     std::string_view version, std::string_view payload, std::vector<Violation> violations) {
+    const json attributes = json::parse(payload, nullptr, false);
+    std::string whole = R"({"event":)" + dumped(name) + R"(,"payload":)" + std::string(payload) + R"(,"version":)" +
+                        dumped(std::string(version)) + "}";
+    return Arrival{.road = Road::gatewayEvent,
+                   .time = time,
+                   .receivedAt = std::move(receivedAt),
+                   .name = std::move(name),
+                   .user = firstText(attributes, "user", "anonymous_id"),
+                   .clientId = textOf(member(attributes, "client_id")),
+                   .json = std::move(whole),
+                   .violations = std::move(violations)};
+}
+
+Arrival messageArrival(std::chrono::system_clock::time_point time, std::string receivedAt, const std::string& type,
+                       std::string_view name, std::string_view whole, std::vector<Violation> violations) {
+    const json message = json::parse(whole, nullptr, false);
+    return Arrival{.road = Road::productAnalytics,
+                   .time = time,
+                   .receivedAt = std::move(receivedAt),
+                   .name = type == "track" ? std::string(name) : type,
+                   .user = firstText(message, "userId", "anonymousId"),
+                   .clientId = textOf(member(member(member(message, "context"), "kt"), "client_application_id")),
+                   .json = std::string(whole),
+                   .violations = std::move(violations)};
+}
+
+Arrival trackingArrival(std::chrono::system_clock::time_point time, std::string receivedAt, const std::string& method,
+                        const std::string& target, std::string path, const std::string& headers) {
+    return Arrival{.road = Road::tracking,
+                   .time = time,
+                   .receivedAt = std::move(receivedAt),
+                   .name = std::move(path),
+                   .user = {},
+                   .clientId = {},
+                   .json = R"({"headers":)" + headers + R"(,"method":)" + dumped(method) + R"(,"target":)" +
+                           dumped(target) + "}",
+                   .violations = {}};
 }
 
 }  // namespace
@@ -259,21 +303,9 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
     countViolations(violations);
     if (!observed()) return true;
     std::vector<Arrival> arrivals;
-    for (std::size_t i = 0; i < elements.size(); ++i) {
-        const std::string_view payload = elements.field(i, eventPayload);
-        const json attributes = json::parse(payload, nullptr, false);
-        const std::string name(elements.field(i, eventName));
-        arrivals.push_back(Arrival{
-            .road = Road::gatewayEvent,
-            .time = now,
-            .receivedAt = receivedAt,
-            .name = name,
-            .user = firstText(attributes, "user", "anonymous_id"),
-            .clientId = textOf(member(attributes, "client_id")),
-            .json = R"({"event":)" + dumped(name) + R"(,"payload":)" + std::string(payload) + R"(,"version":)" +
-                    dumped(std::string(elements.field(i, eventVersion))) + "}",
-            .violations = of(i)});
-    }
+    for (std::size_t i = 0; i < elements.size(); ++i)
+        arrivals.push_back(eventArrival(now, receivedAt, std::string(elements.field(i, eventName)),
+                                        elements.field(i, eventVersion), elements.field(i, eventPayload), of(i)));
     tell(arrivals);
     return true;
 }
@@ -334,20 +366,9 @@ bool GatewayStore::storeMessages(const UploadItems& messages, const std::string&
     countViolations(violations);
     if (!observed()) return true;
     std::vector<Arrival> arrivals;
-    for (std::size_t i = 0; i < messages.size(); ++i) {
-        const std::string_view whole = messages.field(i, messageWhole);
-        const json message = json::parse(whole, nullptr, false);
-        const std::string type(messages.field(i, messageType));
-        arrivals.push_back(Arrival{
-            .road = Road::productAnalytics,
-            .time = now,
-            .receivedAt = receivedAt,
-            .name = type == "track" ? std::string(messages.field(i, messageName)) : type,
-            .user = firstText(message, "userId", "anonymousId"),
-            .clientId = textOf(member(member(member(message, "context"), "kt"), "client_application_id")),
-            .json = std::string(whole),
-            .violations = of(i)});
-    }
+    for (std::size_t i = 0; i < messages.size(); ++i)
+        arrivals.push_back(messageArrival(now, receivedAt, std::string(messages.field(i, messageType)),
+                                          messages.field(i, messageName), messages.field(i, messageWhole), of(i)));
     tell(arrivals);
     return true;
 }
@@ -378,15 +399,7 @@ bool GatewayStore::storeTrackingRequest(const std::string& method, const std::st
         ++statistics_.trackingByPrefix[prefix];
     }
     if (observed())
-        tell({Arrival{.road = Road::tracking,
-                      .time = now,
-                      .receivedAt = receivedAt,
-                      .name = path,
-                      .user = {},
-                      .clientId = {},
-                      .json = R"({"headers":)" + headers + R"(,"method":)" + dumped(method) + R"(,"target":)" +
-                              dumped(target) + "}",
-                      .violations = {}}});
+        tell({trackingArrival(now, receivedAt, method, target, path, headers)});
     return true;
 }
 
@@ -549,6 +562,92 @@ std::string GatewayStore::trackingListingJSON(std::size_t limit) const {
                                {"received_at", r.receivedAt}});
     }
     return dumped(listing);
+}
+
+namespace {
+
+std::chrono::system_clock::time_point timeOfUTCText(const std::string& text) {
+    std::tm tm{};
+    int millis = 0;
+    if (std::sscanf(text.c_str(), "%d-%d-%dT%d:%d:%d.%dZ", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour,
+                    &tm.tm_min, &tm.tm_sec, &millis) != 7)
+        return {};
+    tm.tm_year -= 1900;
+    tm.tm_mon -= 1;
+    return std::chrono::system_clock::from_time_t(timegm(&tm)) + std::chrono::milliseconds(millis);
+}
+
+// A tracking request's path as its arrival names it: without the query, percent-decoded.
+std::string pathOfTarget(const std::string& target) {
+    const std::string raw = target.substr(0, target.find('?'));
+    std::string path;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '%' && i + 2 < raw.size() && std::isxdigit(static_cast<unsigned char>(raw[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(raw[i + 2]))) {
+            path += static_cast<char>(std::stoi(raw.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            path += raw[i];
+        }
+    }
+    return path;
+}
+
+}  // namespace
+
+std::vector<Arrival> GatewayStore::lastArrivals(std::size_t limit) const {
+    std::vector<Arrival> arrivals;
+    std::lock_guard lock(dbMutex_);
+    if (db_ == nullptr) return arrivals;
+    sqlite3_stmt* broken = nullptr;
+    if (sqlite3_prepare_v2(db_, "SELECT rule, key, detail FROM violations WHERE message_id = ? AND received_at = ? "
+                                "AND refused = 0 ORDER BY id", -1, &broken, nullptr) != SQLITE_OK)
+        return arrivals;
+    auto violationsOf = [broken](const std::string& id, const std::string& receivedAt) {
+        std::vector<Violation> found;
+        bindText(broken, 1, id);
+        bindText(broken, 2, receivedAt);
+        while (sqlite3_step(broken) == SQLITE_ROW) {
+            auto text = [broken](int column) {
+                const auto* t = sqlite3_column_text(broken, column);
+                return t != nullptr ? std::string(reinterpret_cast<const char*>(t)) : std::string();
+            };
+            found.push_back(Violation{.rule = text(0),
+                                      .key = sqlite3_column_type(broken, 1) == SQLITE_NULL
+                                                 ? std::nullopt
+                                                 : std::optional<std::string>(text(1)),
+                                      .detail = text(2)});
+        }
+        sqlite3_reset(broken);
+        return found;
+    };
+    newestRows<int>(db_, "SELECT id, event, version, payload, received_at FROM events ORDER BY id DESC LIMIT ?", limit,
+                    [&](sqlite3_stmt* s, auto& text, std::vector<int>&) {
+                        const std::string receivedAt = text(4);
+                        arrivals.push_back(eventArrival(timeOfUTCText(receivedAt), receivedAt, text(1), text(2), text(3),
+                                                        violationsOf("event-" + text(0), receivedAt)));
+                        return true;
+                    });
+    newestRows<int>(db_, "SELECT message_id, type, name, message, received_at FROM messages ORDER BY id DESC LIMIT ?",
+                    limit, [&](sqlite3_stmt*, auto& text, std::vector<int>&) {
+                        const std::string receivedAt = text(4);
+                        arrivals.push_back(messageArrival(timeOfUTCText(receivedAt), receivedAt, text(1), text(2),
+                                                          text(3), violationsOf(text(0), receivedAt)));
+                        return true;
+                    });
+    newestRows<int>(db_, "SELECT method, target, headers, received_at FROM tracking_requests ORDER BY id DESC LIMIT ?",
+                    limit, [&](sqlite3_stmt*, auto& text, std::vector<int>&) {
+                        const std::string receivedAt = text(3), target = text(1);
+                        arrivals.push_back(trackingArrival(timeOfUTCText(receivedAt), receivedAt, text(0), target,
+                                                           pathOfTarget(target), text(2)));
+                        return true;
+                    });
+    sqlite3_finalize(broken);
+    // Each road's rows came newest first; merged by time, the items of one request keep their order.
+    std::stable_sort(arrivals.begin(), arrivals.end(),
+                     [](const Arrival& a, const Arrival& b) { return a.receivedAt > b.receivedAt; });
+    if (arrivals.size() > limit) arrivals.resize(limit);
+    return arrivals;
 }
 
 }  // namespace kt::gateway

@@ -90,6 +90,9 @@ public:
     std::vector<StoredEvent> lastEvents(std::size_t limit, std::size_t byteBudget) const;
     std::vector<StoredMessage> lastMessages(std::size_t limit, std::size_t byteBudget) const;
     std::vector<StoredTrackingRequest> lastTrackingRequests(std::size_t limit) const;
+    /// The newest `limit` stored items of all three roads, newest first, as arrival
+    /// observers were told of them (violations included); for the live page.
+    std::vector<Arrival> lastArrivals(std::size_t limit) const;
 
     // The JSON texts of `GET /stats`, `/events`, `/messages` and `/tracking`.
     std::string statisticsJSON() const;

@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev libspdlog-dev libfmt-dev libcpp-httplib-dev
   libboost-url1.81-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  chromium chromium-driver python3-selenium
   locales
 )
 

@@ -315,7 +315,11 @@
     refreshStats();
   });
 
-  for (const input of Object.values(filters)) input.addEventListener("input", applyFilters);
+  // A select or a checkbox may tell only "change"; text fields tell "input" at each key.
+  for (const input of Object.values(filters)) {
+    input.addEventListener("input", applyFilters);
+    input.addEventListener("change", applyFilters);
+  }
 
   updateShown();
   connect();

@@ -129,7 +129,7 @@ std::vector<Violation> messageViolations(const json& message) {
     if (properties.is_object())
         for (const auto& [key, value] : properties.items()) {
             const bool listed = std::any_of(operation->properties.begin(), operation->properties.end(),
-                                            [&](const PlanProperty& p) { return p.key == key; });
+                                            [&key = key](const PlanProperty& p) { return p.key == key; });
             // The broker's own key: a map of integrations the event is addressed to, sent along.
             if (!listed && key != "providers")
                 found.push_back(violation(rule::unknownKey, key, key + " is not a property of " + std::string(operation->name)));

@@ -56,7 +56,9 @@ std::string WidgetAnalyticsHandler::handle(const std::string& url) const {
         return param.key == Constants::sourceQueryItem.name && param.has_value &&
                param.value == Constants::sourceQueryItem.value;
     };
-    if (!parsed || !parsed->has_query() || parsed->params().empty() ||
+    // Boost.URL 1.81 iterates an empty query that a fragment follows ("?#") past its end; such
+    // a query holds no widget items anyway.
+    if (!parsed || parsed->encoded_query().empty() || parsed->params().empty() ||
         std::none_of(parsed->params().begin(), parsed->params().end(), isSource)) {
         KT_LOG(logger_, 0, kFile, kHandle, "URL does not match widget parameters. Returning original URL.");
         return url;

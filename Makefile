@@ -2,7 +2,7 @@
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 
-.PHONY: deps configure build test demo bench clean
+.PHONY: deps configure build test check demo bench clean
 
 deps:
 	bash scripts/install-deps.sh
@@ -18,6 +18,10 @@ build: configure
 
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+# Sanitizer builds of the suites and the fuzz targets, in folders of their own.
+check: deps
+	bash scripts/check.sh
 
 demo: build
 	$(BUILD_DIR)/Tools/ktanalytics/ktanalytics demo

@@ -89,8 +89,11 @@ struct SharedSlot {
     std::shared_ptr<SegmentWrapper> fromHooks;  // built on first use without one
 };
 SharedSlot& sharedSlot() {
-    static auto* slot = new SharedSlot();  // never destroyed: read until the process ends
-    return *slot;
+    // Destroyed at exit like any static, so the wrapper's client stops and joins its worker
+    // then, before the statics it uses go; a slot that is never destroyed would leave that
+    // worker running into their destruction.
+    static SharedSlot slot;
+    return slot;
 }
 }  // namespace
 

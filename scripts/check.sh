@@ -13,8 +13,9 @@ step() { echo "check: $* ($(( $(date +%s) - started )) s so far)"; }
 
 configure() {  # folder, sanitizers
   if [ ! -f "$1/CMakeCache.txt" ]; then
+    mkdir -p "$1"
     cmake -S . -B "$1" $generator -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKTANALYTICS_SANITIZE="$2" \
-      -DKTANALYTICS_BUILD_BENCHMARKS=OFF > "$1.configure.log" 2>&1 || { cat "$1.configure.log"; exit 1; }
+      -DKTANALYTICS_BUILD_BENCHMARKS=OFF > "$1/configure.log" 2>&1 || { cat "$1/configure.log"; exit 1; }
   fi
 }
 

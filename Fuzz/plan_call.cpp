@@ -13,15 +13,9 @@
 #include "KTAnalytics/TrackingArchitecture/Plan/PlanCall.h"
 #include "KTAnalytics/TrackingArchitecture/Plan/TrackingPlanCatalogue.h"
 
-namespace {
+#include "Support/RecordingBroker.h"
 
-// Keeps what it is handed and sends nothing anywhere.
-struct KeepingBroker final : kt::EventBrokering {
-    std::vector<kt::TrackingEvent> events;
-    void track(kt::TrackingEvent event) override { events.push_back(std::move(event)); }
-    void identify(const std::string&, const kt::AttributeValue&) override {}
-    void flush() override {}
-};
+namespace {
 
 // The value the plan says an argument is sent as.
 bool sentAsPlanned(const kt::tracking::PlanProperty& property, const kt::AttributeValue& argument,
@@ -47,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto arguments = kt::AttributeValue::parse(text, nullptr, /*allow_exceptions=*/false);
     if (arguments.is_discarded()) return 0;
 
-    static const auto broker = std::make_shared<KeepingBroker>();
+    static const auto broker = std::make_shared<kt::testing::RecordingBroker>();
     static kt::EventSender sender(broker);
     broker->events.clear();
     const auto error = kt::tracking::callOperation(sender, operation, arguments);

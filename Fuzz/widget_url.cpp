@@ -13,14 +13,9 @@
 #include "KTAnalytics/TrackingArchitecture/EventSender.h"
 #include "KTAnalytics/TrackingArchitecture/Widget/WidgetAnalyticsHandler.h"
 
-namespace {
+#include "Support/RecordingBroker.h"
 
-struct KeepingBroker final : kt::EventBrokering {
-    std::vector<kt::TrackingEvent> events;
-    void track(kt::TrackingEvent event) override { events.push_back(std::move(event)); }
-    void identify(const std::string&, const kt::AttributeValue&) override {}
-    void flush() override {}
-};
+namespace {
 
 // An empty query is left alone: Boost.URL 1.81 iterates "?#" past its end.
 bool fromWidget(const boost::urls::url_view& url) {
@@ -34,7 +29,7 @@ bool fromWidget(const boost::urls::url_view& url) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string url(reinterpret_cast<const char*>(data), size);
-    static const auto broker = std::make_shared<KeepingBroker>();
+    static const auto broker = std::make_shared<kt::testing::RecordingBroker>();
     static const kt::WidgetAnalyticsHandler handler(std::make_shared<kt::EventSender>(broker));
     broker->events.clear();
     const std::string handled = handler.handle(url);

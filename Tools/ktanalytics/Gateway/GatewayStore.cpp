@@ -25,6 +25,12 @@ void bindText(sqlite3_stmt* statement, int column, std::string_view text) {
 }
 
 // A string member as is, a number as its JSON text, anything else as nothing.
+// An item's violations; items past the end of the list keep every rule.
+const std::vector<Violation>& itemViolations(const std::vector<std::vector<Violation>>& violations, std::size_t i) {
+    static const std::vector<Violation> none;
+    return i < violations.size() ? violations[i] : none;
+}
+
 std::string textOf(const json& value) {
     if (value.is_string()) return value.get<std::string>();
     if (value.is_number()) return value.dump();
@@ -199,6 +205,12 @@ void GatewayStore::countViolations(const std::vector<std::vector<Violation>>& vi
         for (const Violation& v : item) ++statistics_.violations[v.rule];
 }
 
+bool GatewayStore::endTransaction(bool ok) {
+    if (ok && exec("COMMIT")) return true;
+    if (!ok) exec("ROLLBACK");
+    return false;
+}
+
 bool GatewayStore::recordRefused(Road road, const std::vector<RefusedItem>& items) {
     const std::string receivedAt = utcText(std::chrono::system_clock::now());
     std::vector<std::vector<Violation>> counted;
@@ -210,11 +222,7 @@ bool GatewayStore::recordRefused(Road road, const std::vector<RefusedItem>& item
             ok = ok && insertViolations(item.id, item.event, road, item.violations, receivedAt, true);
             counted.push_back(item.violations);
         }
-        if (!ok) {
-            exec("ROLLBACK");
-            return false;
-        }
-        if (!exec("COMMIT")) return false;
+        if (!endTransaction(ok)) return false;
     }
     countViolations(counted);
     return true;
@@ -264,8 +272,7 @@ void GatewayStore::tell(const std::vector<Arrival>& arrivals) const {
 
 bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& headers, const ReceivedBody& body,
                                const std::vector<std::vector<Violation>>& violations) {
-    static const std::vector<Violation> none;
-    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return i < violations.size() ? violations[i] : none; };
+    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return itemViolations(violations, i); };
     const auto now = std::chrono::system_clock::now();
     const std::string receivedAt = utcText(now);
     {
@@ -288,11 +295,7 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
         }
         if (!ok) errors_.set(std::string("SQLite: ") + sqlite3_errmsg(db_));
         sqlite3_finalize(s);
-        if (!ok) {
-            exec("ROLLBACK");
-            return false;
-        }
-        if (!exec("COMMIT")) return false;
+        if (!endTransaction(ok)) return false;
     }
     {
         std::lock_guard lock(stateMutex_);
@@ -313,8 +316,7 @@ bool GatewayStore::storeEvents(const UploadItems& elements, const std::string& h
 bool GatewayStore::storeMessages(const UploadItems& messages, const std::string& headers,
                                  const std::string& authorization, const ReceivedBody& body,
                                  const std::vector<std::vector<Violation>>& violations, std::size_t& duplicates) {
-    static const std::vector<Violation> none;
-    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return i < violations.size() ? violations[i] : none; };
+    auto of = [&](std::size_t i) -> const std::vector<Violation>& { return itemViolations(violations, i); };
     const auto now = std::chrono::system_clock::now();
     const std::string receivedAt = utcText(now);
     duplicates = 0;
@@ -350,11 +352,7 @@ bool GatewayStore::storeMessages(const UploadItems& messages, const std::string&
         if (!ok) errors_.set(std::string("SQLite: ") + sqlite3_errmsg(db_));
         sqlite3_finalize(seen);
         sqlite3_finalize(insert);
-        if (!ok) {
-            exec("ROLLBACK");
-            return false;
-        }
-        if (!exec("COMMIT")) return false;
+        if (!endTransaction(ok)) return false;
     }
     {
         std::lock_guard lock(stateMutex_);

@@ -112,6 +112,8 @@ public:
 
 private:
     bool exec(const char* sql);
+    // Commits when `ok`, else rolls back; true when committed. Under dbMutex_.
+    bool endTransaction(bool ok);
     // Inserts the rows of one item's violations; under dbMutex_, in a transaction.
     bool insertViolations(const std::string& id, std::string_view event, Road road,
                           const std::vector<Violation>& violations, const std::string& receivedAt, bool refused);

@@ -88,6 +88,15 @@ struct SharedSlot {
     std::shared_ptr<SegmentWrapper> installed;  // the started SDK's
     std::shared_ptr<SegmentWrapper> fromHooks;  // built on first use without one
 };
+// The gateway's events report the shared wrapper's anonymous id (none without one).
+void reportAnonymousIdOf(const std::shared_ptr<SegmentWrapper>& wrapper) {
+    if (!wrapper) return AnonymousID::setSegmentAnonymousIdSource(nullptr);
+    AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
+        auto wrapper = weak.lock();
+        return wrapper ? wrapper->anonymousId() : std::string();
+    });
+}
+
 SharedSlot& sharedSlot() {
     // Destroyed at exit like any static, so the wrapper's client stops and joins its worker
     // then, before the statics it uses go; a slot that is never destroyed would leave that
@@ -114,10 +123,7 @@ std::shared_ptr<SegmentWrapper> SegmentWrapper::shared() {
                *setup.replacementAPIHost);
     auto wrapper = make(std::move(setup), SegmentMiddlewareFactory::sourcesFromHooks(nullptr, nullptr),
                         SegmentDependencyProvider::clientDependencies(), SegmentEventRecorder::shared());
-    AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(wrapper)] {
-        auto wrapper = weak.lock();
-        return wrapper ? wrapper->anonymousId() : std::string();
-    });
+    reportAnonymousIdOf(wrapper);
     slot.fromHooks = wrapper;
     return wrapper;
 }
@@ -126,6 +132,7 @@ void SegmentWrapper::setShared(std::shared_ptr<SegmentWrapper> wrapper) {
     auto& slot = sharedSlot();
     std::lock_guard lock(slot.mutex);
     slot.installed = std::move(wrapper);
+    reportAnonymousIdOf(slot.installed ? slot.installed : slot.fromHooks);
 }
 
 void SegmentWrapper::track(const std::string& name, std::int64_t version,

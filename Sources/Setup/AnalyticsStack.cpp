@@ -101,6 +101,15 @@ std::string prepareFolder(const fs::path& path) {
     return {};
 }
 
+// Calls `f` with each dependency key the stack fills.
+template <class F>
+void forEachDependencyKey(F f) {
+    f(DependencyKeys::eventSender);
+    f(DependencyKeys::firebaseAnalyticsLogger);
+    f(DependencyKeys::firebaseAnalyticsFactory);
+    f(remoteConfig);
+}
+
 // The started stack that holds the process-wide instances; at most one at a time.
 std::mutex sharedOwnerMutex;
 const AnalyticsStack* sharedOwner = nullptr;  // guarded by sharedOwnerMutex
@@ -357,15 +366,7 @@ bool AnalyticsStack::adoptSharedInstances(std::string* error) {
     KTEnvironment::setSharedInstance(std::move(environment));
     APAnalyticsController::setSharedInstance(controller_);
     SegmentWrapper::setShared(segmentWrapper_);
-    AnonymousID::setSegmentAnonymousIdSource([weak = std::weak_ptr<SegmentWrapper>(segmentWrapper_)] {
-        auto wrapper = weak.lock();
-        return wrapper ? wrapper->anonymousId() : std::string();
-    });
-    auto& shared = DependencyRegistry::shared();
-    shared.set(DependencyKeys::eventSender, dependencies_->get(DependencyKeys::eventSender));
-    shared.set(DependencyKeys::firebaseAnalyticsLogger, dependencies_->get(DependencyKeys::firebaseAnalyticsLogger));
-    shared.set(DependencyKeys::firebaseAnalyticsFactory, dependencies_->get(DependencyKeys::firebaseAnalyticsFactory));
-    shared.set(remoteConfig, dependencies_->get(remoteConfig));
+    forEachDependencyKey([this](const auto& key) { DependencyRegistry::shared().set(key, dependencies_->get(key)); });
     return true;
 }
 
@@ -379,16 +380,11 @@ void AnalyticsStack::releaseSharedInstances() {
     // that has stopped.
     controller_->removeAllAnalyticsProviders();
     SegmentWrapper::setShared(nullptr);
-    AnonymousID::setSegmentAnonymousIdSource(nullptr);
-    auto& shared = DependencyRegistry::shared();
-    if (shared.get(DependencyKeys::eventSender) == dependencies_->get(DependencyKeys::eventSender))
-        shared.set(DependencyKeys::eventSender, std::shared_ptr<EventSending>());
-    if (shared.get(DependencyKeys::firebaseAnalyticsLogger) == dependencies_->get(DependencyKeys::firebaseAnalyticsLogger))
-        shared.set(DependencyKeys::firebaseAnalyticsLogger, std::shared_ptr<FirebaseAnalyticsLogging>());
-    if (shared.get(DependencyKeys::firebaseAnalyticsFactory) == dependencies_->get(DependencyKeys::firebaseAnalyticsFactory))
-        shared.set(DependencyKeys::firebaseAnalyticsFactory, std::shared_ptr<FirebaseAnalyticsBrindleEventsManufacturing>());
-    if (shared.get(remoteConfig) == dependencies_->get(remoteConfig))
-        shared.set(remoteConfig, std::shared_ptr<RemoteConfigProviding>());
+    // A key another owner has set since stays as it is.
+    forEachDependencyKey([this](const auto& key) {
+        auto& shared = DependencyRegistry::shared();
+        if (shared.get(key) == dependencies_->get(key)) shared.set(key, decltype(shared.get(key))());
+    });
 }
 
 AnalyticsStack::~AnalyticsStack() { shutdown(); }

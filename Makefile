@@ -19,8 +19,10 @@ build: configure
 test: build
 	cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
-# Sanitizer builds of the suites and the fuzz targets, in folders of their own.
-check: deps
+# What CI adds after `make test`: sanitizer builds of the suites and the fuzz targets (in
+# folders of their own), and the kill and fault runs over this build's tool.
+check: build
+	bash scripts/install-deps.sh --check
 	bash scripts/check.sh
 
 demo: build

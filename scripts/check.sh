@@ -1,50 +1,70 @@
 #!/usr/bin/env bash
-# What `make check` adds to `make test`: the whole suite under AddressSanitizer and
-# UndefinedBehaviorSanitizer, the suites that more than one thread touches under
-# ThreadSanitizer, and every libFuzzer target for a fixed time. Any report fails the run.
-# Usage: scripts/check.sh [FUZZ_SECONDS]   (default 45 per target)
+# What `make check` adds to `make test`, each step failing the run on any report:
+#   asan   the whole suite built with clang, AddressSanitizer and UndefinedBehaviorSanitizer
+#          (no recovery: the first report stops the test that made it);
+#   fuzz   every libFuzzer target, from the same build, for FUZZ_SECONDS each;
+#   tsan   the suites that more than one thread touches, built with ThreadSanitizer;
+#   kill   rounds of SIGKILL on all three roads, then a last run (scripts/kill-test.py);
+#   fault  a gateway failing 30 % of requests and away for a while (scripts/fault-run.py).
+# Usage: scripts/check.sh [STEP...]   (all five by default; FUZZ_SECONDS defaults to 60,
+# KILL_ROUNDS to 40). The release build the kill and fault runs drive is `make build`'s.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-fuzz_seconds=${1:-45}
+steps=("$@")
+[ ${#steps[@]} -gt 0 ] || steps=(asan fuzz tsan kill fault)
 jobs=$(nproc)
-generator=$(command -v ninja >/dev/null 2>&1 && echo "-G Ninja" || true)
 started=$(date +%s)
 step() { echo "check: $* ($(( $(date +%s) - started )) s so far)"; }
 
-configure() {  # folder, sanitizers
-  if [ ! -f "$1/CMakeCache.txt" ]; then
-    mkdir -p "$1"
-    cmake -S . -B "$1" $generator -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKTANALYTICS_SANITIZE="$2" \
-      -DKTANALYTICS_BUILD_BENCHMARKS=OFF > "$1/configure.log" 2>&1 || { cat "$1/configure.log"; exit 1; }
-  fi
-}
+configure() { bash scripts/configure-sanitized.sh "$@"; }
 
-# Address and undefined behaviour, every suite. A report stops the process (no recovery).
-step "AddressSanitizer and UndefinedBehaviorSanitizer: building every suite"
-configure build-asan "address,undefined"
-cmake --build build-asan -j "$jobs"
-step "AddressSanitizer and UndefinedBehaviorSanitizer: running every suite"
-export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
-export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
-# The installed-package check builds an application of its own without the sanitizer.
-(cd build-asan && ctest -j "$jobs" --output-on-failure -E "InstalledPackage")
-unset ASAN_OPTIONS UBSAN_OPTIONS
+# Suites with code that more than one thread touches: the request queues and the durable
+# uploader (KTData), the event pipeline (AnalyticsProvider), promoted delivery, attribution,
+# the product-analytics client (Segment), the stack (Setup) and end to end.
+threaded=(test_KTData test_AnalyticsProvider test_Promoted test_Attribution test_Segment test_Setup test_EndToEnd)
 
-# Data races, in the suites whose code more than one thread touches.
-threaded="test_KTData test_Setup test_Segment test_AnalyticsProvider test_Attribution test_EndToEnd"
-step "ThreadSanitizer: building $threaded"
-configure build-tsan thread
-cmake --build build-tsan -j "$jobs" --target $threaded
-step "ThreadSanitizer: running $threaded"
-# Killed-child tests fork a process that has threads: die_after_fork=0 lets them.
-export TSAN_OPTIONS="suppressions=$PWD/scripts/tsan.supp:die_after_fork=0:halt_on_error=1:exitcode=66"
-for suite in $threaded; do
-  echo "check: ThreadSanitizer $suite"
-  "build-tsan/Tests/$suite" --gtest_brief=1
+for s in "${steps[@]}"; do
+  case "$s" in
+    asan)
+      step "AddressSanitizer and UndefinedBehaviorSanitizer: building every suite and fuzz target"
+      # The fuzz targets share this build: its code carries libFuzzer's coverage hooks too.
+      configure build-asan "address,undefined,fuzzer-no-link" -DKTANALYTICS_FUZZ=ON
+      cmake --build build-asan -j "$jobs"
+      step "AddressSanitizer and UndefinedBehaviorSanitizer: running every suite"
+      # The installed-package check builds an application of its own, without the sanitizer
+      # runtime, against the library; `make test` runs it.
+      (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        ctest -j "$jobs" --output-on-failure -E "^InstalledPackage")
+      ;;
+    fuzz)
+      step "libFuzzer targets, ${FUZZ_SECONDS:-60} s each"
+      configure build-asan "address,undefined,fuzzer-no-link" -DKTANALYTICS_FUZZ=ON
+      bash scripts/run-fuzzers.sh build-asan "${FUZZ_SECONDS:-60}"
+      ;;
+    tsan)
+      step "ThreadSanitizer: building ${threaded[*]}"
+      configure build-tsan thread
+      cmake --build build-tsan -j "$jobs" --target "${threaded[@]}" ktanalytics-tool
+      # Killed-child tests fork a process that has threads: die_after_fork=0 lets them.
+      export TSAN_OPTIONS="suppressions=$PWD/scripts/tsan.supp:die_after_fork=0:halt_on_error=1:exitcode=66:second_deadlock_stack=1"
+      for suite in "${threaded[@]}"; do
+        step "ThreadSanitizer: $suite"
+        "build-tsan/Tests/$suite" --gtest_brief=1
+      done
+      unset TSAN_OPTIONS
+      ;;
+    kill)
+      step "kill test: ${KILL_ROUNDS:-40} rounds of SIGKILL on every road"
+      python3 scripts/kill-test.py build --rounds "${KILL_ROUNDS:-40}" --events 1000 --messages 500 --urls 50 --check
+      ;;
+    fault)
+      step "fault run: 30 % of requests failing, the gateway away for 10 s"
+      python3 scripts/fault-run.py build --fail-rate 0.3 --seed 7 --down-at 1 --down-for 10
+      ;;
+    *)
+      echo "check: no step $s (asan, fuzz, tsan, kill, fault)" >&2
+      exit 2
+      ;;
+  esac
 done
-unset TSAN_OPTIONS
-
-step "libFuzzer targets, $fuzz_seconds s each"
-bash scripts/run-fuzzers.sh build-fuzz "$fuzz_seconds"
-
 step "done: no report"

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, and only those that are missing,
 # so that a developer machine with everything present is left untouched.
+#   scripts/install-deps.sh [--check]   (--check adds clang and its sanitizer and libFuzzer
+#                                        runtimes, for `make check`)
 set -euo pipefail
 
 packages=(
@@ -12,6 +14,9 @@ packages=(
   chromium chromium-driver python3-selenium
   locales
 )
+if [ "${1:-}" = "--check" ]; then
+  packages+=(clang libclang-rt-14-dev llvm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

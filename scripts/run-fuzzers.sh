@@ -33,13 +33,14 @@ for target in "${targets[@]}"; do
   fi
 done
 
-# Optimised but with line tables, so that a finding's stack names its lines; a sanitizer's
-# report stops the run (libFuzzer keeps the input) instead of printing and going on.
-CC=clang CXX=clang++ cmake -S "$source_dir" -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  "-DCMAKE_C_FLAGS_RELWITHDEBINFO=-O1 -gline-tables-only" "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -gline-tables-only" \
-  -DCMAKE_C_FLAGS=-fno-sanitize-recover=undefined -DCMAKE_CXX_FLAGS=-fno-sanitize-recover=undefined \
-  -DKTANALYTICS_FUZZ=ON -DKTANALYTICS_SANITIZE=address,undefined,fuzzer-no-link \
-  -DKTANALYTICS_BUILD_TESTS=OFF -DKTANALYTICS_BUILD_BENCHMARKS=OFF -DKTANALYTICS_BUILD_TOOLS=ON >/dev/null
+# A folder already configured with KTANALYTICS_FUZZ (as `make check`'s) is built as it is.
+if [[ ! -f "$build_dir/CMakeCache.txt" ]]; then
+  bash "$source_dir/scripts/configure-sanitized.sh" "$build_dir" address,undefined,fuzzer-no-link \
+    -DKTANALYTICS_FUZZ=ON -DKTANALYTICS_BUILD_TESTS=OFF
+elif ! grep -q '^KTANALYTICS_FUZZ:BOOL=ON' "$build_dir/CMakeCache.txt"; then
+  echo "run-fuzzers: $build_dir is configured without KTANALYTICS_FUZZ" >&2
+  exit 2
+fi
 build_targets=()
 for target in "${targets[@]}"; do build_targets+=("fuzz_$target"); done
 started=$(date +%s)

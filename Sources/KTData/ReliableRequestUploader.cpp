@@ -600,26 +600,45 @@ ReliableRequestUploader::Statistics ReliableRequestUploader::statistics() const 
     return s;
 }
 
-std::map<std::string, std::uint64_t> ReliableRequestUploader::recordedDrops(const std::filesystem::path& databasePath) {
-    std::map<std::string, std::uint64_t> drops;
+namespace {
+
+// Reads a request database from outside its uploader: `row` for each row of `sql`; nothing
+// when there is no such file or table. Read-write when it may be, never creating: a journal
+// a killed writer left must be rolled back to read.
+template <class Row>
+void readRequests(const std::filesystem::path& databasePath, const char* sql, Row row) {
     sqlite3* db = nullptr;
-    // Read-write, never create: a journal a killed writer left must be rolled back to read.
     if (sqlite3_open_v2(databasePath.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
         sqlite3_close(db);
         db = nullptr;
         if (sqlite3_open_v2(databasePath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
             sqlite3_close(db);
-            return drops;
+            return;
         }
     }
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     sqlite3_stmt* s = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT reason, count FROM drops", -1, &s, nullptr) == SQLITE_OK)
-        while (sqlite3_step(s) == SQLITE_ROW)
-            drops[columnText(s, 0)] += static_cast<std::uint64_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(s, 1)));
+    if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) == SQLITE_OK)
+        while (sqlite3_step(s) == SQLITE_ROW) row(s);
     sqlite3_finalize(s);
     sqlite3_close(db);
+}
+
+}  // namespace
+
+std::map<std::string, std::uint64_t> ReliableRequestUploader::recordedDrops(const std::filesystem::path& databasePath) {
+    std::map<std::string, std::uint64_t> drops;
+    readRequests(databasePath, "SELECT reason, count FROM drops", [&](sqlite3_stmt* s) {
+        drops[columnText(s, 0)] += static_cast<std::uint64_t>(std::max<sqlite3_int64>(0, sqlite3_column_int64(s, 1)));
+    });
     return drops;
+}
+
+std::vector<std::string> ReliableRequestUploader::storedURLs(const std::filesystem::path& databasePath) {
+    std::vector<std::string> urls;
+    readRequests(databasePath, "SELECT url FROM requests ORDER BY id",
+                 [&](sqlite3_stmt* s) { urls.push_back(columnText(s, 0)); });
+    return urls;
 }
 
 }  // namespace kt

@@ -24,6 +24,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "KTAnalytics/KTData/RRUReliableRequestUploader.h"
 #include "KTAnalytics/KTData/RequestQueue.h"
@@ -87,6 +88,8 @@ public:
     /// The drops written to `databasePath` by every run over it, by reason; empty when
     /// there is no such file or table. Any process may call it while another uses the file.
     static std::map<std::string, std::uint64_t> recordedDrops(const std::filesystem::path& databasePath);
+    /// The URLs of the requests stored in `databasePath` and not yet settled, oldest first.
+    static std::vector<std::string> storedURLs(const std::filesystem::path& databasePath);
 
 private:
     struct State;

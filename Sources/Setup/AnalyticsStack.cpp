@@ -543,6 +543,15 @@ std::map<std::string, std::uint64_t> AnalyticsStack::recordedRequestDrops(const 
     return ReliableRequestUploader::recordedDrops(stateDirectory / kRequestsFile);
 }
 
+std::optional<std::vector<std::string>> AnalyticsStack::storedMessages(const fs::path& stateDirectory,
+                                                                       std::string* error) {
+    return SEGAnalytics::storedMessages(stateDirectory / kCacheFolder, error);
+}
+
+std::vector<std::string> AnalyticsStack::storedURLs(const fs::path& stateDirectory) {
+    return ReliableRequestUploader::storedURLs(stateDirectory / kRequestsFile);
+}
+
 void AnalyticsStack::recordDrops() {
     eventLedger_->record(uploader_->statistics().droppedByReason);
 }

@@ -259,6 +259,12 @@ public:
     /// The promoted tracking requests dropped by every run over a state folder, by reason;
     /// written by the uploader in the transaction that removed each of them.
     static std::map<std::string, std::uint64_t> recordedRequestDrops(const std::filesystem::path& stateDirectory);
+    /// What waits on disk in a state folder, for another process or after the stack is gone:
+    /// the product-analytics messages as JSON (nullopt while a client holds them, the reason
+    /// in `error`) and the promoted URLs.
+    static std::optional<std::vector<std::string>> storedMessages(const std::filesystem::path& stateDirectory,
+                                                                  std::string* error = nullptr);
+    static std::vector<std::string> storedURLs(const std::filesystem::path& stateDirectory);
     /// Adds this stack's event drops since the last call to the state folder's ledger. Event drops are written as they happen, once per piece of work
     /// that dropped some; this is also done by `waitUntilDelivered` and on destruction.
     void recordDrops();

@@ -27,7 +27,7 @@ json with(json message, const std::string& key, json value) {
     return message;
 }
 
-std::string batchOf(json messages) {
+std::string batchOf(std::vector<json> messages) {
     return json{{"batch", std::move(messages)}, {"sentAt", "2024-05-01T10:00:00.000Z"}}.dump();
 }
 

@@ -87,6 +87,7 @@ TEST_F(OutageTests, aGatewayRefusingConnectionsAndThenAnsweringCostsNothingOnAny
 TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
     const int port = testing::closedPort();
     constexpr std::uint64_t kEvents = 20, kBadEvents = 5, kURLs = 5, kBadURLs = 5, kMessages = 1200, kBound = 1000;
+    const auto goodURL = [&](std::uint64_t i) { return "http://127.0.0.1:" + std::to_string(port) + "/track/click/" + std::to_string(i); };
     ASSERT_TRUE(testing::killedChild([&] {
         auto stack = makeStack(port);
         for (std::uint64_t i = 0; i < kMessages; ++i) stack->eventSender()->send("App Cache Cleared", 1, {});
@@ -94,8 +95,7 @@ TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
             stack->tagEvent(APEvent::make("pageview", AttributeDictionary{{"page_name", "p" + std::to_string(i)},
                                                                          {"position", i < kBadEvents ? NAN : static_cast<double>(i)}}));
         for (std::uint64_t i = 0; i < kURLs + kBadURLs; ++i) {
-            const auto url = i < kBadURLs ? std::string("not a url ") + std::to_string(i)
-                                          : "http://127.0.0.1:" + std::to_string(port) + "/track/click/" + std::to_string(i);
+            const auto url = i < kBadURLs ? std::string("not a url ") + std::to_string(i) : goodURL(i);
             stack->tagEvent(APEvent::make("promoted_event", AttributeDictionary{{"url", url}}));
         }
         // Killed once everything was stored or dropped, whatever is in flight.
@@ -106,6 +106,14 @@ TEST_F(OutageTests, aKilledRunsDropsAreCountedSoEveryRoadReconciles) {
         while (stack->drainQueue(1s), !settled()) std::this_thread::sleep_for(1ms);
         testing::killNow();
     }));
+
+    // What the killed run left, as another process lists it: the messages within the bound and
+    // the URLs in the order they were tagged.
+    const auto left = directory.path() / "state";
+    EXPECT_EQ(AnalyticsStack::storedMessages(left).value_or(std::vector<std::string>{}).size(), kBound);
+    std::vector<std::string> urls;
+    for (std::uint64_t i = kBadURLs; i < kBadURLs + kURLs; ++i) urls.push_back(goodURL(i));
+    EXPECT_EQ(AnalyticsStack::storedURLs(left), urls);
 
     auto gateway = testing::startGateway({.port = port});
     auto stack = makeStack(port);

@@ -706,4 +706,9 @@ std::optional<std::map<std::string, std::uint64_t>> SEGAnalytics::recordedDrops(
     return segment::SEGMessageStore::recordedDrops(stateDirectory / "segment", error);
 }
 
+std::optional<std::vector<std::string>> SEGAnalytics::storedMessages(const std::filesystem::path& stateDirectory,
+                                                                     std::string* error) {
+    return segment::SEGMessageStore::storedMessages(stateDirectory / "segment", error);
+}
+
 }  // namespace kt

@@ -116,6 +116,10 @@ public:
     /// in another process holds it. For another process or after the client is gone.
     static std::optional<std::map<std::string, std::uint64_t>> recordedDrops(
         const std::filesystem::path& stateDirectory, std::string* error = nullptr);
+    /// The messages waiting in the queue on `stateDirectory`, oldest first, as JSON; read as
+    /// `recordedDrops` reads.
+    static std::optional<std::vector<std::string>> storedMessages(const std::filesystem::path& stateDirectory,
+                                                                  std::string* error = nullptr);
 
 private:
     // Counts a call whose values nest too deeply as dropped; true when it did.

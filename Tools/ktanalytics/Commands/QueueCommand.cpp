@@ -102,19 +102,49 @@ void describeRecordedDrops(const fs::path& stateDirectory, std::ostream& out) {
     describeDrops("promoted URLs", AnalyticsStack::recordedRequestDrops(stateDirectory), out);
 }
 
+std::optional<std::size_t> listStoredItems(const fs::path& stateDirectory, std::string_view road, bool countOnly,
+                                           std::ostream& out, std::string& error) {
+    if (road == "events") return listStoredEvents(stateDirectory, countOnly, out, error);
+    std::error_code ec;
+    if (!fs::is_directory(stateDirectory, ec)) {
+        error = stateDirectory.native() + " is not a folder";
+        return std::nullopt;
+    }
+    std::vector<std::string> lines;
+    if (road == "messages") {
+        auto messages = AnalyticsStack::storedMessages(stateDirectory, &error);
+        if (!messages) {
+            error = "the product-analytics queue cannot be read (" + error + ")";
+            return std::nullopt;
+        }
+        lines = std::move(*messages);
+    } else {
+        for (auto& url : AnalyticsStack::storedURLs(stateDirectory))
+            lines.push_back(nlohmann::json{{"url", std::move(url)}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    }
+    if (countOnly) out << lines.size() << '\n';
+    else
+        for (const auto& line : lines) out << line << '\n';
+    return lines.size();
+}
+
 void registerQueueCommand(CLI::App& app, int& exitCode) {
     struct Options {
         std::string stateDir;
+        std::string road = "events";
         bool count = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command =
-        app.add_subcommand("queue", "List the events waiting in the on-disk gateway queue of a state folder");
+        app.add_subcommand("queue", "List what waits on disk in a state folder: gateway events, product-analytics messages or promoted URLs");
     command->add_option("--state-dir", options->stateDir, "The state folder of a replay or demo run")->required();
-    command->add_flag("--count", options->count, "Print only the number of waiting events");
+    command->add_option("--road", options->road, "What to list: events (one object per file), messages (each as stored) or urls")
+        ->check(CLI::IsMember({"events", "messages", "urls"}))
+        ->capture_default_str();
+    command->add_flag("--count", options->count, "Print only the number of waiting items");
     command->callback([options, &exitCode] {
         std::string error;
-        const auto listed = listStoredEvents(options->stateDir, options->count, std::cout, error);
+        const auto listed = listStoredItems(options->stateDir, options->road, options->count, std::cout, error);
         if (!listed) std::cerr << "ktanalytics queue: " << error << '\n';
         else describeRecordedDrops(options->stateDir, std::cerr);
         std::cout << std::flush;

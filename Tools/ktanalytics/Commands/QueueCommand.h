@@ -1,13 +1,14 @@
 #pragma once
-// `ktanalytics queue --state-dir DIR`: what waits in the gateway's on-disk event queue of a
-// state folder, with retry counts and decoded contents. Reading never changes the queue:
-// undecodable files are listed as such, not deleted.
+// `ktanalytics queue --state-dir DIR [--road events|messages|urls]`: what waits on disk in a
+// state folder; for events, the gateway queue's files with retry counts and decoded contents.
+// Reading never changes a queue: undecodable files are listed as such, not deleted.
 
 #include <cstddef>
 #include <filesystem>
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kt::tool {
 
@@ -18,6 +19,12 @@ namespace kt::tool {
 /// (with the reason in `error`) when `stateDirectory` is not a folder.
 std::optional<std::size_t> listStoredEvents(const std::filesystem::path& stateDirectory, bool countOnly,
                                             std::ostream& out, std::string& error);
+
+/// As `listStoredEvents` for `road` "events"; for "messages", each waiting product-analytics
+/// message as stored (one JSON object a line), and for "urls", {"url": ...} for each waiting
+/// promoted request, oldest first. Nullopt, with the reason, while a client holds the messages.
+std::optional<std::size_t> listStoredItems(const std::filesystem::path& stateDirectory, std::string_view road,
+                                           bool countOnly, std::ostream& out, std::string& error);
 
 /// "dropped by earlier runs: N (reason n, ...)" from the state folder's drop ledger, one
 /// line; nothing when the folder has no user defaults yet.

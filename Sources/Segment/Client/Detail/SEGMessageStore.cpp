@@ -131,11 +131,16 @@ std::unique_ptr<SEGMessageStore> SEGMessageStore::open(const std::filesystem::pa
     return std::unique_ptr<SEGMessageStore>(new SEGMessageStore(std::move(impl)));
 }
 
-std::optional<SEGMessageStore::Drops> SEGMessageStore::recordedDrops(const std::filesystem::path& folder,
-                                                                     std::string* error) {
+namespace {
+
+// Reads the queue in `folder` from outside its client: calls `row` for each row of `sql`.
+// False, with the reason in `error`, when the file cannot be read (as while a client holds
+// it); true with no rows when there is no file or, with `missingTableIsEmpty`, no table yet.
+template <class Row>
+bool readQueue(const std::filesystem::path& folder, const char* sql, std::string* error, Row row) {
     const auto path = folder / "queue.sqlite3";
     std::error_code ignored;
-    if (!std::filesystem::exists(path, ignored)) return Drops{};
+    if (!std::filesystem::exists(path, ignored)) return true;
     sqlite3* db = nullptr;
     struct Close {
         sqlite3*& db;
@@ -143,7 +148,7 @@ std::optional<SEGMessageStore::Drops> SEGMessageStore::recordedDrops(const std::
     } close{db};
     auto fail = [&] {
         if (error) *error = db ? sqlite3_errmsg(db) : "out of memory";
-        return std::nullopt;
+        return false;
     };
     // Read-write without creating, and exclusive as the owner: a journal a killed process
     // left is read (and folded in) through an index in memory, with no shared-memory file.
@@ -151,17 +156,35 @@ std::optional<SEGMessageStore::Drops> SEGMessageStore::recordedDrops(const std::
     sqlite3_busy_timeout(db, kReaderBusyTimeoutMs);
     if (sqlite3_exec(db, "PRAGMA locking_mode=EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) return fail();
     Statement s;
-    if (sqlite3_prepare_v2(db, "SELECT reason, count FROM drops", -1, &s.s, nullptr) != SQLITE_OK) {
-        // A queue from before the table (or not yet set up) has recorded nothing.
-        if (sqlite3_errcode(db) == SQLITE_ERROR) return Drops{};
+    if (sqlite3_prepare_v2(db, sql, -1, &s.s, nullptr) != SQLITE_OK) {
+        // A queue from before the table (or not yet set up) holds nothing of it.
+        if (sqlite3_errcode(db) == SQLITE_ERROR) return true;
         return fail();
     }
-    Drops drops;
     int rc;
-    while ((rc = sqlite3_step(s.s)) == SQLITE_ROW)
-        drops[columnText(s.s, 0)] += static_cast<std::uint64_t>(sqlite3_column_int64(s.s, 1));
-    if (rc != SQLITE_DONE) return fail();
+    while ((rc = sqlite3_step(s.s)) == SQLITE_ROW) row(s.s);
+    return rc == SQLITE_DONE || fail();
+}
+
+}  // namespace
+
+std::optional<SEGMessageStore::Drops> SEGMessageStore::recordedDrops(const std::filesystem::path& folder,
+                                                                     std::string* error) {
+    Drops drops;
+    if (!readQueue(folder, "SELECT reason, count FROM drops", error, [&](sqlite3_stmt* s) {
+            drops[columnText(s, 0)] += static_cast<std::uint64_t>(sqlite3_column_int64(s, 1));
+        }))
+        return std::nullopt;
     return drops;
+}
+
+std::optional<std::vector<std::string>> SEGMessageStore::storedMessages(const std::filesystem::path& folder,
+                                                                        std::string* error) {
+    std::vector<std::string> messages;
+    if (!readQueue(folder, "SELECT json FROM messages ORDER BY id", error,
+                   [&](sqlite3_stmt* s) { messages.push_back(columnText(s, 0)); }))
+        return std::nullopt;
+    return messages;
 }
 
 std::optional<std::string> SEGMessageStore::value(const std::string& key) {

@@ -43,6 +43,10 @@ public:
     /// The drop counts recorded in the database in `folder` (empty when there is none), or
     /// nullopt with the reason in `error` when it cannot be read, as while a client holds it.
     static std::optional<Drops> recordedDrops(const std::filesystem::path& folder, std::string* error = nullptr);
+    /// The messages waiting in the database in `folder`, oldest first, as stored; read as
+    /// `recordedDrops` reads.
+    static std::optional<std::vector<std::string>> storedMessages(const std::filesystem::path& folder,
+                                                                  std::string* error = nullptr);
     ~SEGMessageStore();
     SEGMessageStore(const SEGMessageStore&) = delete;
     SEGMessageStore& operator=(const SEGMessageStore&) = delete;

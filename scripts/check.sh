@@ -55,7 +55,7 @@ for s in "${steps[@]}"; do
       ;;
     kill)
       step "kill test: ${KILL_ROUNDS:-40} rounds of SIGKILL on every road"
-      python3 scripts/kill-test.py build --rounds "${KILL_ROUNDS:-40}" --events 1000 --messages 500 --urls 50 --check
+      python3 scripts/kill-test.py build --rounds "${KILL_ROUNDS:-40}" --events 1000 --messages 200 --urls 50 --check
       ;;
     fault)
       step "fault run: 30 % of requests failing, the gateway away for 10 s"

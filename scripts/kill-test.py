@@ -3,17 +3,20 @@
 messages and promoted URLs against the development gateway, kills the replay at a random
 moment each round, and counts what the gateway received.
 
-    scripts/kill-test.py BUILD_DIR [--rounds 40] [--events 1000] [--messages 500] [--urls 50]
+    scripts/kill-test.py BUILD_DIR [--rounds 40] [--events 1000] [--messages 200] [--urls 50]
                          [--seed 1] [--longest-ms 400] [--check]
 
-Each round replays its items (each with an id of its own) into one shared state folder and
-is killed with SIGKILL after a random 20 to `--longest-ms` ms. Right after each kill it lists
-what each road left on disk (`ktanalytics queue --road ...`) and which of those the gateway
-already has: they will be sent again. A last run without a kill delivers what waited.
-Printed per road:
+Each round replays its items (each with an id "round-index" of its own) into one shared state
+folder and is killed with SIGKILL after a random 20 to `--longest-ms` ms; one round in four runs
+with the gateway away, so that uploads fail and wait. Right after each kill it lists what each
+road left on disk (`ktanalytics queue --road ...`) and which of those the gateway already has:
+they will be sent again. A last run, with the gateway back, delivers what waited. Each road
+stores what it is handed in order, so an item of a round is known to have been stored when a
+later one of the same round was left on disk or arrived. Printed per road:
 
   lost              tagged, never received: handed over and not yet stored when the kill came
-  stored, lost      left on disk by a kill and never received (the promise: none)
+  stored, lost      known stored and never received, beyond the drops the state folder counts
+                    (the promise: none)
   duplicates        received more than once (the promise: only items a kill left on disk
                     after the gateway had them, the requests in flight at the kill)
 
@@ -28,12 +31,22 @@ import shutil
 import signal
 import sqlite3
 import subprocess
+import socket
 import sys
 import tempfile
+import threading
 import time
-import urllib.parse
 
 ROADS = ("events", "messages", "urls")
+# What `queue` prints of each road's drops recorded in the state folder.
+DROP_LINES = {"events": "dropped by earlier runs: ", "messages": "product-analytics messages dropped by earlier runs: ",
+              "urls": "promoted URLs dropped by earlier runs: "}
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
 
 
 def main():
@@ -41,7 +54,7 @@ def main():
     parser.add_argument("build_dir")
     parser.add_argument("--rounds", type=int, default=40)
     parser.add_argument("--events", type=int, default=1000)
-    parser.add_argument("--messages", type=int, default=500)
+    parser.add_argument("--messages", type=int, default=200)
     parser.add_argument("--urls", type=int, default=50)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--longest-ms", type=int, default=400, help="latest moment of the kill")
@@ -52,49 +65,66 @@ def main():
     work = tempfile.mkdtemp(prefix="kt-kill-", dir=args.build_dir)
     db = os.path.join(work, "gateway.sqlite3")
     state = os.path.join(work, "state")
+    port = free_port()
+    url = f"http://127.0.0.1:{port}"
+    gateway = None
 
-    gateway = subprocess.Popen([tool, "gateway", "--port", "0", "--db", db], stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL, text=True)
-    url = gateway.stdout.readline().strip().split()[-1]
-    # The gateway prints a line per request; nobody reads them, so let them go nowhere.
-    drain = subprocess.Popen(["cat"], stdin=gateway.stdout, stdout=subprocess.DEVNULL)
+    def gateway_up(up):
+        nonlocal gateway
+        if up and not gateway:
+            gateway = subprocess.Popen([tool, "gateway", "--port", str(port), "--db", db],
+                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            gateway.stdout.readline()  # listening
+            # The gateway prints a line per request; nobody reads them, so let them go nowhere.
+            threading.Thread(target=gateway.stdout.read, daemon=True).start()
+        elif not up and gateway:
+            gateway.terminate()
+            gateway.wait()
+            gateway = None
 
     def received():
         """Every item the gateway stored, per road, as a list of ids (repeats kept)."""
+        if not os.path.exists(db):
+            return {road: [] for road in ROADS}
         with sqlite3.connect(db, timeout=30) as connection:
             events = [json.loads(p).get("id") for (p,) in connection.execute("SELECT payload FROM events")]
-            messages = [m for (m,) in connection.execute("SELECT message_id FROM messages")]
-            urls = [t for (t,) in connection.execute("SELECT target FROM tracking_requests")]
+            messages = [json.loads(m).get("properties", {}).get("value")
+                        for (m,) in connection.execute("SELECT message FROM messages")]
+            urls = [t.rsplit("/", 1)[-1] for (t,) in connection.execute("SELECT target FROM tracking_requests")]
         return {"events": events, "messages": messages, "urls": urls}
+
+    def queue(road):
+        run = subprocess.run([tool, "queue", "--state-dir", state, "--road", road],
+                             capture_output=True, text=True, check=True)
+        return [json.loads(line) for line in run.stdout.splitlines() if line], run.stderr
 
     def on_disk():
         """What each road keeps in the state folder, as ids comparable with `received`."""
-        def listing(road):
-            out = subprocess.run([tool, "queue", "--state-dir", state, "--road", road],
-                                 capture_output=True, text=True, check=True).stdout
-            return [json.loads(line) for line in out.splitlines() if line]
-        return {"events": [e.get("attributes", {}).get("id") for e in listing("events")],
-                "messages": [m.get("messageId") for m in listing("messages")],
-                "urls": [urllib.parse.urlsplit(u["url"]).path for u in listing("urls")]}
+        return {"events": [e.get("attributes", {}).get("id") for e in queue("events")[0]],
+                "messages": [m.get("properties", {}).get("value") for m in queue("messages")[0]],
+                "urls": [u["url"].rsplit("/", 1)[-1] for u in queue("urls")[0]]}
 
     killed = 0
-    stored = {road: set() for road in ROADS}            # ever seen on disk after a kill
-    stored_delivered = {road: set() for road in ROADS}  # ... while the gateway already had it
+    left_behind = {road: set() for road in ROADS}       # on disk after a kill
+    left_delivered = {road: set() for road in ROADS}    # ... while the gateway already had it
     names = ["pageview", "audio", "like", "impression", "click", "search", "share", "repost"]
     try:
         for round_number in range(args.rounds):
             path = os.path.join(work, "round.jsonl")
             with open(path, "w") as out:
                 for i in range(max(args.events, args.messages, args.urls)):
+                    item = f"{round_number}-{i}"
                     if i < args.events:
                         out.write(json.dumps({"name": names[i % len(names)],
-                                              "attributes": {"id": f"{round_number}-{i}", "position": i,
+                                              "attributes": {"id": item, "position": i,
                                                              "page_name": "stream:main", "source": "stream"}}) + "\n")
                     if i < args.messages:
-                        out.write(json.dumps({"track": "App Cache Cleared", "version": 1, "properties": {}}) + "\n")
+                        out.write(json.dumps({"track": "App Language Changed", "version": 1,
+                                              "properties": {"value": item}}) + "\n")
                     if i < args.urls:
                         out.write(json.dumps({"name": "promoted_event",
-                                              "attributes": {"url": f"{url}/track/kill/{round_number}-{i}"}}) + "\n")
+                                              "attributes": {"url": f"{url}/track/kill/{item}"}}) + "\n")
+            gateway_up(round_number % 4 != 3)
             replay = subprocess.Popen([tool, "replay", path, "--gateway", url, "--state-dir", state,
                                        "--min-batch", "20", "--timeout", "30"],
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -108,37 +138,48 @@ def main():
             parts = []
             for road in ROADS:
                 got = set(have[road])
-                stored[road].update(left[road])
-                stored_delivered[road].update(i for i in left[road] if i in got)
+                left_behind[road].update(left[road])
+                left_delivered[road].update(i for i in left[road] if i in got)
                 parts.append(f"{road} {len(left[road])} left, {sum(1 for i in left[road] if i in got)} delivered")
             print(f"round {round_number + 1}: " + "; ".join(parts), file=sys.stderr)
+        gateway_up(True)
         empty = os.path.join(work, "empty.jsonl")
         open(empty, "w").close()
         subprocess.run([tool, "replay", empty, "--gateway", url, "--state-dir", state, "--timeout", "120"],
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         have = received()
+        drop_report = queue("events")[1]
     finally:
-        gateway.terminate()
-        gateway.wait()
-        drain.wait()
+        gateway_up(False)
 
     sent = {"events": args.events, "messages": args.messages, "urls": args.urls}
     broken = []
     for road in ROADS:
         counts = collections.Counter(have[road])
+        # The highest index of each round seen anywhere: all before it were stored.
+        highest = {}
+        for item in set(have[road]) | left_behind[road]:
+            r, i = map(int, item.split("-"))
+            highest[r] = max(highest.get(r, -1), i)
+        stored = {f"{r}-{i}" for r, h in highest.items() for i in range(h + 1)}
+        stored_lost = stored - counts.keys()
+        dropped = next((int(line[len(DROP_LINES[road]):].split()[0]) for line in drop_report.splitlines()
+                        if line.startswith(DROP_LINES[road])), 0)
         duplicates = {i for i, n in counts.items() if n > 1}
-        stored_lost = stored[road] - counts.keys()
-        unexplained = duplicates - stored_delivered[road]
-        print(f"{road}: rounds {args.rounds}, tagged {sent[road] * killed}, received {len(have[road])} "
+        unexplained = duplicates - left_delivered[road]
+        print(f"{road}: rounds {killed}, tagged {sent[road] * killed}, received {len(have[road])} "
               f"({len(counts)} distinct), lost {sent[road] * killed - len(counts)} (in memory at the kill), "
-              f"left on disk by the kills {len(stored[road])} of which {len(stored_delivered[road])} already delivered, "
-              f"stored, lost {len(stored_lost)}, duplicates {len(have[road]) - len(counts)} "
-              f"(unexplained {len(unexplained)})")
-        if stored_lost:
-            broken.append(f"{road}: {len(stored_lost)} stored items never arrived, e.g. {sorted(stored_lost)[:3]}")
+              f"known stored {len(stored)}, of them lost {len(stored_lost)} (dropped and counted {dropped}), "
+              f"left on disk by the kills {len(left_behind[road])} of which {len(left_delivered[road])} already delivered, "
+              f"duplicates {len(have[road]) - len(counts)} (unexplained {len(unexplained)})")
+        if len(stored_lost) > dropped:
+            broken.append(f"{road}: {len(stored_lost)} stored items never arrived and {dropped} were counted dropped, "
+                          f"e.g. {sorted(stored_lost)[:3]}")
         if unexplained:
             broken.append(f"{road}: {len(unexplained)} items arrived twice without a kill in flight, "
                           f"e.g. {sorted(unexplained)[:3]}")
+    for line in drop_report.splitlines():
+        print("kill-test: " + line)
     for line in broken:
         print("kill-test: " + line, file=sys.stderr)
     if not broken:

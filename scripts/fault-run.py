@@ -17,19 +17,13 @@ import collections
 import json
 import os
 import shutil
-import socket
-import sqlite3
 import subprocess
 import sys
 import tempfile
 import threading
 import time
 
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+from gateway_runs import free_port, received, write_replay
 
 
 def main():
@@ -52,14 +46,7 @@ def main():
     base = f"http://127.0.0.1:{port}"
 
     lines = os.path.join(work, "lines.jsonl")
-    with open(lines, "w") as out:
-        for i in range(max(args.events, args.messages, args.urls)):
-            if i < args.events:
-                out.write(json.dumps({"name": "pageview", "attributes": {"page_name": f"p{i}", "id": f"e{i}"}}) + "\n")
-            if i < args.messages:
-                out.write(json.dumps({"track": "App Cache Cleared", "version": 1, "properties": {}}) + "\n")
-            if i < args.urls:
-                out.write(json.dumps({"name": "promoted_event", "attributes": {"url": f"{base}/track/fault/{i}"}}) + "\n")
+    write_replay(lines, base, "", args.events, args.messages, args.urls)
 
     log = open(os.path.join(work, "gateway.log"), "w")
 
@@ -99,12 +86,7 @@ def main():
     except json.JSONDecodeError:
         print(f"fault-run: the replay printed no summary (exit {replay.returncode}):\n{replay.stderr}", file=sys.stderr)
         return 2
-    with sqlite3.connect(db) as connection:
-        held = {
-            "events": [json.loads(p).get("id") for (p,) in connection.execute("SELECT payload FROM events")],
-            "messages": [m for (m,) in connection.execute("SELECT message_id FROM messages")],
-            "urls": [t for (t,) in connection.execute("SELECT target FROM tracking_requests")],
-        }
+    held = received(db)
 
     log.close()
     answers = collections.Counter()

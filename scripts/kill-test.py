@@ -29,24 +29,17 @@ import os
 import random
 import shutil
 import signal
-import sqlite3
 import subprocess
-import socket
 import sys
 import tempfile
 import threading
 import time
 
-ROADS = ("events", "messages", "urls")
+from gateway_runs import ROADS, free_port, message_id, received, url_id, write_replay
+
 # What `queue` prints of each road's drops recorded in the state folder.
 DROP_LINES = {"events": "dropped by earlier runs: ", "messages": "product-analytics messages dropped by earlier runs: ",
               "urls": "promoted URLs dropped by earlier runs: "}
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
 
 
 def main():
@@ -82,16 +75,8 @@ def main():
             gateway.wait()
             gateway = None
 
-    def received():
-        """Every item the gateway stored, per road, as a list of ids (repeats kept)."""
-        if not os.path.exists(db):
-            return {road: [] for road in ROADS}
-        with sqlite3.connect(db, timeout=30) as connection:
-            events = [json.loads(p).get("id") for (p,) in connection.execute("SELECT payload FROM events")]
-            messages = [json.loads(m).get("properties", {}).get("value")
-                        for (m,) in connection.execute("SELECT message FROM messages")]
-            urls = [t.rsplit("/", 1)[-1] for (t,) in connection.execute("SELECT target FROM tracking_requests")]
-        return {"events": events, "messages": messages, "urls": urls}
+    def received_so_far():
+        return received(db) if os.path.exists(db) else {road: [] for road in ROADS}
 
     def queue(road):
         run = subprocess.run([tool, "queue", "--state-dir", state, "--road", road],
@@ -101,29 +86,16 @@ def main():
     def on_disk():
         """What each road keeps in the state folder, as ids comparable with `received`."""
         return {"events": [e.get("attributes", {}).get("id") for e in queue("events")[0]],
-                "messages": [m.get("properties", {}).get("value") for m in queue("messages")[0]],
-                "urls": [u["url"].rsplit("/", 1)[-1] for u in queue("urls")[0]]}
+                "messages": [message_id(m) for m in queue("messages")[0]],
+                "urls": [url_id(u["url"]) for u in queue("urls")[0]]}
 
     killed = 0
     left_behind = {road: set() for road in ROADS}       # on disk after a kill
     left_delivered = {road: set() for road in ROADS}    # ... while the gateway already had it
-    names = ["pageview", "audio", "like", "impression", "click", "search", "share", "repost"]
     try:
         for round_number in range(args.rounds):
             path = os.path.join(work, "round.jsonl")
-            with open(path, "w") as out:
-                for i in range(max(args.events, args.messages, args.urls)):
-                    item = f"{round_number}-{i}"
-                    if i < args.events:
-                        out.write(json.dumps({"name": names[i % len(names)],
-                                              "attributes": {"id": item, "position": i,
-                                                             "page_name": "stream:main", "source": "stream"}}) + "\n")
-                    if i < args.messages:
-                        out.write(json.dumps({"track": "App Language Changed", "version": 1,
-                                              "properties": {"value": item}}) + "\n")
-                    if i < args.urls:
-                        out.write(json.dumps({"name": "promoted_event",
-                                              "attributes": {"url": f"{url}/track/kill/{item}"}}) + "\n")
+            write_replay(path, url, f"{round_number}-", args.events, args.messages, args.urls)
             gateway_up(round_number % 4 != 3)
             replay = subprocess.Popen([tool, "replay", path, "--gateway", url, "--state-dir", state,
                                        "--min-batch", "20", "--timeout", "30"],
@@ -134,7 +106,7 @@ def main():
             killed += 1
             # Uploads the gateway had taken in full before the kill are stored by now.
             time.sleep(0.2)
-            left, have = on_disk(), received()
+            left, have = on_disk(), received_so_far()
             parts = []
             for road in ROADS:
                 got = set(have[road])
@@ -147,7 +119,7 @@ def main():
         open(empty, "w").close()
         subprocess.run([tool, "replay", empty, "--gateway", url, "--state-dir", state, "--timeout", "120"],
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        have = received()
+        have = received_so_far()
         drop_report = queue("events")[1]
     finally:
         gateway_up(False)

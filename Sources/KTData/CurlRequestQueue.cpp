@@ -68,6 +68,7 @@ struct Transfer {
     HTTPRequest request;
     RequestQueueing::ResultCallback callback;
     std::string origin;
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     char error[CURL_ERROR_SIZE] = {};
@@ -106,6 +107,7 @@ struct CurlRequestQueue::Impl {
     // The pause of each origin that failed and has not answered since.
     struct Pause {
         int failures = 0;
+        std::chrono::steady_clock::time_point began{};
         std::chrono::steady_clock::time_point until{};
     };
     mutable std::mutex pauseMutex;
@@ -132,7 +134,8 @@ struct CurlRequestQueue::Impl {
     void complete(RequestQueueing::ResultCallback& callback, long status);
     void complete(RequestQueueing::ResultCallback& callback, RequestResult result);
     std::optional<std::chrono::steady_clock::time_point> pausedUntil(const std::string& origin) const;
-    void notePauseOutcome(const std::string& origin, RequestResult result, std::chrono::seconds retryAfter);
+    void notePauseOutcome(const std::string& origin, std::chrono::steady_clock::time_point started,
+                          RequestResult result, std::chrono::seconds retryAfter);
     bool drainCompleted();
     void abortEverything();
 };
@@ -197,8 +200,8 @@ std::optional<std::chrono::steady_clock::time_point> CurlRequestQueue::Impl::pau
     return it->second.until;
 }
 
-void CurlRequestQueue::Impl::notePauseOutcome(const std::string& origin, RequestResult result,
-                                              std::chrono::seconds retryAfter) {
+void CurlRequestQueue::Impl::notePauseOutcome(const std::string& origin, std::chrono::steady_clock::time_point started,
+                                              RequestResult result, std::chrono::seconds retryAfter) {
     if (result == RequestResult::notSent) return;
     std::lock_guard lock(pauseMutex);
     if (result != RequestResult::failed) {
@@ -208,13 +211,15 @@ void CurlRequestQueue::Impl::notePauseOutcome(const std::string& origin, Request
     }
     const auto now = std::chrono::steady_clock::now();
     auto& pause = pauses[origin];
-    // Requests that were already under way when a pause began fail with it; only an attempt
-    // made after a pause (or the first failure) lengthens the next one.
-    if (pause.until > now) return;
+    // Requests that were already under way when a pause began fail with it, however long
+    // they take to fail; only an attempt made after a pause (or the first failure) lengthens
+    // the next one.
+    if (started < pause.began || pause.until > now) return;
     auto length = jitteredBackoff(configuration.firstFailurePause, configuration.failurePauseGrowth,
                                   configuration.longestFailurePause, ++pause.failures, jitter);
     length = std::max(length, std::min(std::chrono::duration_cast<std::chrono::milliseconds>(retryAfter),
                                        configuration.longestFailurePause));
+    pause.began = now;
     pause.until = now + length;
     pausesBegun.fetch_add(1, std::memory_order_relaxed);
     KT_LOG(logger, 2, kFile, "-[CurlRequestQueue sendRequest:resultCallback:]",
@@ -378,7 +383,7 @@ void CurlRequestQueue::Impl::finish(Transfer& transfer, CURLcode code) {
                transfer.error[0] != '\0' ? transfer.error : curl_easy_strerror(code));
     }
     // Before the callback: a sender that asks at once must see the pause.
-    notePauseOutcome(transfer.origin, requestResultFor(status), std::chrono::seconds(std::max<curl_off_t>(retryAfter, 0)));
+    notePauseOutcome(transfer.origin, transfer.started, requestResultFor(status), std::chrono::seconds(std::max<curl_off_t>(retryAfter, 0)));
     complete(transfer.callback, status);
 }
 

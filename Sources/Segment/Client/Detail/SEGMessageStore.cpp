@@ -135,7 +135,7 @@ namespace {
 
 // Reads the queue in `folder` from outside its client: calls `row` for each row of `sql`.
 // False, with the reason in `error`, when the file cannot be read (as while a client holds
-// it); true with no rows when there is no file or, with `missingTableIsEmpty`, no table yet.
+// it); true with no rows when there is no file or no such table yet.
 template <class Row>
 bool readQueue(const std::filesystem::path& folder, const char* sql, std::string* error, Row row) {
     const auto path = folder / "queue.sqlite3";

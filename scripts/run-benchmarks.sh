@@ -110,8 +110,8 @@ awk -F, '
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB   (target: at most +16 MiB)\n", "build the request for 10,000 stored events", fmt_time(real[n], unit[n]), rss[n]
     n = "BM_Upload10000StoredEventsToABareSink/iterations:3/real_time"
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB\n", "the same to a bare sink (the SDK alone)", fmt_time(real[n], unit[n]), rss[n]
-    split("1000 10000 100000", sizes, " ")
-    for (k = 1; k <= 3; k++) {
+    split("1000 10000 100000 1000000", sizes, " ")
+    for (k = 1; k <= 4; k++) {
       n = "BM_TrackingPlanToGateway/" sizes[k] "/iterations:1/manual_time"
       if (!(n in real)) continue
       if (failed[n]) { printf "%-58s FAILED (see above)\n", "tracking plan, " sizes[k] " messages sent to delivered"; continue }

@@ -74,7 +74,8 @@ std::shared_ptr<const EventNameSet> APEventGatewayAnalyticsProvider::trackedEven
 void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
     const std::size_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     if (pending <= kCompactAbove) {
-        if (pending > peakPending_.load(std::memory_order_relaxed)) peakPending_.store(pending, std::memory_order_relaxed);
+        if (pending > peakPending_.load(std::memory_order_relaxed))
+            peakPending_.store(pending, std::memory_order_relaxed);
         queue_->async([weak = weak_from_this(), event] {
             if (auto self = weak.lock()) {
                 self->pending_.fetch_sub(1, std::memory_order_relaxed);

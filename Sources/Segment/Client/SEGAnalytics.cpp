@@ -145,8 +145,12 @@ struct SEGAnalytics::Impl : std::enable_shared_from_this<Impl> {
 
     ~Impl() {
         for (const auto& [reason, n] : refusedUnwritten) unrecorded[reason] += n;
-        // Best effort: what stays undeleted is sent again by the next run.
-        if (store && !retryDeletions()) recordDrops();
+        // Best effort: what stays undeleted is sent again by the next run. Drops go with
+        // the deletions, or on their own when there are none.
+        if (store) {
+            retryDeletions();
+            recordDrops();
+        }
     }
 
     // --- counts -------------------------------------------------------------------------
@@ -691,7 +695,8 @@ struct CallRecord {
 
     static void encode(std::vector<std::uint8_t>& out, bool identify, const std::string& name,
                        const std::optional<AttributeValue>& values, const std::optional<AttributeValue>& options) {
-        Header header{identify, std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count(), 0, 0};
+        using std::chrono::nanoseconds;
+        Header header{identify, std::chrono::duration_cast<nanoseconds>(Clock::now().time_since_epoch()).count(), 0, 0};
         out.assign(sizeof header, 0);
         out.insert(out.end(), name.begin(), name.end());
         header.valuesAt = static_cast<std::uint32_t>(out.size());
@@ -701,10 +706,14 @@ struct CallRecord {
         std::memcpy(out.data(), &header, sizeof header);
     }
 
-    explicit CallRecord(const std::vector<std::uint8_t>& bytes) : bytes(bytes) { std::memcpy(&header, bytes.data(), sizeof header); }
+    explicit CallRecord(const std::vector<std::uint8_t>& bytes) : bytes(bytes) {
+        std::memcpy(&header, bytes.data(), sizeof header);
+    }
 
     bool identify() const { return header.identify != 0; }
-    Clock::time_point at() const { return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(header.at))); }
+    Clock::time_point at() const {
+        return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(header.at)));
+    }
     std::string name() const { return std::string(bytes.begin() + sizeof(Header), bytes.begin() + header.valuesAt); }
     std::optional<AttributeValue> values() const { return decode(header.valuesAt, header.optionsAt); }
     std::optional<AttributeValue> options() const { return decode(header.optionsAt, bytes.size()); }

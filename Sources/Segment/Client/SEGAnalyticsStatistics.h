@@ -8,8 +8,9 @@
 namespace kt {
 
 /// Every reason a message can be removed without delivery, as `droppedByReason` keys it.
-inline constexpr const char* kSEGDropReasons[] = {"queue_full",    "too_large", "rejected",          "dropped_by_middleware",
-                                                  "not_persisted", "corrupted", "too_deeply_nested", "backlog_full"};
+inline constexpr const char* kSEGDropReasons[] = {"queue_full",        "too_large",     "rejected",
+                                                  "dropped_by_middleware", "not_persisted", "corrupted",
+                                                  "too_deeply_nested", "backlog_full"};
 
 /// Counts only ever grow, but `waiting`.
 struct SEGAnalyticsStatistics {

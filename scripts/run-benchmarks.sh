@@ -11,7 +11,7 @@ set -euo pipefail
 
 build_dir="${1:-build}"
 bench_dir="$build_dir/Benchmarks"
-programs=(TagEventBenchmark StoreThroughputBenchmark QueueGrowthBenchmark UploadBenchmark TrackingPlanEndToEndBenchmark)
+programs=(TagEventBenchmark StoreThroughputBenchmark QueueGrowthBenchmark UploadBenchmark TrackingPlanEndToEndBenchmark EventBurstBenchmark)
 for program in "${programs[@]}"; do
   if [[ ! -x "$bench_dir/bench_$program" ]]; then
     echo "run-benchmarks: $bench_dir/bench_$program is missing; build with -DKTANALYTICS_BUILD_BENCHMARKS=ON" >&2
@@ -77,6 +77,8 @@ awk -F, '
     if ("us_per_message" in column) permsg[name] = $column["us_per_message"]
     if ("batches" in column) batches[name] = $column["batches"]
     if ("send_median_ns" in column) sendmed[name] = $column["send_median_ns"]
+    if ("peak_rss_MiB" in column) peak[name] = $column["peak_rss_MiB"]
+    if ("dropped_backlog_full" in column) backlog[name] = $column["dropped_backlog_full"]
     if ("error_occurred" in column) failed[name] = unq($column["error_occurred"]) == "true"
   }
   END {
@@ -108,12 +110,19 @@ awk -F, '
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB   (target: at most +16 MiB)\n", "build the request for 10,000 stored events", fmt_time(real[n], unit[n]), rss[n]
     n = "BM_Upload10000StoredEventsToABareSink/iterations:3/real_time"
     if (n in real) printf "%-58s %s, peak RSS +%.1f MiB\n", "the same to a bare sink (the SDK alone)", fmt_time(real[n], unit[n]), rss[n]
-    split("1000 10000 100000", sizes, " ")
-    for (k = 1; k <= 3; k++) {
+    split("1000 10000 100000 1000000", sizes, " ")
+    for (k = 1; k <= 4; k++) {
       n = "BM_TrackingPlanToGateway/" sizes[k] "/iterations:1/manual_time"
       if (!(n in real)) continue
       if (failed[n]) { printf "%-58s FAILED (see above)\n", "tracking plan, " sizes[k] " messages sent to delivered"; continue }
-      printf "%-58s %s, %.0f us/message, %.0f msgs/s, %d batches, peak RSS +%.1f MiB, send median %.0f ns\n", "tracking plan, " sizes[k] " messages sent to delivered", fmt_time(real[n], unit[n]), permsg[n], items[n], batches[n], rss[n], sendmed[n]
+      printf "%-58s %s, %.0f us/message, %.0f msgs/s, %d batches, peak RSS +%.1f MiB (%.1f MiB in all), %d backlog_full, send median %.0f ns\n", "tracking plan, " sizes[k] " messages sent to delivered", fmt_time(real[n], unit[n]), permsg[n], items[n], batches[n], rss[n], peak[n], backlog[n], sendmed[n]
+    }
+    split("100000 1000000", bursts, " ")
+    for (k = 1; k <= 2; k++) {
+      n = "BM_EventBurst/" bursts[k] "/iterations:1/manual_time"
+      if (!(n in real)) continue
+      if (failed[n]) { printf "%-58s FAILED (see above)\n", "a burst of " bursts[k] " events, tagged to stored"; continue }
+      printf "%-58s %s, peak RSS %.1f MiB in all   (target: under 64 MiB), %d backlog_full\n", "a burst of " bursts[k] " events, tagged to stored", fmt_time(real[n], unit[n]), peak[n], backlog[n]
     }
   }
 ' "$results"/*.csv

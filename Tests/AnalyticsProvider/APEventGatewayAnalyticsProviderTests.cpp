@@ -68,6 +68,9 @@ struct JournalingUploader final : APEventGatewayUploading {
     void discardEvent(const APEventDescripting& event, APEventDropReason reason) override {
         journal.push_back("discard " + event.name() + " " + std::string(eventDropReasonKey(reason)));
     }
+    void discardEventBeforeQueue(APEventDropReason reason) override {
+        journal.push_back("discard before the queue " + std::string(eventDropReasonKey(reason)));
+    }
     Journal& journal;
     std::vector<std::shared_ptr<const APEvent>> uploaded;
 };

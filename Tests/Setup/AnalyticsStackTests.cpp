@@ -20,6 +20,7 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/SessionIdProvider.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "KTAnalytics/KTFoundation/CredentialStore.h"
+#include "KTAnalytics/KTFoundation/KeyValueStoring.h"
 #include "KTAnalytics/Platform/SerialQueue.h"
 #include "KTAnalytics/Platform/UserDefaults.h"
 #include "Support/FakeConnectivity.h"
@@ -200,6 +201,43 @@ TEST_F(AnalyticsStackTests, signingInWhileEventsAreTaggedIsSafe) {
     for (const auto& event : recorded)
         ASSERT_TRUE(event["payload"]["client_id"].is_number_integer() && event["payload"]["user"].is_string()) << event;
     EXPECT_EQ(stack->statistics().upload.stored, 300u);
+}
+
+// The pipeline's queue held, bursts past the backlog's bound, one after the other: the
+// newest events are dropped on the tagging thread and counted at once, what fit is stored
+// once the queue runs (which frees the bound for the next burst), and the ledger the tool
+// reads has the drops under the reason's key.
+TEST_F(AnalyticsStackTests, burstsPastTheBacklogBoundDropTheNewestCountedAndRecorded) {
+    using Provider = APEventGatewayAnalyticsProvider;
+    auto c = configuration();
+    c.environment.minimumBatchSize = 1'000'000;
+    c.recorder = std::make_shared<APEventGatewayEventRecorder>(false);
+    auto stack = makeStack(c);
+    const auto backlogFull = [&] { return stack->statistics().upload.dropped(APEventDropReason::backlogFull); };
+    std::uint64_t sent = 0, dropped = 0;
+    for (const std::size_t blob : {std::size_t{1} << 20, std::size_t{256} << 10}) {
+        SCOPED_TRACE(blob);
+        const auto tag = [&](AttributeDictionary attributes) {
+            stack->tagEvent(APEvent::make("like", std::move(attributes)));
+            ++sent;
+        };
+        // The first events wait whole; those beyond travel compact, against the bound.
+        for (std::size_t i = 0; i < Provider::kCompactAbove; ++i) tag({{"i", i}});
+        std::size_t compact = 0;
+        for (; backlogFull() == dropped && compact <= 2 * Provider::kMaximumBacklogBytes / blob; ++compact)
+            tag({{"blob", std::string(blob, 'x')}});
+        for (int i = 0; i < 4; ++i) tag({{"blob", std::string(blob, 'x')}});
+        EXPECT_EQ(backlogFull(), dropped + 5);
+        EXPECT_LE((compact - 1) * blob, Provider::kMaximumBacklogBytes);
+        EXPECT_GE((compact + 1) * blob, Provider::kMaximumBacklogBytes);
+        dropped += 5;
+        queue->runUntilIdle();
+        const auto s = stack->statistics();
+        EXPECT_EQ(std::tuple(s.tagged, s.upload.stored + s.upload.dropped()), std::tuple(sent, sent));
+        EXPECT_EQ(stack->gatewayProvider()->backlogBytes(), 0u);
+    }
+    EXPECT_EQ(UserDefaultsStore(stack->userDefaults(), AnalyticsStack::kDropLedgerNameSpace).number("backlog_full"),
+              static_cast<double>(dropped));
 }
 
 // The state folder comes from the configuration, else from the environment.

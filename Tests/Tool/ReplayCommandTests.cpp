@@ -95,7 +95,7 @@ TEST(ReplayLineTests, theSummaryIsOneLineWithTheCountsInAFixedOrder) {
     EXPECT_EQ(replaySummaryJSON(summary),
               R"({"tagged":5,"delivered":3,"dropped":1,"dropped_by_reason":{"failed_three_times":0,"rejected":0,)"
               R"("not_representable":0,"unreadable":1,"retry_count_lost":0,"too_deeply_nested":0,"not_stored":0,)"
-              R"("queue_full":0},)"
+              R"("queue_full":0,"backlog_full":0},)"
               R"("waiting":1,"batches":2,"skipped":4,"not_for_gateway":0,)"
               R"("promoted":{"fired":0,"restored":0,"delivered":0,"dropped":0,"dropped_by_reason":{},"waiting":0},)"
               R"("attribution_tokens":[],)"
@@ -211,7 +211,8 @@ json summary(int tagged, int delivered, int waiting, int batches, int skipped = 
     return {{"tagged", tagged},   {"delivered", delivered}, {"dropped", failedThreeTimes},
             {"dropped_by_reason",
              {{"failed_three_times", failedThreeTimes}, {"rejected", 0}, {"not_representable", 0}, {"unreadable", 0},
-              {"retry_count_lost", 0}, {"too_deeply_nested", 0}, {"not_stored", 0}, {"queue_full", 0}}},
+              {"retry_count_lost", 0}, {"too_deeply_nested", 0}, {"not_stored", 0}, {"queue_full", 0},
+              {"backlog_full", 0}}},
             {"waiting", waiting}, {"batches", batches},     {"skipped", skipped}, {"not_for_gateway", notForGateway},
             {"promoted",
              {{"fired", 0}, {"restored", 0}, {"delivered", 0}, {"dropped", 0}, {"dropped_by_reason", json::object()},

@@ -1,5 +1,9 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 
+#include <cstring>
+#include <optional>
+#include <vector>
+
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
@@ -69,12 +73,9 @@ std::shared_ptr<const EventNameSet> APEventGatewayAnalyticsProvider::trackedEven
 
 void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
     const std::size_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (pending > peakPending_.load(std::memory_order_relaxed)) peakPending_.store(pending, std::memory_order_relaxed);
-    const AttributeDictionary* attributes = event->attributes();
-    // The encoder recurses, so an event nested too deeply goes the ordinary way, where it is
-    // refused and counted.
-    if (pending <= kCompactAbove || !attributes ||
-        value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth)) {
+    if (pending <= kCompactAbove) {
+        if (pending > peakPending_.load(std::memory_order_relaxed))
+            peakPending_.store(pending, std::memory_order_relaxed);
         queue_->async([weak = weak_from_this(), event] {
             if (auto self = weak.lock()) {
                 self->pending_.fetch_sub(1, std::memory_order_relaxed);
@@ -83,14 +84,55 @@ void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEve
         });
         return;
     }
-    queue_->async([weak = weak_from_this(), name = event->name(), encoded = AttributeValue::to_cbor(*attributes)] {
-        auto self = weak.lock();
-        if (!self) return;
-        self->pending_.fetch_sub(1, std::memory_order_relaxed);
-        // Dates and data travel as tagged byte strings and come back as what they were.
-        self->transformAndUpload(
-            *APEvent::make(name, AttributeValue::from_cbor(encoded, true, true, AttributeValue::cbor_tag_handler_t::store)));
+    handOverCompact(event->name(), event->attributes());
+}
+
+namespace {
+// A thread's encoding buffer is kept for its next event, unless a large one grew it.
+constexpr std::size_t kKeptBufferBytes = 64 * 1024;
+using NameLength = std::uint32_t;
+}  // namespace
+
+void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, const AttributeDictionary* attributes) {
+    const auto refuse = [&](APEventDropReason reason) {
+        pending_.fetch_sub(1, std::memory_order_relaxed);
+        uploader_->discardEventBeforeQueue(reason);
+    };
+    // A full backlog refuses before the encoding is paid for.
+    if (!backlog_.wouldFit(sizeof(NameLength) + name.size())) return refuse(APEventDropReason::backlogFull);
+    // The encoder recurses: a hostile depth is refused before anything walks it.
+    if (attributes && value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth))
+        return refuse(APEventDropReason::tooDeeplyNested);
+    thread_local std::vector<std::uint8_t> record;
+    const auto length = static_cast<NameLength>(name.size());
+    record.resize(sizeof length);
+    std::memcpy(record.data(), &length, sizeof length);
+    record.insert(record.end(), name.begin(), name.end());
+    if (attributes) AttributeValue::to_cbor(*attributes, record);
+    const bool kept = backlog_.push(record);
+    if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
+    if (!kept) return refuse(APEventDropReason::backlogFull);
+    const std::size_t pending = pending_.load(std::memory_order_relaxed);
+    if (pending > peakPending_.load(std::memory_order_relaxed)) peakPending_.store(pending, std::memory_order_relaxed);
+    queue_->async([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->takeUpCompact();
     });
+}
+
+void APEventGatewayAnalyticsProvider::takeUpCompact() {
+    pending_.fetch_sub(1, std::memory_order_relaxed);
+    if (!backlog_.pop(takenUp_)) return;  // one record per task: never
+    NameLength length;
+    std::memcpy(&length, takenUp_.data(), sizeof length);
+    const auto nameAt = takenUp_.begin() + sizeof length, attributesAt = nameAt + length;
+    std::optional<AttributeDictionary> attributes;
+    // Dates and data travel as tagged byte strings and come back as what they were.
+    if (attributesAt != takenUp_.end())
+        attributes = AttributeValue::from_cbor(attributesAt, takenUp_.end(), true, true,
+                                               AttributeValue::cbor_tag_handler_t::store);
+    auto event = APEvent::make(std::string(nameAt, attributesAt), std::move(attributes));
+    if (takenUp_.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(takenUp_);
+    transformAndUpload(*event);
 }
 
 void APEventGatewayAnalyticsProvider::process(const APEventDescripting& event) {

@@ -7,14 +7,19 @@
 // A burst can outrun the disk by far: tagging costs a fraction of a microsecond, storing a
 // file a hundred or more. Past `kCompactAbove` events waiting for the queue, each further
 // event is handed over as its compact binary encoding (a few hundred bytes instead of a few
-// kilobytes of decoded dictionary), so memory stays small while the store catches up.
+// kilobytes of decoded dictionary), packed into a `CompactBacklog` that holds at most
+// `kMaximumBacklogBytes`: an event that does not fit is dropped on the caller's thread and
+// counted as `backlogFull` ("backlog_full"). The caller never waits for the queue.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "KTAnalytics/AnalyticsProvider/APBaseAnalyticsProvider.h"
+#include "KTAnalytics/Platform/CompactBacklog.h"
 
 namespace kt {
 
@@ -31,6 +36,16 @@ class APEventGatewayAnalyticsProvider final : public APBaseAnalyticsProvider,
 
 public:
     static constexpr std::size_t kCompactAbove = 1000;
+    /// The compact events waiting for the queue hold at most this many bytes together (each
+    /// counted as its record plus `kCompactEventOverhead`). An ordinary event of twelve
+    /// attributes takes about 310 bytes, so a 100,000-event burst (about 29 MiB at its peak)
+    /// fits whole, and at the bound the process stays under 64 MiB however long the burst.
+    /// A longer line would only grow what a kill loses: the disk stores a few thousand events
+    /// a second.
+    static constexpr std::size_t kMaximumBacklogBytes = 32 * 1024 * 1024;
+    /// What one compact event costs beyond its record: its task in the queue (the slot and
+    /// the captured reference).
+    static constexpr std::size_t kCompactEventOverhead = 64;
 
     /// The queue must be the uploader's queue: the uploader's `uploadEvent` runs there.
     static std::shared_ptr<APEventGatewayAnalyticsProvider> make(
@@ -54,13 +69,21 @@ public:
     /// Events handed over and not yet taken up by the queue, and the most there ever were.
     std::size_t pendingEvents() const { return pending_.load(std::memory_order_relaxed); }
     std::size_t peakPendingEvents() const { return peakPending_.load(std::memory_order_relaxed); }
+    /// Bytes counted against `kMaximumBacklogBytes` now.
+    std::size_t backlogBytes() const { return backlog_.bytes(); }
 
 private:
+    void handOverCompact(const std::string& name, const AttributeDictionary* attributes);
+    void takeUpCompact();
     void process(const APEventDescripting& event);
     void transformAndUpload(const APEventDescripting& event);
 
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> peakPending_{0};
+    // The compact events, as records: the name's length, the name, the attributes' CBOR
+    // (nothing for null attributes). One queued task takes up one record.
+    CompactBacklog backlog_{kMaximumBacklogBytes, kCompactEventOverhead};
+    std::vector<std::uint8_t> takenUp_;  // queue only
 
     const std::shared_ptr<APEventGatewayUploading> uploader_;
     const std::shared_ptr<APEventGatewayEventTransforming> eventTransformer_;

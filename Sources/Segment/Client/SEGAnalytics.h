@@ -9,7 +9,11 @@
 // there by the worker right after the middlewares and integrations have seen it: a process
 // killed after `track` returned loses only the messages still in the worker's line, never
 // one that was committed. That window is the worker's backlog: a single call is stored
-// within about a hundred microseconds; a burst of thousands waits its turn.
+// within about a hundred microseconds; a burst of thousands waits its turn. While it waits,
+// a call is held as one compact record (its values encoded, not as trees) in a
+// `CompactBacklog` of at most `maxBacklogBytes`: a call that does not fit is dropped on the
+// caller's thread, counted as "backlog_full" and written to the queue's drops like every
+// other drop. The caller never waits for the worker.
 // Middlewares must call `next` before they return; a later call is ignored.
 
 #include <chrono>
@@ -35,6 +39,16 @@ class KTLogger;
 class RequestQueueing;
 class SerialQueue;
 
+/// The most bytes the calls waiting for the client's worker hold together (each counted as
+/// its record plus `kSEGBacklogCallOverhead`). An ordinary tracking-plan call takes about
+/// 240 bytes, so a 100,000-call burst (about 23 MiB) fits whole, and at the bound the process
+/// stays under 64 MiB however long the burst. A longer line would only grow what a kill
+/// loses: the queue on disk keeps at most `maxQueueSize` messages anyway.
+inline constexpr std::size_t kSEGMaximumBacklogBytes = 32 * 1024 * 1024;
+/// What one waiting call costs beyond its record: its task in the worker's line (the slot
+/// and the captured reference).
+inline constexpr std::size_t kSEGBacklogCallOverhead = 64;
+
 struct SEGAnalyticsConfiguration {
     static SEGAnalyticsConfiguration configurationWithWriteKey(std::string writeKey);
     /// The API's base URL for a configured `apiHost`: https when it names no scheme, without
@@ -55,6 +69,9 @@ struct SEGAnalyticsConfiguration {
     std::chrono::milliseconds flushInterval = std::chrono::seconds(30);
     /// When full, the oldest waiting message is dropped (counted as "queue_full").
     std::size_t maxQueueSize = 1000;
+    /// The calls handed to the worker and not yet taken up hold at most this many bytes;
+    /// past it a new call is dropped ("backlog_full").
+    std::size_t maxBacklogBytes = kSEGMaximumBacklogBytes;
     /// Pause before the first retry of a failed batch, doubled per failure up to the longest
     /// (each spread by ±20 %).
     std::chrono::milliseconds firstRetryDelay = std::chrono::seconds(1);
@@ -122,8 +139,10 @@ public:
                                                                   std::string* error = nullptr);
 
 private:
-    // Counts a call whose values nest too deeply as dropped; true when it did.
-    bool refusedAsTooDeep(const std::optional<AttributeValue>& values, const std::optional<AttributeValue>& options);
+    // Hands a call to the worker as one compact buffer, or counts it as dropped when its
+    // values nest too deeply or the backlog is full.
+    void handOver(bool identify, const std::string& name, const std::optional<AttributeValue>& values,
+                  const std::optional<AttributeValue>& options);
 
     struct Impl;
     std::shared_ptr<Impl> impl_;

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <future>
 #include <regex>
 #include <set>
 #include <thread>
@@ -556,6 +557,51 @@ TEST(SEGAnalytics, DeliveredMessagesTheDiskWouldNotDeleteAreNeverSentAgain) {
     EXPECT_EQ(h.batches(), (Batches{{"a", "b"}, {"c"}}));
     EXPECT_EQ(h.stats().delivered, 3u);
     EXPECT_EQ(h.stats().droppedByReason, (Drops{{"not_persisted", 1}}));
+}
+
+// The worker thread held by a task waiting on a gate, calls of each kind and size past the
+// backlog's bound: the newest are dropped on the caller's thread and counted at once, what
+// fit is stored once the worker runs (which frees the bound for the next row), and the drops
+// are in the queue's file under the reason's key.
+TEST(SEGAnalytics, CallsPastTheBacklogBoundAreDroppedCountedAndWritten) {
+    testing::TemporaryDirectory state("kt-seg");
+    auto c = config(1'000'000);
+    c.maxBacklogBytes = 64 * 1024;
+    auto worker = std::make_shared<ThreadSerialQueue>("held");
+    auto client = std::make_unique<SEGAnalytics>(
+        c, SEGAnalyticsDependencies{std::make_shared<testing::FakeRequestQueue>(), state.path(), nullptr, worker});
+    const auto backlogFull = [&] { return client->statistics().droppedByReason["backlog_full"]; };
+    std::uint64_t sent = 0, dropped = 0;
+    const struct {
+        bool identify;
+        std::size_t blob;
+    } rows[] = {{false, 4096}, {true, 4096}, {false, 0}};
+    for (const auto& row : rows) {
+        const bool identify = row.identify;
+        const std::size_t blob = row.blob;
+        SCOPED_TRACE(blob);
+        std::promise<void> gate;
+        worker->async([opened = gate.get_future().share()] { opened.wait(); });
+        const auto call = [&] {
+            const json values{{"blob", std::string(blob, 'x')}};
+            identify ? client->identify("u", values, {}) : client->track("e", values, {});
+            ++sent;
+        };
+        std::size_t calls = 0;
+        for (; backlogFull() == dropped && calls <= c.maxBacklogBytes / 64; ++calls) call();
+        for (int i = 0; i < 4; ++i) call();
+        EXPECT_EQ(backlogFull(), dropped + 5);
+        EXPECT_LE((calls - 1) * blob, c.maxBacklogBytes);
+        // Waiting, a call costs little beyond its values.
+        EXPECT_GE(calls - 1, c.maxBacklogBytes / (blob + 400));
+        dropped += 5;
+        gate.set_value();
+        ASSERT_TRUE(worker->drain(30s));
+        const auto s = client->statistics();
+        EXPECT_EQ(std::tuple(s.tracked, s.persisted + s.dropped(), s.waiting), std::tuple(sent, sent, s.persisted));
+    }
+    client.reset();
+    EXPECT_EQ(SEGAnalytics::recordedDrops(state.path()), (Drops{{"backlog_full", dropped}}));
 }
 
 TEST(SEGAnalytics, FullQueueDropsTheOldestWaitingMessage) {

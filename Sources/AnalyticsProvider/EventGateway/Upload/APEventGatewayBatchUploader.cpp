@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <string>
 #include <unordered_set>
+#include <utility>
 
 #include "KTAnalytics/AnalyticsProvider/APEventFormatter.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayRequestFactory.h"
@@ -41,6 +42,7 @@ std::string_view eventDropReasonKey(APEventDropReason reason) {
         case APEventDropReason::tooDeeplyNested: return "too_deeply_nested";
         case APEventDropReason::notStored: return "not_stored";
         case APEventDropReason::queueFull: return "queue_full";
+        case APEventDropReason::backlogFull: return "backlog_full";
     }
     return "unknown";
 }
@@ -115,6 +117,26 @@ void APEventGatewayBatchUploader::discardEvent(const APEventDescripting& event, 
     drop(reason, 1);
     publishQueueState();
     reportDrops();
+}
+
+void APEventGatewayBatchUploader::discardEventBeforeQueue(APEventDropReason reason) {
+    add(counters_.dropped[static_cast<std::size_t>(reason)], 1);
+    add(counters_.droppedBeforeQueue, 1);
+    // A burst drops many in a row, while the queue may be far behind: one urgent task
+    // reports them all, and the tagging thread adds nothing else to the queue.
+    if (earlyDropsReportScheduled_.exchange(true, std::memory_order_acq_rel)) return;
+    eventGatewayQueue_->asyncUrgent([weak = weak_from_this()] {
+        auto self = weak.lock();
+        if (!self) return;
+        // Acquires every count added before a drop that found this task scheduled.
+        self->earlyDropsReportScheduled_.exchange(false, std::memory_order_acq_rel);
+        const auto total = self->counters_.droppedBeforeQueue.load(std::memory_order_relaxed);
+        KT_LOG(self->logger_, 2, kFile, "-[APEventGatewayBatchUploader discardEvent:]",
+               "Dropped {} events before they reached the queue (see the drops by reason)",
+               total - std::exchange(self->earlyDropsLogged_, total));
+        self->dropsUnreported_ = true;
+        self->reportDrops();
+    });
 }
 
 void APEventGatewayBatchUploader::drop(APEventDropReason reason, std::uint64_t count) {

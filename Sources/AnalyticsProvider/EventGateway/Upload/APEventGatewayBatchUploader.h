@@ -85,6 +85,9 @@ public:
     void flush() override;
     /// On the queue: counts and logs an event refused before it reached the store.
     void discardEvent(const APEventDescripting& event, APEventDropReason reason) override;
+    /// Any thread: counts at once; the drops are logged and reported (`dropped`) from the
+    /// queue, by one task per run of them ahead of the queue's backlog.
+    void discardEventBeforeQueue(APEventDropReason reason) override;
 
     /// On the queue: `flushIfPossible` when at least `minimumBatchSize` events wait.
     void flushIfNeeded();
@@ -154,11 +157,14 @@ private:
     const DropsCallback dropped_;
     bool flushAfterPauseScheduled_ = false;  // queue only
     bool dropsUnreported_ = false;           // queue only
+    // A task reporting the drops counted off the queue is on its way.
+    std::atomic<bool> earlyDropsReportScheduled_{false};
+    std::uint64_t earlyDropsLogged_ = 0;  // queue only
     std::uint64_t unreadableReported_ = 0;   // queue only
 
     struct Counters {
         std::atomic<std::uint64_t> stored{0}, delivered{0}, batchesSent{0}, batchesFailed{0}, bytesRaw{0},
-            bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0}, requestsInFlight{0};
+            bytesGzipped{0}, retries{0}, waiting{0}, inFlight{0}, requestsInFlight{0}, droppedBeforeQueue{0};
         std::array<std::atomic<std::uint64_t>, kEventDropReasonCount> dropped{};
     };
     Counters counters_;

@@ -21,8 +21,9 @@ enum class APEventDropReason : std::size_t {
     tooDeeplyNested,   ///< its attributes nest deeper than the store takes
     notStored,         ///< writing its file failed (no space, no inodes, an I/O error)
     queueFull,         ///< the store already held its most events (`kMaximumStoredEvents`)
+    backlogFull,       ///< the events waiting for the queue already held their most bytes
 };
-inline constexpr std::size_t kEventDropReasonCount = 8;
+inline constexpr std::size_t kEventDropReasonCount = 9;
 
 /// The reason's key in summaries and reports: "failed_three_times", "rejected", ...
 std::string_view eventDropReasonKey(APEventDropReason reason);
@@ -53,6 +54,9 @@ public:
     /// Counts (and logs) an event that was refused before it could be handed over, on the
     /// uploader's queue.
     virtual void discardEvent(const APEventDescripting& event, APEventDropReason reason) = 0;
+    /// Counts an event refused on the tagging thread, before it reached the queue. Any
+    /// thread; never blocks and never waits for the queue.
+    virtual void discardEventBeforeQueue(APEventDropReason reason) = 0;
 };
 
 }  // namespace kt

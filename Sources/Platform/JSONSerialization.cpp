@@ -15,7 +15,9 @@ void setError(std::string* error, std::string text) {
 // only as a type error, so both are looked for before writing. The walk keeps its own
 // stack: values parsed from untrusted text can nest deeper than the call stack allows.
 std::optional<std::string> firstUnrepresentable(const AttributeValue& root) {
-    std::vector<const AttributeValue*> pending{&root};
+    std::vector<const AttributeValue*> pending;
+    pending.reserve(32);
+    pending.push_back(&root);
     while (!pending.empty()) {
         const AttributeValue* v = pending.back();
         pending.pop_back();
@@ -45,20 +47,32 @@ std::optional<std::string> firstUnrepresentable(const AttributeValue& root) {
 
 std::optional<std::string> JSONSafeSerialization::dataWithJSONObject(const AttributeValue& object,
                                                                      std::string* error) const {
+    std::string text;
+    if (!appendJSONObject(object, text, error)) return std::nullopt;
+    return text;
+}
+
+bool JSONSafeSerialization::appendJSONObject(const AttributeValue& object, std::string& out, std::string* error) const {
     if (auto problem = firstUnrepresentable(object)) {
         setError(error, std::move(*problem));
-        return std::nullopt;
+        return false;
     }
+    const std::size_t start = out.size();
     try {
-        // Strict error handling: invalid UTF-8 in a string or a key is an error, not a
-        // replacement character that would change what the gateway receives.
-        return object.dump(-1, ' ', false, AttributeValue::error_handler_t::strict);
+        // What `dump` does, into the caller's string. Strict error handling: invalid UTF-8
+        // in a string or a key is an error, not a replacement character that would change
+        // what the gateway receives.
+        nlohmann::detail::serializer<AttributeValue> writer(nlohmann::detail::output_adapter<char, std::string>(out), ' ',
+                                                            AttributeValue::error_handler_t::strict);
+        writer.dump(object, false, false, 0);
+        return true;
     } catch (const AttributeValue::type_error& e) {
         setError(error, std::string("Invalid string in JSON write: ") + e.what());
     } catch (const std::exception& e) {
         setError(error, std::string("JSON write failed: ") + e.what());
     }
-    return std::nullopt;
+    out.resize(start);
+    return false;
 }
 
 std::optional<AttributeValue> JSONSafeSerialization::JSONObjectWithData(std::string_view text,

@@ -14,6 +14,9 @@ class JSONSafeSerialization {
 public:
     /// Compact JSON text, or nullopt with a description in `error`.
     std::optional<std::string> dataWithJSONObject(const AttributeValue& object, std::string* error = nullptr) const;
+    /// The same text appended to `out` (left as it was on failure): a body of many values
+    /// is written without a string per value.
+    bool appendJSONObject(const AttributeValue& object, std::string& out, std::string* error = nullptr) const;
     /// Parses JSON text, or nullopt with a description in `error`.
     std::optional<AttributeValue> JSONObjectWithData(std::string_view text, std::string* error = nullptr) const;
     /// True when `dataWithJSONObject` would succeed.

@@ -8,7 +8,10 @@
 // own class name with a payload map of key -> encoded value. The root is
 // {"$archiver": "KTKeyedArchiver", "$version": 1, "$top": <encoded root object>}.
 
+#include <functional>
 #include <initializer_list>
+#include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -27,7 +30,9 @@ inline constexpr const char* kDate = "date";
 inline constexpr const char* kData = "data";
 }  // namespace archive
 
-/// Writes one object: a class name and its keyed fields.
+/// Writes one object: a class name and its keyed fields. Each field is encoded to CBOR as
+/// it is given, straight from the value (no intermediate tree); the bytes are those
+/// nlohmann's `to_cbor` makes of the tree above.
 class KeyedArchiver {
 public:
     explicit KeyedArchiver(std::string className);
@@ -39,10 +44,10 @@ public:
     Bytes finish() const;
 
 private:
-    friend class KeyedUnarchiver;
-    nlohmann::json encodedObject() const;
+    void appendEncodedObject(Bytes& out) const;
     std::string className_;
-    nlohmann::json fields_ = nlohmann::json::object();
+    // Encoded fields by key, in the order a CBOR map of the tree form keeps them.
+    std::map<std::string, Bytes, std::less<>> fields_;
 };
 
 /// Reads one object. Every class met while decoding, the root's included, must be in
@@ -58,15 +63,24 @@ public:
     bool containsKey(const std::string& key) const;
     /// The decoded value of a field, nullopt when absent.
     std::optional<AttributeValue> decodeValue(const std::string& key) const;
+    /// The same, moved out of the archive rather than copied: the field is gone after.
+    std::optional<AttributeValue> takeValue(const std::string& key);
     std::optional<std::string> decodeString(const std::string& key) const;
     /// A nested object under `key`, nullopt when absent or not an object.
     std::optional<KeyedUnarchiver> decodeObject(const std::string& key) const;
 
+    /// One field as read: a value's class and the value, or an object's class and fields.
+    struct Field {
+        std::string className;
+        AttributeValue value;
+        std::shared_ptr<const std::map<std::string, Field, std::less<>>> object;
+    };
+    using Fields = std::map<std::string, Field, std::less<>>;
+
 private:
     KeyedUnarchiver() = default;
     std::string className_;
-    nlohmann::json fields_;
-    std::set<std::string> allowed_;
+    Fields fields_;
 };
 
 }  // namespace kt

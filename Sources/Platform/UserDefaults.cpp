@@ -1,5 +1,6 @@
 #include "KTAnalytics/Platform/UserDefaults.h"
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -24,6 +25,21 @@ constexpr int kBusyTimeoutMs = 5000;
 // off to 100 ms while the holder keeps retaking the lock): a change is tried again until
 // this much time has passed, rather than lost.
 constexpr auto kWriteDeadline = std::chrono::seconds(60);
+
+// Asking SQLite whether another connection changed the file takes a read transaction: a
+// lock and an unlock on the file, a look for a journal beside it and a read of its header,
+// about ten system calls. Reads ask at most this often, unless a connection of this
+// process has written since: another process's change is seen within this time, this
+// process's at once.
+constexpr auto kForeignChangeLatency = std::chrono::milliseconds(100);
+
+// Changes committed by any connection of this process, counted after each commit.
+std::atomic<std::uint64_t>& changesInThisProcess() {
+    static std::atomic<std::uint64_t> changes{0};
+    return changes;
+}
+
+void noteChangeCommitted() { changesInThisProcess().fetch_add(1, std::memory_order_release); }
 
 // Repeats `attempt` (an SQLite call answering its result code) while the file stays busy.
 template <class Attempt>
@@ -80,9 +96,11 @@ struct UserDefaults::Impl {
     // Reads are served from memory: the session id alone is read for every event, and a
     // SELECT plus decoding costs several microseconds. Another connection's commit bumps
     // SQLite's data_version, which drops the cache, so two objects over one file still
-    // see each other's writes.
+    // see each other's writes (see kForeignChangeLatency for how soon).
     mutable std::unordered_map<std::string, std::optional<AttributeValue>> cache;
     mutable long long cachedVersion = -1;
+    mutable std::uint64_t checkedAtChange = 0;
+    mutable std::chrono::steady_clock::time_point checkedAt;
 
     Impl() = default;
     Impl(const Impl&) = delete;
@@ -153,6 +171,11 @@ struct UserDefaults::Impl {
 
     // The callers below hold `mutex`.
     void validateCache() const {
+        const auto changes = changesInThisProcess().load(std::memory_order_acquire);
+        const auto now = std::chrono::steady_clock::now();
+        if (cachedVersion >= 0 && changes == checkedAtChange && now - checkedAt < kForeignChangeLatency) return;
+        checkedAtChange = changes;
+        checkedAt = now;
         long long version = -1;
         {
             StatementUse use(dataVersion);
@@ -257,11 +280,13 @@ void UserDefaults::set(const AttributeValue& value, const std::string& key) {
     const Bytes encoded = AttributeValue::to_cbor(value);
     std::lock_guard lock(impl_->mutex);
     impl_->write(key, encoded);
+    noteChangeCommitted();
 }
 
 void UserDefaults::removeObject(const std::string& key) {
     std::lock_guard lock(impl_->mutex);
     impl_->erase(key);
+    noteChangeCommitted();
 }
 
 std::optional<std::string> UserDefaults::string(const std::string& key) const {
@@ -330,6 +355,7 @@ void UserDefaults::removeKeysWithPrefix(const std::string& prefix) {
     const bool inTransaction = impl_->execChange("BEGIN IMMEDIATE;");
     for (const auto& key : impl_->keysWithPrefix(prefix)) impl_->erase(key);
     if (inTransaction && !impl_->execChange("COMMIT;")) impl_->exec("ROLLBACK;", nullptr);
+    noteChangeCommitted();
 }
 
 }  // namespace kt

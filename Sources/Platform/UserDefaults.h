@@ -1,7 +1,9 @@
 #pragma once
 // Persistent property-list values (string, number, date, data, array, dictionary) in one
 // SQLite database per application. Every write is durable when the call returns; all
-// operations are safe from several threads.
+// operations are safe from several threads. Reads are answered from memory: a write through
+// any object of this process is seen by all of them at once, a write by another process
+// within 100 ms.
 
 #include <filesystem>
 #include <map>

@@ -45,10 +45,10 @@ struct CountingFolder final : EventFolderAccessing {
         return real.list(folder, suffix);
     }
     EventFolderEntryKind kind(const std::filesystem::path& path) const override { return real.kind(path); }
-    std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize,
-                              std::string& error) const override {
+    std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize, std::string& error,
+                              EventFolderEntryKind* kind) const override {
         ++reads[path.filename().native()];
-        return real.read(path, maximumSize, error);
+        return real.read(path, maximumSize, error, kind);
     }
     PosixEventFolder real;
     mutable int lists = 0;

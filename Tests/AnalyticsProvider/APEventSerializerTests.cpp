@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -176,7 +177,8 @@ TEST_F(APEventSerializerTests, RetryCountIsAnEightByteNativeAttributeThatOutlive
 }
 
 // Undecodable files go when read. Entries named like events that the store did not make are
-// never opened in a way that blocks, followed or marked.
+// never opened in a way that blocks, followed or marked: whether a listing finds them, or
+// they take the place of a file the store knows by name and opens without looking first.
 TEST_F(APEventSerializerTests, UndecodableFilesAndEntriesTheStoreDidNotMakeGo) {
     const fs::path outside = temp / "outside";
     fs::create_directories(outside);
@@ -205,7 +207,19 @@ TEST_F(APEventSerializerTests, UndecodableFilesAndEntriesTheStoreDidNotMakeGo) {
         {hex + "3.event", [&](const fs::path& p) { fs::create_symlink(outside / "missing.event", p); }, true},
         {hex + "4.event", [&](const fs::path& p) { fs::create_hard_link(outside / "linked.event", p); }, true},
     };
-    for (const auto& e : entries) e.make(directory / e.name);
+    {
+        APEventSerializer known(directory, std::make_shared<testing::RecordingLogger>());
+        for (const auto& e : entries) {
+            e.make(directory / e.name);
+            EXPECT_FALSE(known.serializedEventNamed(e.name)) << e.name;
+            EXPECT_EQ(fs::exists(fs::symlink_status(directory / e.name)), !e.removed) << e.name;
+        }
+        const auto stats = known.statistics();
+        EXPECT_EQ(std::vector<std::uint64_t>({stats.unreadableDeleted, stats.foreignEntriesRemoved}),
+                  std::vector<std::uint64_t>({4, 5}));
+    }
+    for (const auto& e : entries)
+        if (e.removed) e.make(directory / e.name);
     auto good = event("like");
     writeBytes(directory / "good.event", good->archivedData());
 
@@ -282,22 +296,58 @@ TEST_F(APEventSerializerTests, WithoutUserAttributesTheCountLivesInAHiddenSideca
     EXPECT_EQ(filesIn(directory), 0u);
 }
 
-// A delivered event's file is kept hidden as a spare and written over by the next event.
-TEST_F(APEventSerializerTests, AReusedFileStartsAfreshAndSparesGoWithTheStore) {
+// A delivered event's file is kept, hidden, and written over by the next event (cut to its
+// length); never a file that may carry a count (given one here, or found on disk), and
+// never whatever takes a kept file's place. Kept files go with the store, or at the next
+// start once the process that kept them has ended.
+TEST_F(APEventSerializerTests, KeptFilesAreWrittenOverOnlyWhenNoCountCanPassOn) {
+    for (const std::string& owner : {std::string("999999999"), std::string("1")})
+        writeFile(directory / (".spare." + owner + ".0.0"), "x");
+    writeBytes(directory / "earlier.event", event("share", 7)->archivedData());
+    const fs::path outside = temp / "outside";
+    writeFile(outside, "not the store's");
     auto serializer = std::make_unique<APEventSerializer>(directory, logger);
-    auto first = *serializer->serializeEvent(event("like", 1));
-    EXPECT_EQ(serializer->increaseRetryCount(first), 1u);
-    serializer->deleteEvents(std::vector<APSerializedEvent>{first});
+    EXPECT_FALSE(fs::exists(directory / ".spare.999999999.0.0"));
+    EXPECT_TRUE(fs::remove(directory / ".spare.1.0.0"));  // a running process's stays
+    const auto inode = [](const fs::path& path) {
+        struct stat info {};
+        EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
+        return info.st_ino;
+    };
+    const auto spares = [&] {
+        std::vector<fs::path> found;
+        for (const auto& entry : fs::directory_iterator(directory))
+            if (entry.path().filename().native().starts_with(".spare.")) found.push_back(entry.path());
+        return found;
+    };
+    auto kept = *serializer->serializeEvent(APEvent::make("like", AttributeDictionary{{"long", std::string(300, 'x')}}));
+    auto counted = *serializer->serializeEvent(event("like", 2));
+    EXPECT_EQ(serializer->increaseRetryCount(counted), 1u);
+    const auto earlier = *serializer->serializedEventNamed("earlier.event");
+    const auto keptInode = inode(kept.eventURL());
+    serializer->deleteEvents(std::vector<APSerializedEvent>{kept, counted, earlier});
+    serializer->deleteEvents(APSerializedEventSet{kept});  // already gone: nothing to count down
     EXPECT_EQ(serializer->serializedEventsCount(), 0u);
-    serializer->deleteEvents(APSerializedEventSet{first});  // already gone: nothing to count down
-
-    auto second = *serializer->serializeEvent(event("repost", 2));
-    EXPECT_EQ(serializer->retryCountForEventAtURL(second.eventURL()), 0u);
-    EXPECT_EQ(serializer->serializedEvents(), APSerializedEventSet{second});
-    EXPECT_EQ(serializer->serializedEventsCount(), 1u);
+    ASSERT_EQ(spares().size(), 1u);
     EXPECT_EQ(filesIn(directory), 1u);
 
-    serializer->deleteEvents(std::vector<APSerializedEvent>{second});
+    auto next = *serializer->serializeEvent(event("repost", 3));
+    EXPECT_EQ(inode(next.eventURL()), keptInode);
+    EXPECT_EQ(serializer->retryCountForEventAtURL(next.eventURL()), 0u);
+    EXPECT_EQ(serializer->serializedEvents(), APSerializedEventSet{next});
+
+    serializer->deleteEvents(std::vector<APSerializedEvent>{next});
+    ASSERT_EQ(spares().size(), 1u);
+    const fs::path spare = spares().front();
+    fs::remove(spare);
+    fs::create_hard_link(outside, spare);
+    auto last = *serializer->serializeEvent(event("click", 4));
+    std::ifstream stillOutside(outside);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stillOutside), {}), "not the store's");
+    EXPECT_EQ(fs::hard_link_count(outside), 1u);
+    EXPECT_EQ(serializer->serializedEvents(), APSerializedEventSet{last});
+    serializer->deleteEvents(std::vector<APSerializedEvent>{last});
+    EXPECT_EQ(spares().size(), 1u);
     serializer.reset();
     EXPECT_EQ(filesIn(directory), 0u);
 }

@@ -3,6 +3,7 @@
 #include "KTAnalytics/Platform/JSONSerialization.h"
 #include "KTAnalytics/Platform/KeyedArchive.h"
 
+#include <functional>
 #include <limits>
 #include <tuple>
 
@@ -118,6 +119,61 @@ TEST(KeyedArchiveTests, NestedValuesAndObjectsRoundTripKeepingTheirKindAndEqualO
     second.encodeString("n", "_name");
     second.encodeValue(json{{"a", "x"}, {"b", 1}}, "_attributes");
     EXPECT_EQ(first.finish(), second.finish());
+}
+
+// The archiver writes CBOR itself; its bytes must stay those of the tree form its header
+// describes, as nlohmann writes it, at every width of every kind (files are named by them).
+TEST(KeyedArchiveTests, BytesAreThoseOfTheTreeFormAtEveryWidth) {
+    std::function<json(const json&)> tree = [&](const json& v) {
+        const auto pair = [](const char* name, json payload) { return json::array({json(name), std::move(payload)}); };
+        json items = v.is_array() ? json::array() : json::object();
+        switch (v.type()) {
+            case json::value_t::string: return pair("string", v);
+            case json::value_t::null: return pair("null", nullptr);
+            case json::value_t::array:
+                for (const auto& item : v) items.push_back(tree(item));
+                return pair("array", items);
+            case json::value_t::object:
+                for (const auto& [key, item] : v.items()) items[key] = tree(item);
+                return pair("dictionary", items);
+            case json::value_t::binary:
+                if (auto when = value::asDate(v))
+                    return pair("date", std::chrono::duration_cast<std::chrono::microseconds>(when->time_since_epoch()).count());
+                return pair("data", json::binary(Bytes(v.get_binary().begin(), v.get_binary().end())));
+            default: return pair("number", v);
+        }
+    };
+    json values = nestedAttributes();
+    json many = json::object(), list = json::array();
+    for (int i = 0; i < 300; ++i) {
+        many[std::to_string(1000 + i)] = i;
+        list.push_back(-i * 1000);
+    }
+    const std::pair<std::string, json> extra[] = {
+        {"i", json::array({-24, -25, -256, -257, -65536, -65537, -4294967296LL, std::numeric_limits<std::int64_t>::min(),
+                           23, 24, 255, 256, 65535, 65536, 4294967295LL, 4294967296LL,
+                           std::numeric_limits<std::int64_t>::max()})},
+        {"u", json::array({0u, 23u, 24u, 255u, 65536u, 4294967296ULL})},
+        {"f", json::array({0.1, -2.5, 1e300, 1e-300, 3.4028234663852886e38, 1e39, -0.0,
+                           std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
+                           -std::numeric_limits<double>::infinity()})},
+        {"s", json::array({"", std::string(23, 'a'), std::string(24, 'b'), std::string(256, 'c'), std::string(70000, 'd')})},
+        {"b", json::array({value::data({}), value::data(Bytes(300, 7)), value::date(Date(std::chrono::microseconds(-5)))})},
+        {"many", many}, {"list", list}, {std::string(40, 'K'), "a key longer than 23 bytes"}};
+    for (const auto& [key, value] : extra) values[key] = value;
+
+    KeyedArchiver child("Child");
+    child.encodeString("inner", "label");
+    KeyedArchiver root("Record");
+    root.encodeValue(values, "_attributes");
+    root.encodeString("name", "_name");
+    root.encodeObject(child, "_child");
+    json fields = json::object();
+    fields["_attributes"] = tree(values);
+    fields["_name"] = tree("name");
+    fields["_child"] = json::array({"Child", json{{"label", tree("inner")}}});
+    const json expected = {{"$archiver", "KTKeyedArchiver"}, {"$version", 1}, {"$top", json::array({"Record", fields})}};
+    EXPECT_EQ(root.finish(), json::to_cbor(expected));
 }
 
 // Never an exception or a crash.

@@ -141,18 +141,15 @@ bool APEventGatewayRequestFactory::writeEventsArray(const EventSource& events, c
         // An event without attributes has no gateway dictionary; asking for it stops the
         // process with the event core's own message.
         if (payload == nullptr) (void)event->eventGatewayDictionary();
-        auto name = jsonSafeSerialization_.dataWithJSONObject(AttributeValue(event->name()), error);
-        if (!name) return false;
-        auto payloadJSON = jsonSafeSerialization_.dataWithJSONObject(*payload, error);
-        if (!payloadJSON) return false;
         if (!first) out += ',';
         first = false;
+        // Each element is written into one reused buffer, straight from the event.
         out += "{\"event\":";
-        out += *name;
+        if (!jsonSafeSerialization_.appendJSONObject(AttributeValue(event->name()), out, error)) return false;
         out += ",\"version\":\"";
         out += APEvent::kEventGatewayVersion;
         out += "\",\"payload\":";
-        out += *payloadJSON;
+        if (!jsonSafeSerialization_.appendJSONObject(*payload, out, error)) return false;
         out += '}';
         sink(out);
         out.clear();

@@ -1,6 +1,6 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 
-#include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "KTAnalytics/KTFoundation/LogMacros.h"
@@ -28,9 +27,10 @@ namespace {
 constexpr const char* kFile = "Sources/AnalyticsProvider/EventGateway/Upload/APEventSerializer";
 constexpr const char* kDotExtension = ".event";
 constexpr const char* kRetryCountFileExtension = ".retry";
+// Hidden files of deleted events, kept for the next events to be written into (see
+// removeEventFile). A kept file holds a block of the disk, so only a few batches' worth.
 constexpr const char* kSparePrefix = ".spare.";
-// Empty files cost an inode each and no data blocks.
-constexpr std::size_t kMaximumSpareFiles = 20000;
+constexpr std::size_t kMaximumSpareFiles = 1024;
 // An event archive is around a kilobyte; anything far larger in the folder is not ours and
 // is treated as undecodable rather than read into memory.
 constexpr std::uintmax_t kMaximumEventFileSize = 16u * 1024u * 1024u;
@@ -64,29 +64,18 @@ bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
 
 // Writes `size` bytes to `target` through a hidden temporary file in the same folder and a
 // rename, so that a reader (or a restart after a killed process) sees the old file or the
-// new one, never half of one. The file is created owner-only (mkstemp uses mode 0600).
+// new one, never half of one. The file is created owner-only (mkstemp uses mode 0600) and
+// exclusively, so nothing already at the temporary name is followed or written into.
 // There is deliberately no fsync: it would cost several times the write itself on every
 // event. A power loss can therefore lose the events written in the last few seconds
 // before it (the kernel's write-back interval), or leave such a file empty; an empty or
 // truncated file does not decode and is deleted the next time events are read back.
-bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size_t size,
-                     std::string spare = {}) {
-    std::string temporary;
-    int fd = -1;
-    if (!spare.empty()) {
-        // A retired event file: its inode is reused, its old contents and count go.
-        fd = ::open(spare.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
-        if (fd >= 0) {
-            temporary = std::move(spare);
-            ::fremovexattr(fd, APEventSerializer::kRetryCountAttribute);
-        } else {
-            ::unlink(spare.c_str());
-        }
-    }
-    if (fd < 0) {
-        temporary = (target.parent_path() / ("." + target.filename().native() + ".XXXXXX")).native();
-        fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    }
+bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size_t size) {
+    std::string temporary = target.parent_path().native();
+    temporary += "/.";
+    temporary += target.filename().native();
+    temporary += ".XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0) return false;
     const bool written = writeAll(fd, data, size);
     const bool closed = ::close(fd) == 0;
@@ -97,6 +86,22 @@ bool writeAtomically(const fs::path& target, const std::uint8_t* data, std::size
         return false;
     }
     return true;
+}
+
+// Writes into a kept file of a deleted event instead of a new one, renamed into place as a
+// new file would be. Its old bytes are overwritten in place and cut only where they ran
+// longer: emptying it first would make ext4 write it back at close and discard its blocks.
+bool overwriteSpare(const std::string& spare, const fs::path& target, const Bytes& data) {
+    const int fd = ::open(spare.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) return false;
+    struct stat info {};
+    // Only the store's own file: whatever was put under the hidden name is not written into.
+    bool written = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 &&
+                   writeAll(fd, data.data(), data.size()) &&
+                   (static_cast<std::uintmax_t>(info.st_size) <= data.size() ||
+                    ::ftruncate(fd, static_cast<off_t>(data.size())) == 0);
+    written = ::close(fd) == 0 && written;
+    return written && ::rename(spare.c_str(), target.c_str()) == 0;
 }
 
 std::string fileURL(const fs::path& path) { return "file://" + path.native(); }
@@ -113,6 +118,11 @@ APEventSerializer::APEventSerializer(fs::path cacheDirectory, std::shared_ptr<KT
     KT_PARAMETER_ASSERT_TEXT(fileAttributes_ != nullptr, "fileManager");
     KT_PARAMETER_ASSERT_TEXT(folder_ != nullptr, "fileManager");
     KT_PARAMETER_ASSERT_TEXT(!cacheDirectory_.empty(), "cacheDirectory");
+    // ".spare.<process>.<store>.<n>": two stores of one process never take each other's.
+    static std::atomic<std::uint64_t> stores{0};
+    sparePrefix_ = (cacheDirectory_ / (kSparePrefix + std::to_string(::getpid()) + "." +
+                                       std::to_string(stores.fetch_add(1, std::memory_order_relaxed)) + "."))
+                       .native();
     // Asking the folder itself tells whether this file system keeps user attributes at all,
     // before any event needs its count (and before a restart deletes an event whose count
     // sits in a sidecar file).
@@ -137,13 +147,18 @@ fs::path APEventSerializer::eventCacheDirectory(const fs::path& cachesRoot) {
     return directory;
 }
 
-void APEventSerializer::createCacheDirectoryIfNeeded() {
-    std::error_code ec;
-    if (!fs::exists(cacheDirectory_, ec)) createOwnerOnlyDirectories(cacheDirectory_, nullptr);
-}
-
-std::optional<fs::path> APEventSerializer::URLForEvent(const APEvent& event, const Bytes& archive) const {
-    return cacheDirectory_ / (sha1Hex(archive.data(), archive.size()) + kDotExtension);
+bool APEventSerializer::write(const fs::path& url, const Bytes& archive) {
+    if (!spareFiles_.empty()) {
+        std::string spare = std::move(spareFiles_.back());
+        spareFiles_.pop_back();
+        if (overwriteSpare(spare, url, archive)) return true;
+        ::unlink(spare.c_str());  // only the hidden name goes; a new file is made instead
+    }
+    if (writeAtomically(url, archive.data(), archive.size())) return true;
+    // The folder is made when the store is, and again only when it has gone (a user
+    // clearing caches): asking for it before every write would cost a call per event.
+    if (errno != ENOENT || !createOwnerOnlyDirectories(cacheDirectory_, nullptr)) return false;
+    return writeAtomically(url, archive.data(), archive.size());
 }
 
 std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::shared_ptr<const APEvent>& event,
@@ -169,7 +184,6 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
         return fail(APEventStoreFailure::notArchivable);
     }
     KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializeEvent:]", "Serializing event: {}", event->description());
-    createCacheDirectoryIfNeeded();
 
     // The archive is made once: its bytes both name the file and fill it.
     Bytes archive;
@@ -180,26 +194,21 @@ std::optional<APSerializedEvent> APEventSerializer::serializeEvent(const std::sh
                event->description(), e.what());
         return fail(APEventStoreFailure::notArchivable);
     }
-    auto url = URLForEvent(*event, archive);
-    if (!url) return fail(APEventStoreFailure::notArchivable);
-
-    std::string spare;
-    if (!spareFiles_.empty()) {
-        spare = std::move(spareFiles_.back());
-        spareFiles_.pop_back();
-    }
-    if (!writeAtomically(*url, archive.data(), archive.size(), std::move(spare))) {
+    std::string name = sha1Hex(archive.data(), archive.size());
+    name += kDotExtension;
+    fs::path url = cacheDirectory_ / name;
+    if (!write(url, archive)) {
         noteWriteFailure(errno);
         return fail(APEventStoreFailure::writeFailed);
     }
     writesFailing_ = false;
-    const std::string name = url->filename().native();
-    indexedNames_.insert(name);
     // A rewritten file is a new file: its retry count starts over, as the attribute of the
     // replaced file went with it.
-    memoryRetryCounts_.erase(name);
-    if (usesRetryCountFiles_) ::unlink(retryCountFile(*url).c_str());
-    return APSerializedEvent(event, std::move(*url));
+    if (!memoryRetryCounts_.empty()) memoryRetryCounts_.erase(name);
+    if (sidecarNames_.erase(name) != 0) ::unlink(retryCountFile(url).c_str());
+    if (!mayHoldCount_.empty()) mayHoldCount_.erase(name);
+    indexedNames_.insert(std::move(name));
+    return APSerializedEvent(event, std::move(url));
 }
 
 void APEventSerializer::noteWriteFailure(int error) {
@@ -220,7 +229,10 @@ void APEventSerializer::relist(std::vector<fs::path>* suffixMatches) {
         }
         // Reading back keeps every name ending in "event", with or without the dot.
         if (suffixMatches) suffixMatches->push_back(cacheDirectory_ / entry.name);
-        if (ours) names.insert(std::move(entry.name));
+        if (!ours) continue;
+        // A file this store did not write may carry a count, so its inode is never reused.
+        if (indexedNames_.count(entry.name) == 0) mayHoldCount_.insert(entry.name);
+        names.insert(std::move(entry.name));
     }
     indexedNames_ = std::move(names);
 }
@@ -244,7 +256,10 @@ std::vector<std::string> APEventSerializer::relistReadableNames() {
 
 std::optional<APSerializedEvent> APEventSerializer::serializedEventNamed(const std::string& name) {
     fs::path url = cacheDirectory_ / name;
-    const auto kind = folder_->kind(url);
+    // One open: the entry is judged on the opened file, not looked up first.
+    std::string error;
+    auto kind = EventFolderEntryKind::missing;
+    auto bytes = folder_->read(url, kMaximumEventFileSize, error, &kind);
     if (kind == EventFolderEntryKind::missing) {
         KT_LOG(logger_, 0, kFile, "-[APEventSerializer serializedEvents]",
                "Trying to serialize event from non existing file {}", fileURL(url));
@@ -256,8 +271,9 @@ std::optional<APSerializedEvent> APEventSerializer::serializedEventNamed(const s
         if (hasEventExtension(url.filename())) removeForeignEntry(url, kind == EventFolderEntryKind::directory);
         return std::nullopt;
     }
-    auto event = unarchiveEventAtURL(url);
+    auto event = bytes ? decodeEvent(*bytes, error) : nullptr;
     if (!event) {
+        logUndecodable(url, error);
         removeEventAtPathAndCrash(url);
         counters_.unreadableDeleted.fetch_add(1, std::memory_order_relaxed);
         return std::nullopt;
@@ -270,16 +286,16 @@ void APEventSerializer::removeStaleTemporaryFiles() {
     const auto now = fs::file_time_type::clock::now();
     for (fs::directory_iterator it(cacheDirectory_, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string name = it->path().filename().native();
-        // Spare files of a process that has ended are taken over (emptied first, in case
-        // it was killed between the rename and the truncation); a running one's are its own.
+        // Kept files of a process that has ended (killed before its store went) go.
         if (name.starts_with(kSparePrefix)) {
             const long owner = std::strtol(name.c_str() + std::strlen(kSparePrefix), nullptr, 10);
-            if (owner > 0 && owner != ::getpid() && ::kill(static_cast<pid_t>(owner), 0) == 0) continue;
-            if (spareFiles_.size() < kMaximumSpareFiles && it->is_regular_file(ec) && !ec &&
-                ::truncate(it->path().c_str(), 0) == 0)
-                spareFiles_.push_back(it->path().native());
-            else
-                ::unlink(it->path().c_str());
+            if (owner <= 0 || (::kill(static_cast<pid_t>(owner), 0) != 0 && errno == ESRCH)) ::unlink(it->path().c_str());
+            continue;
+        }
+        // ".<sha1>.retry": the count of "<sha1>.event", removed with it.
+        if (isHidden(name) && name.size() > 7 && name.ends_with(kRetryCountFileExtension)) {
+            sidecarNames_.insert(name.substr(1, name.size() - 1 - std::strlen(kRetryCountFileExtension)) +
+                                 kDotExtension);
             continue;
         }
         // ".<sha1>.event.XXXXXX" and ".<sha1>.retry.XXXXXX"
@@ -307,53 +323,63 @@ APSerializedEventSet APEventSerializer::serializedEvents(const std::function<boo
 std::shared_ptr<const APEvent> APEventSerializer::unarchiveEventAtURL(const fs::path& url) const {
     std::string error;
     std::shared_ptr<const APEvent> event;
-    if (auto bytes = folder_->read(url, kMaximumEventFileSize, error)) {
-        if (auto coder = KeyedUnarchiver::fromBytes(*bytes, allowedClasses(), &error)) {
-            // A record the gateway could not take (another root class, no name, no
-            // attributes dictionary) would stop the process when decoded or uploaded, and
-            // then again at every start; it counts as undecodable instead.
-            if (coder->className() != APEvent::kClassName)
-                error = "unexpected root class " + coder->className();
-            else if (!coder->decodeString("_name"))
-                error = "record without a name";
-            else if (auto attributes = coder->decodeValue("_attributes"); !attributes || !attributes->is_object())
-                error = "record without an attributes dictionary";
-            else
-                event = APEvent::decode(*coder);
-        }
-    }
-    if (!event)
-        KT_LOG(logger_, 3, kFile, "-[APEventSerializer unarchiveEventAtURL:]",
-               "Due to an {} unable to unarchive analytics object at {}", error, fileURL(url));
+    if (auto bytes = folder_->read(url, kMaximumEventFileSize, error)) event = decodeEvent(*bytes, error);
+    if (!event) logUndecodable(url, error);
     return event;
 }
 
+std::shared_ptr<const APEvent> APEventSerializer::decodeEvent(const Bytes& bytes, std::string& error) {
+    auto coder = KeyedUnarchiver::fromBytes(bytes, allowedClasses(), &error);
+    if (!coder) return nullptr;
+    // A record the gateway could not take (another root class, no name, no attributes
+    // dictionary) would stop the process when decoded or uploaded, and then again at every
+    // start; it counts as undecodable instead. Each field is decoded once, into the event.
+    if (coder->className() != APEvent::kClassName) {
+        error = "unexpected root class " + coder->className();
+        return nullptr;
+    }
+    auto name = coder->decodeString("_name");
+    if (!name) {
+        error = "record without a name";
+        return nullptr;
+    }
+    auto attributes = coder->takeValue("_attributes");
+    if (!attributes || !attributes->is_object()) {
+        error = "record without an attributes dictionary";
+        return nullptr;
+    }
+    return APEvent::make(std::move(*name), std::move(*attributes));
+}
+
+void APEventSerializer::logUndecodable(const fs::path& url, const std::string& error) const {
+    KT_LOG(logger_, 3, kFile, "-[APEventSerializer unarchiveEventAtURL:]",
+           "Due to an {} unable to unarchive analytics object at {}", error, fileURL(url));
+}
+
 bool APEventSerializer::removeEventFile(const fs::path& url, int& error, bool keepAsSpare) {
-    // Creating a file costs most when the file system must also find a free inode among
-    // many just deleted (ext4 skips inodes freed in the last minutes), so a deleted event's
-    // file is kept, hidden and empty, for the next event to be written into. At most
-    // kMaximumSpareFiles are kept; they are removed when the store goes and taken over by
-    // the next start after a crash.
+    // Where creating a file costs most right after deletions (ext4 without a journal skips
+    // inodes freed in the last 30 seconds), a deleted event's file is kept under a hidden
+    // name for the next event to be written into. Only a file no count was ever given is
+    // kept (a count is an attribute of the file and would pass to the next event). At most
+    // kMaximumSpareFiles are kept; they go with the store, or at the next start after a
+    // crash. Until reused, a kept file still holds the delivered event's bytes, readable by
+    // the owner alone like every file here.
+    const std::string name = url.filename().native();
     bool removed = false;
-    if (keepAsSpare && spareFiles_.size() < kMaximumSpareFiles) {
-        std::string spare = (cacheDirectory_ / (kSparePrefix + std::to_string(::getpid()) + "." +
-                                                std::to_string(nextSpare_++)))
-                                .native();
+    if (keepAsSpare && spareFiles_.size() < kMaximumSpareFiles && mayHoldCount_.count(name) == 0) {
+        std::string spare = sparePrefix_ + std::to_string(nextSpare_++);
         removed = ::rename(url.c_str(), spare.c_str()) == 0;
-        if (removed) {
-            // Emptied at once: a delivered event's bytes do not linger on disk.
-            ::truncate(spare.c_str(), 0);
-            spareFiles_.push_back(std::move(spare));
-        }
+        if (removed) spareFiles_.push_back(std::move(spare));
     } else {
         removed = ::unlink(url.c_str()) == 0;
     }
     error = removed ? 0 : errno;
     if (removed || error == ENOENT) {
-        indexedNames_.erase(url.filename().native());
-        memoryRetryCounts_.erase(url.filename().native());
+        indexedNames_.erase(name);
+        if (!memoryRetryCounts_.empty()) memoryRetryCounts_.erase(name);
+        if (!mayHoldCount_.empty()) mayHoldCount_.erase(name);
     }
-    if (usesRetryCountFiles_) ::unlink(retryCountFile(url).c_str());
+    if (sidecarNames_.erase(name) != 0) ::unlink(retryCountFile(url).c_str());
     return removed;
 }
 
@@ -391,7 +417,7 @@ std::uint64_t APEventSerializer::retryCountForEventAtURL(const fs::path& url) {
         stored = fileAttributes_->attribute(url, kRetryCountAttribute, error);
         if (!stored && FileAttributeStoring::isUnsupported(error)) usesRetryCountFiles_ = true;
     }
-    if (usesRetryCountFiles_) {
+    if (usesRetryCountFiles_ && sidecarNames_.count(url.filename().native()) != 0) {
         std::string error;
         stored = folder_->read(retryCountFile(url), sizeof(std::uint64_t), error);
     }
@@ -405,7 +431,10 @@ bool APEventSerializer::writeRetryCount(const fs::path& url, std::uint64_t count
     std::memcpy(bytes.data(), &count, sizeof count);
     if (!usesRetryCountFiles_) {
         const int error = fileAttributes_->setAttribute(url, kRetryCountAttribute, bytes);
-        if (error == 0) return true;
+        if (error == 0) {
+            mayHoldCount_.insert(url.filename().native());
+            return true;
+        }
         if (!FileAttributeStoring::isUnsupported(error)) {
             errno = error;
             return false;
@@ -414,7 +443,9 @@ bool APEventSerializer::writeRetryCount(const fs::path& url, std::uint64_t count
     }
     // A count for an event that is gone would outlive it.
     if (folder_->kind(url) != EventFolderEntryKind::plainFile) return false;
-    return writeAtomically(retryCountFile(url), bytes.data(), bytes.size());
+    if (!writeAtomically(retryCountFile(url), bytes.data(), bytes.size())) return false;
+    sidecarNames_.insert(url.filename().native());
+    return true;
 }
 
 std::optional<std::uint64_t> APEventSerializer::increaseRetryCount(const APSerializedEvent& serializedEvent) {

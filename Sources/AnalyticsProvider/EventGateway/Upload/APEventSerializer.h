@@ -110,8 +110,9 @@ public:
 private:
     template <class Collection>
     void deleteEventsIn(const Collection& events);
-    void createCacheDirectoryIfNeeded();
-    std::optional<std::filesystem::path> URLForEvent(const APEvent& event, const Bytes& archive) const;
+    bool write(const std::filesystem::path& url, const Bytes& archive);
+    static std::shared_ptr<const APEvent> decodeEvent(const Bytes& bytes, std::string& error);
+    void logUndecodable(const std::filesystem::path& url, const std::string& error) const;
     void relist(std::vector<std::filesystem::path>* suffixMatches);
     void removeForeignEntry(const std::filesystem::path& path, bool isDirectory);
     void noteWriteFailure(int error);
@@ -133,9 +134,17 @@ private:
     // Counts the file system refused to keep, by file name.
     std::unordered_map<std::string, std::uint64_t> memoryRetryCounts_;
     bool loggedMemoryRetryCount_ = false;
-    // Hidden files of deleted events, reused for the next writes (see removeEventFile).
+    // The event files whose count lives in a sidecar: found at start and kept by every
+    // write of a count, so that storing and deleting events ask for no sidecar that
+    // cannot be there.
+    std::unordered_set<std::string> sidecarNames_;
+    // Hidden files of deleted events, written into by the next events (see removeEventFile).
+    std::string sparePrefix_;
     std::vector<std::string> spareFiles_;
     std::uint64_t nextSpare_ = 0;
+    // Event files that may carry a count (this store gave them one, or did not write them):
+    // never kept for reuse.
+    std::unordered_set<std::string> mayHoldCount_;
     // A failed write is logged once per run of failures, not once per event.
     bool writesFailing_ = false;
 

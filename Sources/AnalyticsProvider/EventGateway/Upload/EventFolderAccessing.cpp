@@ -44,19 +44,32 @@ EventFolderEntryKind PosixEventFolder::kind(const std::filesystem::path& path) c
 }
 
 std::optional<Bytes> PosixEventFolder::read(const std::filesystem::path& path, std::size_t maximumSize,
-                                            std::string& error) const {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0) {
-        error = errno == ELOOP ? "a symbolic link" : std::strerror(errno);
+                                            std::string& error, EventFolderEntryKind* kind) const {
+    EventFolderEntryKind found = EventFolderEntryKind::plainFile;
+    const auto fail = [&](std::string reason) -> std::optional<Bytes> {
+        if (kind) *kind = found;
+        error = std::move(reason);
         return std::nullopt;
+    };
+    // O_NONBLOCK: a FIFO opens at once instead of waiting for a writer; O_NOCTTY: a
+    // terminal put here never becomes ours.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        const int saved = errno;
+        if (saved == ENOENT)
+            found = EventFolderEntryKind::missing;
+        else if (saved == ELOOP)
+            found = EventFolderEntryKind::other;  // a symbolic link
+        else if (kind)
+            found = this->kind(path);  // refused (a socket, no permission): rare, so asked once more
+        return fail(saved == ELOOP ? "a symbolic link" : std::strerror(saved));
     }
     struct stat info {};
-    // Checked on the open file, so nothing can be swapped in between the look and the read.
-    if (::fstat(fd, &info) != 0 || kindOf(info) != EventFolderEntryKind::plainFile ||
+    // Judged on the open file, so nothing can be swapped in between the look and the read.
+    if (::fstat(fd, &info) != 0 || (found = kindOf(info)) != EventFolderEntryKind::plainFile ||
         static_cast<std::uintmax_t>(info.st_size) > maximumSize) {
-        error = "not an event file of a plausible size";
         ::close(fd);
-        return std::nullopt;
+        return fail("not an event file of a plausible size");
     }
     Bytes bytes(static_cast<std::size_t>(info.st_size));
     std::size_t filled = 0;
@@ -64,15 +77,16 @@ std::optional<Bytes> PosixEventFolder::read(const std::filesystem::path& path, s
         const ssize_t n = ::read(fd, bytes.data() + filled, bytes.size() - filled);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
-            error = std::strerror(errno);
+            const int saved = errno;
             ::close(fd);
-            return std::nullopt;
+            return fail(std::strerror(saved));
         }
         if (n == 0) break;
         filled += static_cast<std::size_t>(n);
     }
     ::close(fd);
     bytes.resize(filled);
+    if (kind) *kind = found;
     return bytes;
 }
 

@@ -36,17 +36,20 @@ public:
     /// The kind of the entry at `path` (links not followed).
     virtual EventFolderEntryKind kind(const std::filesystem::path& path) const = 0;
     /// The bytes of a plain file of at most `maximumSize` bytes, or nullopt with the reason.
-    virtual std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize,
-                                      std::string& error) const = 0;
+    /// `kind`, when given, receives what the entry is, as found on the opened file (or
+    /// `missing`): nothing is looked up twice, so nothing can be swapped in between.
+    virtual std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize, std::string& error,
+                                      EventFolderEntryKind* kind = nullptr) const = 0;
 };
 
-/// The real folder, through POSIX calls. Never follows a link and never blocks on a FIFO.
+/// The real folder, through POSIX calls. Never follows a link and never blocks on a FIFO:
+/// a file is opened with O_NOFOLLOW | O_NONBLOCK and judged by fstat on the descriptor.
 class PosixEventFolder final : public EventFolderAccessing {
 public:
     std::vector<EventFolderEntry> list(const std::filesystem::path& folder, const std::string& suffix) const override;
     EventFolderEntryKind kind(const std::filesystem::path& path) const override;
-    std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize,
-                              std::string& error) const override;
+    std::optional<Bytes> read(const std::filesystem::path& path, std::size_t maximumSize, std::string& error,
+                              EventFolderEntryKind* kind = nullptr) const override;
 };
 
 }  // namespace kt

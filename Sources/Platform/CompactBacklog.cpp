@@ -32,11 +32,23 @@ bool CompactBacklog::wouldFit(std::size_t size) const {
     return now <= limit_ && cost <= limit_ - now;
 }
 
+bool CompactBacklog::push(const std::vector<std::uint8_t>& record, bool& startReader) {
+    std::lock_guard lock(mutex_);
+    if (!pushLocked(record.data(), record.size())) return false;
+    startReader = !reading_.load(std::memory_order_relaxed);
+    reading_.store(true, std::memory_order_release);
+    return true;
+}
+
 bool CompactBacklog::push(const std::uint8_t* data, std::size_t size) {
+    std::lock_guard lock(mutex_);
+    return pushLocked(data, size);
+}
+
+bool CompactBacklog::pushLocked(const std::uint8_t* data, std::size_t size) {
     if (size > UINT32_MAX) return false;
     const std::size_t needed = sizeof(Length) + size;
     const std::size_t cost = itemOverhead_ + needed;
-    std::lock_guard lock(mutex_);
     const std::size_t now = bytes_.load(std::memory_order_relaxed);
     if (now > limit_ || cost > limit_ - now) return false;
     if (blocks_.empty() || blocks_.back().size - blocks_.back().writeAt < needed) {
@@ -59,7 +71,10 @@ bool CompactBacklog::pop(std::vector<std::uint8_t>& record) {
     Block drained{nullptr, 0};
     {
         std::lock_guard lock(mutex_);
-        if (blocks_.empty() || blocks_.front().readAt == blocks_.front().writeAt) return false;
+        if (blocks_.empty() || blocks_.front().readAt == blocks_.front().writeAt) {
+            reading_.store(false, std::memory_order_release);
+            return false;
+        }
         Block& block = blocks_.front();
         Length length;
         std::memcpy(&length, block.data + block.readAt, sizeof length);

@@ -33,8 +33,15 @@ public:
     /// the limit (or the system refuses a block).
     bool push(const std::uint8_t* data, std::size_t size);
     bool push(const std::vector<std::uint8_t>& record) { return push(record.data(), record.size()); }
-    /// The worker: moves the oldest record into `record`; false when there is none.
+    /// The same, for a worker that reads until `pop` finds nothing: `startReader` is set when
+    /// no reader was under way, and the caller must then start one.
+    bool push(const std::vector<std::uint8_t>& record, bool& startReader);
+    /// The worker: moves the oldest record into `record`; false when there is none, which
+    /// also ends the reader under way.
     bool pop(std::vector<std::uint8_t>& record);
+    /// Any thread: no record waits and no reader is under way, so an item handed over
+    /// another way now cannot overtake one handed over here.
+    bool idle() const { return !reading_.load(std::memory_order_acquire); }
 
     /// Bytes counted against the limit now.
     std::size_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
@@ -47,10 +54,12 @@ private:
         std::size_t readAt = 0, writeAt = 0;
     };
     static void release(Block& block);
+    bool pushLocked(const std::uint8_t* data, std::size_t size);
 
     const std::size_t limit_;
     const std::size_t itemOverhead_;
     std::atomic<std::size_t> bytes_{0};  // written under mutex_, read anywhere
+    std::atomic<bool> reading_{false};   // written under mutex_, read anywhere
     std::mutex mutex_;
     std::deque<Block> blocks_;  // guarded by mutex_; the oldest first
 };

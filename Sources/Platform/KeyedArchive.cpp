@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "KTAnalytics/Platform/CBORWriting.h"
 #include "KTAnalytics/Platform/Fatal.h"
 
 namespace kt {
@@ -34,62 +35,16 @@ bool isValueClass(std::string_view name) {
 // --- writing ----------------------------------------------------------------------------
 //
 // CBOR written by hand, byte for byte as nlohmann's `to_cbor` writes the tree of tagged
-// pairs: shortest heads, floats as single precision when that is exact, object keys in
-// the order of the tree's map. Building that tree first would copy every value twice.
+// pairs (see CBORWriting.h). Building that tree first would copy every value twice.
 
-void appendHead(Bytes& out, std::uint8_t major, std::uint64_t n) {
-    const auto put = [&out](std::uint64_t value, int bytes) {
-        for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
-    };
-    if (n <= 0x17) {
-        out.push_back(static_cast<std::uint8_t>(major | n));
-    } else if (n <= 0xff) {
-        out.push_back(major | 24);
-        put(n, 1);
-    } else if (n <= 0xffff) {
-        out.push_back(major | 25);
-        put(n, 2);
-    } else if (n <= 0xffffffff) {
-        out.push_back(major | 26);
-        put(n, 4);
-    } else {
-        out.push_back(major | 27);
-        put(n, 8);
-    }
-}
-
-constexpr std::uint8_t kUnsigned = 0x00, kNegative = 0x20, kByteString = 0x40, kTextString = 0x60, kArrayHead = 0x80,
-                       kMapHead = 0xa0;
-
-void appendText(Bytes& out, std::string_view text) {
-    appendHead(out, kTextString, text.size());
-    out.insert(out.end(), text.begin(), text.end());
-}
-
-void appendInteger(Bytes& out, std::int64_t n) {
-    if (n >= 0)
-        appendHead(out, kUnsigned, static_cast<std::uint64_t>(n));
-    else
-        appendHead(out, kNegative, static_cast<std::uint64_t>(-1 - n));
-}
-
-void appendFloat(Bytes& out, double d) {
-    if (std::isnan(d)) {
-        out.insert(out.end(), {0xf9, 0x7e, 0x00});
-    } else if (std::isinf(d)) {
-        out.insert(out.end(), {0xf9, static_cast<std::uint8_t>(d > 0 ? 0x7c : 0xfc), 0x00});
-    } else if (d >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
-               d <= static_cast<double>(std::numeric_limits<float>::max()) &&
-               static_cast<double>(static_cast<float>(d)) == d) {
-        const auto bits = std::bit_cast<std::uint32_t>(static_cast<float>(d));
-        out.push_back(0xfa);
-        for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(bits >> shift));
-    } else {
-        const auto bits = std::bit_cast<std::uint64_t>(d);
-        out.push_back(0xfb);
-        for (int shift = 56; shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(bits >> shift));
-    }
-}
+using cbor::appendFloat;
+using cbor::appendHead;
+using cbor::appendInteger;
+using cbor::appendText;
+using cbor::kArrayHead;
+using cbor::kByteString;
+using cbor::kMapHead;
+using cbor::kUnsigned;
 
 // The [class, payload] pair of one value.
 void appendAttribute(Bytes& out, const AttributeValue& v) {

@@ -152,7 +152,8 @@ TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheT
 }
 
 // Past the compaction threshold events travel encoded; what reaches the uploader must be
-// the same events, dates included, in tag order.
+// the same events, dates included, in tag order, and a flush asked for meanwhile comes
+// after the events tagged before it, even once few enough wait to travel whole again.
 TEST_F(APEventGatewayAnalyticsProviderTests, ABurstBeyondTheThresholdArrivesWholeAndInOrder) {
     const Date when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
     const auto attributes = [&](std::size_t i) {
@@ -161,11 +162,20 @@ TEST_F(APEventGatewayAnalyticsProviderTests, ABurstBeyondTheThresholdArrivesWhol
     const std::size_t count = APEventGatewayAnalyticsProvider::kCompactAbove + 5;
     for (std::size_t i = 0; i < count; ++i) provider->tagEvent(APEvent::make("like", attributes(i)));
     EXPECT_EQ(provider->pendingEvents(), count);
+    // Runs once the whole events and the first compact one are taken up.
+    queue->async([&] {
+        EXPECT_EQ(provider->pendingEvents(), 4u);
+        provider->flush();
+        provider->tagEvent(APEvent::make("share", attributes(count)));
+    });
     queue->runUntilIdle();
     EXPECT_EQ(provider->pendingEvents(), 0u);
     EXPECT_EQ(provider->peakPendingEvents(), count);
-    ASSERT_EQ(uploader->uploaded.size(), count);
-    for (std::size_t i = 0; i < count; ++i) {
+    Journal expectedJournal(count, "upload like");
+    expectedJournal.insert(expectedJournal.end(), {"flush", "upload share"});
+    EXPECT_EQ(journal, expectedJournal);
+    ASSERT_EQ(uploader->uploaded.size(), count + 1);
+    for (std::size_t i = 0; i <= count; ++i) {
         auto expected = attributes(i);
         expected["transformed"] = true;
         ASSERT_EQ(*uploader->uploaded[i]->attributes(), expected) << i;

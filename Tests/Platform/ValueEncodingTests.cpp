@@ -1,5 +1,6 @@
 // The two forms values are written in: JSON for the wire, keyed archives on disk.
 
+#include "KTAnalytics/Platform/CBORWriting.h"
 #include "KTAnalytics/Platform/JSONSerialization.h"
 #include "KTAnalytics/Platform/KeyedArchive.h"
 
@@ -159,8 +160,13 @@ TEST(KeyedArchiveTests, BytesAreThoseOfTheTreeFormAtEveryWidth) {
                            -std::numeric_limits<double>::infinity()})},
         {"s", json::array({"", std::string(23, 'a'), std::string(24, 'b'), std::string(256, 'c'), std::string(70000, 'd')})},
         {"b", json::array({value::data({}), value::data(Bytes(300, 7)), value::date(Date(std::chrono::microseconds(-5)))})},
-        {"many", many}, {"list", list}, {std::string(40, 'K'), "a key longer than 23 bytes"}};
+        {"many", many}, {"list", list}, {std::string(40, 'K'), "a key longer than 23 bytes"},
+        {"tags", json::array({json::binary({1}, 23), json::binary({2}, 300), json::binary({3}, 70000),
+                              json::binary({4}, 5000000000ULL), json::binary(Bytes(24, 5))})}};
     for (const auto& [key, value] : extra) values[key] = value;
+    Bytes plain;
+    cbor::appendValue(plain, values);
+    EXPECT_EQ(plain, json::to_cbor(values));
 
     KeyedArchiver child("Child");
     child.encodeString("inner", "label");

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "KTAnalytics/AnalyticsProvider/APEvent.h"
+#include "KTAnalytics/Platform/CBORWriting.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsRecording.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayEventTransforming.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventGatewayUploading.h"
@@ -73,7 +74,8 @@ std::shared_ptr<const EventNameSet> APEventGatewayAnalyticsProvider::trackedEven
 
 void APEventGatewayAnalyticsProvider::tagEvent(const std::shared_ptr<const APEventDescripting>& event) {
     const std::size_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (pending <= kCompactAbove) {
+    // While compact events wait, every later one joins them, so none overtakes another.
+    if (pending <= kCompactAbove && backlog_.idle()) {
         if (pending > peakPending_.load(std::memory_order_relaxed))
             peakPending_.store(pending, std::memory_order_relaxed);
         queue_->async([weak = weak_from_this(), event] {
@@ -91,7 +93,21 @@ namespace {
 // A thread's encoding buffer is kept for its next event, unless a large one grew it.
 constexpr std::size_t kKeptBufferBytes = 64 * 1024;
 using NameLength = std::uint32_t;
+// A record of this name length is no event: it asks for the flush that was asked for
+// while events waited in the backlog, so that it comes after them.
+constexpr NameLength kFlushMarker = UINT32_MAX;
 }  // namespace
+
+void APEventGatewayAnalyticsProvider::pushRecord(const std::vector<std::uint8_t>& record, bool& kept) {
+    bool startReader = false;
+    kept = backlog_.push(record, startReader);
+    // One reader takes the records up, a task per record, so that other work on the queue
+    // (an answer, a timer) still comes between them; a caller adds a task only to start it.
+    if (startReader)
+        queue_->async([weak = weak_from_this()] {
+            if (auto self = weak.lock()) self->takeUpCompact();
+        });
+}
 
 void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, const AttributeDictionary* attributes) {
     const auto refuse = [&](APEventDropReason reason) {
@@ -108,22 +124,24 @@ void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, c
     record.resize(sizeof length);
     std::memcpy(record.data(), &length, sizeof length);
     record.insert(record.end(), name.begin(), name.end());
-    if (attributes) AttributeValue::to_cbor(*attributes, record);
-    const bool kept = backlog_.push(record);
+    if (attributes) cbor::appendValue(record, *attributes);
+    bool kept = false;
+    pushRecord(record, kept);
     if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
     if (!kept) return refuse(APEventDropReason::backlogFull);
     const std::size_t pending = pending_.load(std::memory_order_relaxed);
     if (pending > peakPending_.load(std::memory_order_relaxed)) peakPending_.store(pending, std::memory_order_relaxed);
-    queue_->async([weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->takeUpCompact();
-    });
 }
 
 void APEventGatewayAnalyticsProvider::takeUpCompact() {
-    pending_.fetch_sub(1, std::memory_order_relaxed);
-    if (!backlog_.pop(takenUp_)) return;  // one record per task: never
+    if (!backlog_.pop(takenUp_)) return;  // the reader ends; the next record starts another
+    queue_->async([weak = weak_from_this()] {
+        if (auto self = weak.lock()) self->takeUpCompact();
+    });
     NameLength length;
     std::memcpy(&length, takenUp_.data(), sizeof length);
+    if (length == kFlushMarker) return uploader_->flush();
+    pending_.fetch_sub(1, std::memory_order_relaxed);
     const auto nameAt = takenUp_.begin() + sizeof length, attributesAt = nameAt + length;
     std::optional<AttributeDictionary> attributes;
     // Dates and data travel as tagged byte strings and come back as what they were.
@@ -152,6 +170,14 @@ void APEventGatewayAnalyticsProvider::transformAndUpload(const APEventDescriptin
     uploader_->uploadEvent(transformed);
 }
 
-void APEventGatewayAnalyticsProvider::flush() { uploader_->flush(); }
+void APEventGatewayAnalyticsProvider::flush() {
+    if (!backlog_.idle()) {
+        const std::vector<std::uint8_t> marker(sizeof kFlushMarker, 0xff);
+        bool kept = false;
+        pushRecord(marker, kept);
+        if (kept) return;
+    }
+    uploader_->flush();
+}
 
 }  // namespace kt

@@ -6,7 +6,7 @@
 //
 // A burst can outrun the disk by far: tagging costs a fraction of a microsecond, storing a
 // file a hundred or more. Past `kCompactAbove` events waiting for the queue, each further
-// event is handed over as its compact binary encoding (a few hundred bytes instead of a few
+// event (and every one after it until the backlog is empty, to keep their order) is handed over as its compact binary encoding (a few hundred bytes instead of a few
 // kilobytes of decoded dictionary), packed into a `CompactBacklog` that holds at most
 // `kMaximumBacklogBytes`: an event that does not fit is dropped on the caller's thread and
 // counted as `backlogFull` ("backlog_full"). The caller never waits for the queue.
@@ -38,14 +38,14 @@ public:
     static constexpr std::size_t kCompactAbove = 1000;
     /// The compact events waiting for the queue hold at most this many bytes together (each
     /// counted as its record plus `kCompactEventOverhead`). An ordinary event of twelve
-    /// attributes takes about 310 bytes, so a 100,000-event burst (about 29 MiB at its peak)
+    /// attributes takes about 250 bytes, so a 100,000-event burst (about 24 MiB at its peak)
     /// fits whole, and at the bound the process stays under 64 MiB however long the burst.
     /// A longer line would only grow what a kill loses: the disk stores a few thousand events
     /// a second.
     static constexpr std::size_t kMaximumBacklogBytes = 32 * 1024 * 1024;
-    /// What one compact event costs beyond its record: its task in the queue (the slot and
-    /// the captured reference).
-    static constexpr std::size_t kCompactEventOverhead = 64;
+    /// What one compact event costs beyond its record: nothing, since the events waiting
+    /// share one task in the queue.
+    static constexpr std::size_t kCompactEventOverhead = 0;
 
     /// The queue must be the uploader's queue: the uploader's `uploadEvent` runs there.
     static std::shared_ptr<APEventGatewayAnalyticsProvider> make(
@@ -74,6 +74,7 @@ public:
 
 private:
     void handOverCompact(const std::string& name, const AttributeDictionary* attributes);
+    void pushRecord(const std::vector<std::uint8_t>& record, bool& kept);
     void takeUpCompact();
     void process(const APEventDescripting& event);
     void transformAndUpload(const APEventDescripting& event);
@@ -81,7 +82,8 @@ private:
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> peakPending_{0};
     // The compact events, as records: the name's length, the name, the attributes' CBOR
-    // (nothing for null attributes). One queued task takes up one record.
+    // (nothing for null attributes), or a flush asked for while they waited. One reader on
+    // the queue takes them up, a task per record, started by the record that finds none.
     CompactBacklog backlog_{kMaximumBacklogBytes, kCompactEventOverhead};
     std::vector<std::uint8_t> takenUp_;  // queue only
 

@@ -15,6 +15,7 @@
 #include "KTAnalytics/KTFoundation/KTEnvironment.h"
 #include "KTAnalytics/KTFoundation/LogMacros.h"
 #include "KTAnalytics/Platform/Backoff.h"
+#include "KTAnalytics/Platform/CBORWriting.h"
 #include "KTAnalytics/Platform/CompactBacklog.h"
 #include "KTAnalytics/Platform/JSONSerialization.h"
 #include "KTAnalytics/Platform/SerialQueue.h"
@@ -721,7 +722,7 @@ struct CallRecord {
 private:
     static void append(std::vector<std::uint8_t>& out, const std::optional<AttributeValue>& value) {
         out.push_back(value ? 1 : 0);
-        if (value) AttributeValue::to_cbor(*value, out);
+        if (value) cbor::appendValue(out, *value);
     }
     std::optional<AttributeValue> decode(std::size_t from, std::size_t to) const {
         if (bytes[from] == 0) return std::nullopt;

@@ -157,6 +157,12 @@ void ThreadSerialQueue::async(Task task) { submit(std::move(task), false); }
 
 void ThreadSerialQueue::asyncUrgent(Task task) { submit(std::move(task), true); }
 
+bool ThreadSerialQueue::accepting() const {
+    WorkerCore& core = *state_->core;
+    std::lock_guard lock(core.mutex);
+    return !core.stopping;
+}
+
 void ThreadSerialQueue::submit(Task task, bool urgent) {
     if (!task)
         return;

@@ -25,6 +25,9 @@ public:
     /// this way (those run in their own order). For work that must not wait behind a long
     /// backlog, such as handling the answers to requests. By default the same as `async`.
     virtual void asyncUrgent(Task task) { async(std::move(task)); }
+    /// False once the queue takes no more tasks: it is shutting down and only finishes the
+    /// ones it has.
+    virtual bool accepting() const { return true; }
 };
 
 /// A queue backed by one worker thread. Destruction runs the tasks already submitted
@@ -37,6 +40,7 @@ public:
     void async(Task task) override;
     void asyncAfter(std::chrono::nanoseconds delay, Task task) override;
     void asyncUrgent(Task task) override;
+    bool accepting() const override;
 
     /// Blocks until every task submitted before the call (and due by then) has run, or the
     /// time-out passes. Returns false on time-out. Never call it from the queue itself.

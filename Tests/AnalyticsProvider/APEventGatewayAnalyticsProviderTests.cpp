@@ -1,5 +1,8 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/APEventGatewayAnalyticsProvider.h"
 
+#include <functional>
+#include <future>
+#include <thread>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -96,6 +99,7 @@ struct ForeignEvent final : APEventDescripting {
 struct ScriptedTransformer final : APEventGatewayEventTransforming {
     enum class Mode { transform, nothing, foreign };
     std::shared_ptr<const APEventDescripting> transform(const APEventDescripting& event) const override {
+        if (onTransform) onTransform(event);
         if (mode == Mode::nothing) return nullptr;
         if (mode == Mode::foreign) return std::make_shared<ForeignEvent>();
         AttributeDictionary attributes = event.attributes() ? *event.attributes() : value::dictionary();
@@ -103,6 +107,7 @@ struct ScriptedTransformer final : APEventGatewayEventTransforming {
         return APEvent::make(event.name(), attributes);
     }
     Mode mode = Mode::transform;
+    std::function<void(const APEventDescripting&)> onTransform;
 };
 
 class APEventGatewayAnalyticsProviderTests : public ::testing::Test {
@@ -152,8 +157,8 @@ TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheT
 }
 
 // Past the compaction threshold events travel encoded; what reaches the uploader must be
-// the same events, dates included, in tag order, and a flush asked for meanwhile comes
-// after the events tagged before it, even once few enough wait to travel whole again.
+// the same events, dates included, in tag order: also those tagged while the encoded ones
+// are taken up, whether few or many wait by then, and before work queued after them.
 TEST_F(APEventGatewayAnalyticsProviderTests, ABurstBeyondTheThresholdArrivesWholeAndInOrder) {
     const Date when = std::chrono::system_clock::time_point(std::chrono::milliseconds(1700000000123));
     const auto attributes = [&](std::size_t i) {
@@ -162,24 +167,43 @@ TEST_F(APEventGatewayAnalyticsProviderTests, ABurstBeyondTheThresholdArrivesWhol
     const std::size_t count = APEventGatewayAnalyticsProvider::kCompactAbove + 5;
     for (std::size_t i = 0; i < count; ++i) provider->tagEvent(APEvent::make("like", attributes(i)));
     EXPECT_EQ(provider->pendingEvents(), count);
-    // Runs once the whole events and the first compact one are taken up.
-    queue->async([&] {
-        EXPECT_EQ(provider->pendingEvents(), 4u);
-        provider->flush();
-        provider->tagEvent(APEvent::make("share", attributes(count)));
-    });
+    // While the first encoded event is taken up, four wait: a tag now must not pass them,
+    // nor may the encoded ones that follow pass it.
+    transformer->onTransform = [&](const APEventDescripting& event) {
+        if (event.name() != "like" || (*event.attributes())["n"] != count - 5) return;
+        for (std::size_t i = 0; i <= count; ++i) provider->tagEvent(APEvent::make("share", attributes(count + i)));
+        queue->async([&] { journal.push_back("queued after them"); });
+    };
     queue->runUntilIdle();
     EXPECT_EQ(provider->pendingEvents(), 0u);
-    EXPECT_EQ(provider->peakPendingEvents(), count);
+    EXPECT_EQ(provider->peakPendingEvents(), 4 + (count + 1));  // the four waiting, then the tags
     Journal expectedJournal(count, "upload like");
-    expectedJournal.insert(expectedJournal.end(), {"flush", "upload share"});
+    expectedJournal.insert(expectedJournal.end(), count + 1, "upload share");
+    expectedJournal.push_back("queued after them");
     EXPECT_EQ(journal, expectedJournal);
-    ASSERT_EQ(uploader->uploaded.size(), count + 1);
-    for (std::size_t i = 0; i <= count; ++i) {
+    ASSERT_EQ(uploader->uploaded.size(), 2 * count + 1);
+    for (std::size_t i = 0; i <= 2 * count; ++i) {
         auto expected = attributes(i);
         expected["transformed"] = true;
         ASSERT_EQ(*uploader->uploaded[i]->attributes(), expected) << i;
     }
+}
+
+// A queue shutting down runs the tasks it has but takes no new ones: the encoded events
+// still waiting are taken up all the same.
+TEST_F(APEventGatewayAnalyticsProviderTests, EncodedEventsWaitingAtShutdownAreAllTakenUp) {
+    auto worker = std::make_shared<ThreadSerialQueue>("test.provider");
+    auto threaded = APEventGatewayAnalyticsProvider::make(uploader, transformer, recorder, worker);
+    std::promise<void> release;
+    worker->async([opened = release.get_future().share()] { opened.wait(); });
+    const std::size_t count = APEventGatewayAnalyticsProvider::kCompactAbove + 5;
+    for (std::size_t i = 0; i < count; ++i) threaded->tagEvent(event("like"));
+    std::thread stopper([&] { worker->shutdown(); });
+    while (worker->accepting()) std::this_thread::yield();
+    release.set_value();
+    stopper.join();
+    EXPECT_EQ(uploader->uploaded.size(), count);
+    EXPECT_EQ(threaded->pendingEvents(), 0u);
 }
 
 TEST_F(APEventGatewayAnalyticsProviderTests, WhatIsNotTurnedIntoAGatewayEventOrIsLeftAtReleaseGoesNowhere) {

@@ -93,21 +93,7 @@ namespace {
 // A thread's encoding buffer is kept for its next event, unless a large one grew it.
 constexpr std::size_t kKeptBufferBytes = 64 * 1024;
 using NameLength = std::uint32_t;
-// A record of this name length is no event: it asks for the flush that was asked for
-// while events waited in the backlog, so that it comes after them.
-constexpr NameLength kFlushMarker = UINT32_MAX;
 }  // namespace
-
-void APEventGatewayAnalyticsProvider::pushRecord(const std::vector<std::uint8_t>& record, bool& kept) {
-    bool startReader = false;
-    kept = backlog_.push(record, startReader);
-    // One reader takes the records up, a task per record, so that other work on the queue
-    // (an answer, a timer) still comes between them; a caller adds a task only to start it.
-    if (startReader)
-        queue_->async([weak = weak_from_this()] {
-            if (auto self = weak.lock()) self->takeUpCompact();
-        });
-}
 
 void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, const AttributeDictionary* attributes) {
     const auto refuse = [&](APEventDropReason reason) {
@@ -125,8 +111,14 @@ void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, c
     std::memcpy(record.data(), &length, sizeof length);
     record.insert(record.end(), name.begin(), name.end());
     if (attributes) cbor::appendValue(record, *attributes);
-    bool kept = false;
-    pushRecord(record, kept);
+    bool startReader = false;
+    const bool kept = backlog_.push(record, startReader);
+    // One reader takes the records up; a caller adds a task only to start it, behind the
+    // events handed over whole before.
+    if (startReader)
+        queue_->async([weak = weak_from_this()] {
+            if (auto self = weak.lock()) self->takeUpCompact();
+        });
     if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
     if (!kept) return refuse(APEventDropReason::backlogFull);
     const std::size_t pending = pending_.load(std::memory_order_relaxed);
@@ -134,22 +126,31 @@ void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, c
 }
 
 void APEventGatewayAnalyticsProvider::takeUpCompact() {
-    if (!backlog_.pop(takenUp_)) return;  // the reader ends; the next record starts another
-    queue_->async([weak = weak_from_this()] {
-        if (auto self = weak.lock()) self->takeUpCompact();
-    });
-    NameLength length;
-    std::memcpy(&length, takenUp_.data(), sizeof length);
-    if (length == kFlushMarker) return uploader_->flush();
+    // One record per task, the next in an urgent one: answers to requests still come between
+    // records, while what waits in the ordinary line (a flush, a timer, a drain) comes after
+    // every event tagged before it, as when each event had its own task. A queue shutting
+    // down takes no more tasks, so then the rest is taken up here.
+    do {
+        if (!backlog_.pop(takenUp_)) return;  // the reader ends; the next record starts another
+        queue_->asyncUrgent([weak = weak_from_this()] {
+            if (auto self = weak.lock()) self->takeUpCompact();
+        });
+        takeUp(takenUp_);
+    } while (!queue_->accepting());
+}
+
+void APEventGatewayAnalyticsProvider::takeUp(std::vector<std::uint8_t>& record) {
     pending_.fetch_sub(1, std::memory_order_relaxed);
-    const auto nameAt = takenUp_.begin() + sizeof length, attributesAt = nameAt + length;
+    NameLength length;
+    std::memcpy(&length, record.data(), sizeof length);
+    const auto nameAt = record.begin() + sizeof length, attributesAt = nameAt + length;
     std::optional<AttributeDictionary> attributes;
     // Dates and data travel as tagged byte strings and come back as what they were.
-    if (attributesAt != takenUp_.end())
-        attributes = AttributeValue::from_cbor(attributesAt, takenUp_.end(), true, true,
+    if (attributesAt != record.end())
+        attributes = AttributeValue::from_cbor(attributesAt, record.end(), true, true,
                                                AttributeValue::cbor_tag_handler_t::store);
     auto event = APEvent::make(std::string(nameAt, attributesAt), std::move(attributes));
-    if (takenUp_.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(takenUp_);
+    if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
     transformAndUpload(*event);
 }
 
@@ -170,14 +171,6 @@ void APEventGatewayAnalyticsProvider::transformAndUpload(const APEventDescriptin
     uploader_->uploadEvent(transformed);
 }
 
-void APEventGatewayAnalyticsProvider::flush() {
-    if (!backlog_.idle()) {
-        const std::vector<std::uint8_t> marker(sizeof kFlushMarker, 0xff);
-        bool kept = false;
-        pushRecord(marker, kept);
-        if (kept) return;
-    }
-    uploader_->flush();
-}
+void APEventGatewayAnalyticsProvider::flush() { uploader_->flush(); }
 
 }  // namespace kt

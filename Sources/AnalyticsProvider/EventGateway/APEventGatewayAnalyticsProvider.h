@@ -74,16 +74,16 @@ public:
 
 private:
     void handOverCompact(const std::string& name, const AttributeDictionary* attributes);
-    void pushRecord(const std::vector<std::uint8_t>& record, bool& kept);
     void takeUpCompact();
+    void takeUp(std::vector<std::uint8_t>& record);
     void process(const APEventDescripting& event);
     void transformAndUpload(const APEventDescripting& event);
 
     std::atomic<std::size_t> pending_{0};
     std::atomic<std::size_t> peakPending_{0};
     // The compact events, as records: the name's length, the name, the attributes' CBOR
-    // (nothing for null attributes), or a flush asked for while they waited. One reader on
-    // the queue takes them up, a task per record, started by the record that finds none.
+    // (nothing for null attributes). One reader on the queue takes them up, a task per
+    // record, started by the record that finds none under way.
     CompactBacklog backlog_{kMaximumBacklogBytes, kCompactEventOverhead};
     std::vector<std::uint8_t> takenUp_;  // queue only
 

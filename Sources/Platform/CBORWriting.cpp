@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace kt::cbor {
@@ -9,30 +10,29 @@ namespace kt::cbor {
 namespace {
 
 void appendBigEndian(Bytes& out, std::uint64_t value, int bytes) {
-    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+    std::uint8_t buffer[8];
+    for (int i = 0; i < bytes; ++i) buffer[i] = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
+    out.insert(out.end(), buffer, buffer + bytes);
 }
 
 }  // namespace
 
 void appendHead(Bytes& out, std::uint8_t major, std::uint64_t n) {
-    if (n <= 0x17) {
-        out.push_back(static_cast<std::uint8_t>(major | n));
-    } else if (n <= 0xff) {
-        out.push_back(major | 24);
-        appendBigEndian(out, n, 1);
-    } else if (n <= 0xffff) {
-        out.push_back(major | 25);
-        appendBigEndian(out, n, 2);
-    } else if (n <= 0xffffffff) {
-        out.push_back(major | 26);
-        appendBigEndian(out, n, 4);
-    } else {
-        out.push_back(major | 27);
-        appendBigEndian(out, n, 8);
-    }
+    if (n <= 0x17) return out.push_back(static_cast<std::uint8_t>(major | n));
+    const int width = n <= 0xff ? 1 : n <= 0xffff ? 2 : n <= 0xffffffff ? 4 : 8;
+    out.push_back(static_cast<std::uint8_t>(major | (width == 1 ? 24 : width == 2 ? 25 : width == 4 ? 26 : 27)));
+    appendBigEndian(out, n, width);
 }
 
 void appendText(Bytes& out, std::string_view text) {
+    // Most keys and values are short: head and bytes in one step.
+    if (text.size() <= 0x17) {
+        const std::size_t at = out.size();
+        out.resize(at + 1 + text.size());
+        out[at] = static_cast<std::uint8_t>(kTextString | text.size());
+        if (!text.empty()) std::memcpy(out.data() + at + 1, text.data(), text.size());
+        return;
+    }
     appendHead(out, kTextString, text.size());
     out.insert(out.end(), text.begin(), text.end());
 }
@@ -60,42 +60,143 @@ void appendFloat(Bytes& out, double d) {
     }
 }
 
-void appendValue(Bytes& out, const AttributeValue& v) {
+namespace {
+
+std::size_t headSize(std::uint64_t n) { return n <= 0x17 ? 1 : n <= 0xff ? 2 : n <= 0xffff ? 3 : n <= 0xffffffff ? 5 : 9; }
+
+int tagWidth(std::uint64_t subtype) { return subtype <= 0xff ? 1 : subtype <= 0xffff ? 2 : subtype <= 0xffffffff ? 4 : 8; }
+
+bool isSinglePrecision(double d) {
+    return d >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
+           d <= static_cast<double>(std::numeric_limits<float>::max()) && static_cast<double>(static_cast<float>(d)) == d;
+}
+
+// A value is measured first and then written into room made once: writing through a
+// pointer costs a fraction of growing the vector item by item.
+bool measure(const AttributeValue& v, std::size_t depth, std::size_t maximumDepth, std::size_t& size) {
     using T = AttributeValue::value_t;
     switch (v.type()) {
-        case T::string: return appendText(out, v.get_ref<const std::string&>());
-        case T::boolean: return out.push_back(v.get<bool>() ? 0xf5 : 0xf4);
-        case T::number_integer: return appendInteger(out, v.get<std::int64_t>());
-        case T::number_unsigned: return appendHead(out, kUnsigned, v.get<std::uint64_t>());
-        case T::number_float: return appendFloat(out, v.get<double>());
+        case T::string: {
+            const auto length = v.get_ptr<const std::string*>()->size();
+            size += headSize(length) + length;
+            return true;
+        }
+        case T::number_integer: {
+            const auto n = *v.get_ptr<const std::int64_t*>();
+            size += headSize(n >= 0 ? static_cast<std::uint64_t>(n) : static_cast<std::uint64_t>(-1 - n));
+            return true;
+        }
+        case T::number_unsigned: size += headSize(*v.get_ptr<const std::uint64_t*>()); return true;
+        case T::number_float: {
+            const double d = *v.get_ptr<const double*>();
+            size += !std::isfinite(d) ? 3 : isSinglePrecision(d) ? 5 : 9;
+            return true;
+        }
         case T::array:
-            appendHead(out, kArrayHead, v.size());
-            for (const auto& item : v) appendValue(out, item);
-            return;
+            if (depth == maximumDepth) return false;
+            size += headSize(v.size());
+            for (const auto& item : *v.get_ptr<const AttributeValue::array_t*>())
+                if (!measure(item, depth + 1, maximumDepth, size)) return false;
+            return true;
         case T::object:
-            appendHead(out, kMapHead, v.size());
-            for (auto it = v.begin(); it != v.end(); ++it) {
-                appendText(out, it.key());
-                appendValue(out, it.value());
+            if (depth == maximumDepth) return false;
+            size += headSize(v.size());
+            for (const auto& [key, item] : *v.get_ptr<const AttributeValue::object_t*>()) {
+                size += headSize(key.size()) + key.size();
+                if (!measure(item, depth + 1, maximumDepth, size)) return false;
             }
-            return;
+            return true;
+        case T::binary: {
+            const auto& binary = v.get_binary();
+            if (binary.has_subtype()) size += 1 + static_cast<std::size_t>(tagWidth(binary.subtype()));
+            size += headSize(binary.size()) + binary.size();
+            return true;
+        }
+        default: size += 1; return true;  // null, booleans
+    }
+}
+
+std::uint8_t* putBigEndian(std::uint8_t* at, std::uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) *at++ = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
+    return at;
+}
+
+std::uint8_t* putHead(std::uint8_t* at, std::uint8_t major, std::uint64_t n) {
+    if (n <= 0x17) {
+        *at = static_cast<std::uint8_t>(major | n);
+        return at + 1;
+    }
+    const int width = n <= 0xff ? 1 : n <= 0xffff ? 2 : n <= 0xffffffff ? 4 : 8;
+    *at++ = static_cast<std::uint8_t>(major | (width == 1 ? 24 : width == 2 ? 25 : width == 4 ? 26 : 27));
+    return putBigEndian(at, n, width);
+}
+
+std::uint8_t* putBytes(std::uint8_t* at, const void* data, std::size_t size) {
+    if (size != 0) std::memcpy(at, data, size);
+    return at + size;
+}
+
+std::uint8_t* put(std::uint8_t* at, const AttributeValue& v) {
+    using T = AttributeValue::value_t;
+    switch (v.type()) {
+        case T::string: {
+            const auto& text = *v.get_ptr<const std::string*>();
+            return putBytes(putHead(at, kTextString, text.size()), text.data(), text.size());
+        }
+        case T::boolean: *at = *v.get_ptr<const bool*>() ? 0xf5 : 0xf4; return at + 1;
+        case T::number_integer: {
+            const auto n = *v.get_ptr<const std::int64_t*>();
+            return n >= 0 ? putHead(at, kUnsigned, static_cast<std::uint64_t>(n))
+                          : putHead(at, kNegative, static_cast<std::uint64_t>(-1 - n));
+        }
+        case T::number_unsigned: return putHead(at, kUnsigned, *v.get_ptr<const std::uint64_t*>());
+        case T::number_float: {
+            const double d = *v.get_ptr<const double*>();
+            if (std::isnan(d)) return putBytes(at, "\xf9\x7e\x00", 3);
+            if (std::isinf(d)) return putBytes(at, d > 0 ? "\xf9\x7c\x00" : "\xf9\xfc\x00", 3);
+            if (isSinglePrecision(d)) {
+                *at = 0xfa;
+                return putBigEndian(at + 1, std::bit_cast<std::uint32_t>(static_cast<float>(d)), 4);
+            }
+            *at = 0xfb;
+            return putBigEndian(at + 1, std::bit_cast<std::uint64_t>(d), 8);
+        }
+        case T::array:
+            at = putHead(at, kArrayHead, v.size());
+            for (const auto& item : *v.get_ptr<const AttributeValue::array_t*>()) at = put(at, item);
+            return at;
+        case T::object:
+            at = putHead(at, kMapHead, v.size());
+            for (const auto& [key, item] : *v.get_ptr<const AttributeValue::object_t*>())
+                at = put(putBytes(putHead(at, kTextString, key.size()), key.data(), key.size()), item);
+            return at;
         case T::binary: {
             const auto& binary = v.get_binary();
             if (binary.has_subtype()) {
                 // nlohmann writes the tag's number at one byte at least, never in the head.
-                const std::uint64_t subtype = binary.subtype();
-                const int width = subtype <= 0xff ? 1 : subtype <= 0xffff ? 2 : subtype <= 0xffffffff ? 4 : 8;
-                out.push_back(static_cast<std::uint8_t>(width == 1 ? 0xd8 : width == 2 ? 0xd9 : width == 4 ? 0xda : 0xdb));
-                appendBigEndian(out, subtype, width);
+                const int width = tagWidth(binary.subtype());
+                *at = static_cast<std::uint8_t>(width == 1 ? 0xd8 : width == 2 ? 0xd9 : width == 4 ? 0xda : 0xdb);
+                at = putBigEndian(at + 1, binary.subtype(), width);
             }
-            appendHead(out, kByteString, binary.size());
-            out.insert(out.end(), binary.begin(), binary.end());
-            return;
+            return putBytes(putHead(at, kByteString, binary.size()), binary.data(), binary.size());
         }
-        case T::null:
-        case T::discarded:
-        default: return out.push_back(0xf6);
+        default: *at = 0xf6; return at + 1;  // null
     }
+}
+
+}  // namespace
+
+void appendValue(Bytes& out, const AttributeValue& v) {
+    appendValue(out, v, static_cast<std::size_t>(-1));
+}
+
+bool appendValue(Bytes& out, const AttributeValue& v, std::size_t maximumDepth) {
+    std::size_t size = 0;
+    if (!measure(v, 0, maximumDepth, size)) return false;
+    const std::size_t at = out.size();
+    out.resize(at + size);
+    put(out.data() + at, v);
+    return true;
 }
 
 }  // namespace kt::cbor

@@ -5,6 +5,7 @@
 // writer goes through a virtual call per byte and a shared output adapter per value, which
 // made encoding most of what tagging an event cost on the caller's thread.
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -21,5 +22,9 @@ void appendInteger(Bytes& out, std::int64_t n);
 void appendFloat(Bytes& out, double d);
 /// Appends `to_cbor(v)`. Recursive: call it after `value::nestsDeeperThan`.
 void appendValue(Bytes& out, const AttributeValue& v);
+/// The same, for a value that may nest arrays and dictionaries more than `maximumDepth`
+/// levels deep (as `value::nestsDeeperThan` counts them): such a value is refused on the
+/// way, with `out` left as it was, so the recursion never goes deeper than that.
+bool appendValue(Bytes& out, const AttributeValue& v, std::size_t maximumDepth);
 
 }  // namespace kt::cbor

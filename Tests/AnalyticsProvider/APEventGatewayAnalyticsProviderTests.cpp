@@ -140,8 +140,9 @@ TEST_F(APEventGatewayAnalyticsProviderTests, RecordsThenUploadsInTagOrder) {
     EXPECT_EQ(journal, (Journal{"upload like", "upload pageview", "flush", "record share", "upload share"}));
 }
 
-// A value nested far beyond the limit would overflow the stack in the transformer's copy;
-// it is counted as dropped before anything walks it recursively.
+// A value nested far beyond the limit would overflow the stack in the transformer's copy
+// or the compact encoder; it is counted as dropped before anything recurses into it,
+// whichever way it travels.
 TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheTransformer) {
     AttributeValue deep = AttributeValue::array();
     for (int i = 0; i < 100000; ++i) {
@@ -149,11 +150,18 @@ TEST_F(APEventGatewayAnalyticsProviderTests, HostileNestingIsDiscardedBeforeTheT
         outer.push_back(std::move(deep));
         deep = std::move(outer);
     }
+    const auto hostile = APEvent::make("like", AttributeDictionary{{"deep", std::move(deep)}});
     recorder->isRecording = true;
-    provider->tagEvent(APEvent::make("like", AttributeDictionary{{"deep", std::move(deep)}}));
+    provider->tagEvent(hostile);
     provider->tagEvent(event("pageview"));
     queue->runUntilIdle();
     EXPECT_EQ(journal, (Journal{"discard like too_deeply_nested", "record pageview", "upload pageview"}));
+    journal.clear();
+    recorder->isRecording = false;
+    for (std::size_t i = 0; i < APEventGatewayAnalyticsProvider::kCompactAbove; ++i) provider->tagEvent(event("share"));
+    provider->tagEvent(hostile);
+    EXPECT_EQ(journal, (Journal{"discard before the queue too_deeply_nested"}));
+    EXPECT_EQ(provider->pendingEvents(), APEventGatewayAnalyticsProvider::kCompactAbove);
 }
 
 // Past the compaction threshold events travel encoded; what reaches the uploader must be

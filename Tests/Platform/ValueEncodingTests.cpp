@@ -164,9 +164,13 @@ TEST(KeyedArchiveTests, BytesAreThoseOfTheTreeFormAtEveryWidth) {
         {"tags", json::array({json::binary({1}, 23), json::binary({2}, 300), json::binary({3}, 70000),
                               json::binary({4}, 5000000000ULL), json::binary(Bytes(24, 5))})}};
     for (const auto& [key, value] : extra) values[key] = value;
-    Bytes plain;
+    Bytes plain{0x01};
     cbor::appendValue(plain, values);
-    EXPECT_EQ(plain, json::to_cbor(values));
+    EXPECT_EQ(plain, [&] {
+        Bytes expected{0x01};
+        json::to_cbor(values, expected);
+        return expected;
+    }());
 
     KeyedArchiver child("Child");
     child.encodeString("inner", "label");
@@ -180,6 +184,29 @@ TEST(KeyedArchiveTests, BytesAreThoseOfTheTreeFormAtEveryWidth) {
     fields["_child"] = json::array({"Child", json{{"label", tree("inner")}}});
     const json expected = {{"$archiver", "KTKeyedArchiver"}, {"$version", 1}, {"$top", json::array({"Record", fields})}};
     EXPECT_EQ(root.finish(), json::to_cbor(expected));
+}
+
+// The bounded writer refuses exactly what the depth check refuses, leaving the buffer as
+// it was, and never recurses into a hostile depth.
+TEST(CBORWritingTests, ABoundedValueIsRefusedAtTheDepthTheCheckRefuses) {
+    const auto nested = [](std::size_t depth, bool arrays) {
+        json v = 1;
+        for (std::size_t i = 0; i < depth; ++i) v = arrays ? json::array({std::move(v)}) : json{{"k", std::move(v)}};
+        return v;
+    };
+    for (const std::size_t depth : {0, 1, 255, 256, 257, 5000})
+        for (const bool arrays : {true, false}) {
+            SCOPED_TRACE(std::to_string(depth) + (arrays ? " arrays" : " dictionaries"));
+            const json v = nested(depth, arrays);
+            Bytes out{0x01};
+            const bool written = cbor::appendValue(out, v, 256);
+            EXPECT_EQ(written, !value::nestsDeeperThan(v, 256));
+            if (written) {
+                EXPECT_EQ(Bytes(out.begin() + 1, out.end()), json::to_cbor(v));
+            } else {
+                EXPECT_EQ(out, Bytes{0x01});
+            }
+        }
 }
 
 // Never an exception or a crash.

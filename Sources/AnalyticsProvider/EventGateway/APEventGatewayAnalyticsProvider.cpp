@@ -102,15 +102,14 @@ void APEventGatewayAnalyticsProvider::handOverCompact(const std::string& name, c
     };
     // A full backlog refuses before the encoding is paid for.
     if (!backlog_.wouldFit(sizeof(NameLength) + name.size())) return refuse(APEventDropReason::backlogFull);
-    // The encoder recurses: a hostile depth is refused before anything walks it.
-    if (attributes && value::nestsDeeperThan(*attributes, APEventSerializer::kMaximumAttributeDepth))
-        return refuse(APEventDropReason::tooDeeplyNested);
     thread_local std::vector<std::uint8_t> record;
     const auto length = static_cast<NameLength>(name.size());
     record.resize(sizeof length);
     std::memcpy(record.data(), &length, sizeof length);
     record.insert(record.end(), name.begin(), name.end());
-    if (attributes) cbor::appendValue(record, *attributes);
+    // The encoder stops at a hostile depth before it recurses that deep.
+    if (attributes && !cbor::appendValue(record, *attributes, APEventSerializer::kMaximumAttributeDepth))
+        return refuse(APEventDropReason::tooDeeplyNested);
     bool startReader = false;
     const bool kept = backlog_.push(record, startReader);
     // One reader takes the records up; a caller adds a task only to start it, behind the

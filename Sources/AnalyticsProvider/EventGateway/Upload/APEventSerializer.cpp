@@ -1,6 +1,7 @@
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 
 #include <atomic>
+#include <cstdint>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -118,10 +119,10 @@ APEventSerializer::APEventSerializer(fs::path cacheDirectory, std::shared_ptr<KT
     KT_PARAMETER_ASSERT_TEXT(fileAttributes_ != nullptr, "fileManager");
     KT_PARAMETER_ASSERT_TEXT(folder_ != nullptr, "fileManager");
     KT_PARAMETER_ASSERT_TEXT(!cacheDirectory_.empty(), "cacheDirectory");
-    // ".spare.<process>.<store>.<n>": two stores of one process never take each other's.
-    static std::atomic<std::uint64_t> stores{0};
+    // ".spare.<process>.<store>.<n>", the store named by its address: two stores alive in one
+    // process never take each other's, and a store's own go with it.
     sparePrefix_ = (cacheDirectory_ / (kSparePrefix + std::to_string(::getpid()) + "." +
-                                       std::to_string(stores.fetch_add(1, std::memory_order_relaxed)) + "."))
+                                       std::to_string(reinterpret_cast<std::uintptr_t>(this)) + "."))
                        .native();
     // Asking the folder itself tells whether this file system keeps user attributes at all,
     // before any event needs its count (and before a restart deletes an event whose count

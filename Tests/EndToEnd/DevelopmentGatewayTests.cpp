@@ -468,6 +468,11 @@ TEST_F(DevelopmentGatewayTests, anUploadWhoseBodyWouldPassTheHeldBodyBudgetIs503
     // 63,000 bytes held by an upload still arriving; the next one, some 4.8 KB of gzip, does not fit.
     const int held = stalledConnection(gateway->port(), "POST /v1/events HTTP/1.1\r\nHost: x\r\nContent-Length: 63001"
                                                         "\r\n\r\n" + std::string(63000, 'x'));
+    // An upload read while the held bytes are still arriving would take budget from them and
+    // have the held one refused instead: the probes start once its handler reads them.
+    for (int i = 0; i < 3000 && getJSON(*gateway, "/stats")["requests"] == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     std::mt19937 random(1);
     std::string text;
     for (int i = 0; i < 8000; ++i) text += static_cast<char>('a' + random() % 26);
@@ -475,7 +480,8 @@ TEST_F(DevelopmentGatewayTests, anUploadWhoseBodyWouldPassTheHeldBodyBudgetIs503
     ASSERT_GT(body.size(), (64u << 10) - 63000);
     // Until the gateway has read the held bytes, the upload may still fit.
     auto refused = upload(*gateway, body);
-    for (int i = 0; i < 100 && status(refused) == 200; ++i) {
+    for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         status(refused) == 200 && std::chrono::steady_clock::now() < deadline;) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         refused = upload(*gateway, body);
     }

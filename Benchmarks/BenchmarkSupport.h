@@ -4,17 +4,21 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "KTAnalytics/AnalyticsProvider/APEvent.h"
 #include "KTAnalytics/AnalyticsProvider/EventGateway/Upload/APEventSerializer.h"
 #include "KTAnalytics/Setup/AnalyticsStack.h"
 
@@ -52,6 +56,41 @@ inline long maxResidentKilobytes() {
     rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
+}
+
+/// What is resident now, in KiB.
+inline long residentKilobytes() {
+    long pages = 0, resident = 0;
+    std::ifstream statm("/proc/self/statm");
+    statm >> pages >> resident;
+    return resident * (::sysconf(_SC_PAGESIZE) / 1024);
+}
+
+/// The i-th of a stream of ordinary events: about twelve attributes, as the application's
+/// events carry, under the gateway's names in turn.
+inline std::shared_ptr<const APEvent> ordinaryEvent(std::size_t i) {
+    static const char* names[] = {"pageview", "audio", "like", "impression", "click", "search", "share", "repost"};
+    return APEvent::make(names[i % 8], AttributeDictionary{{"page_name", "stream:main"},
+                                                           {"track_urn", "quillarbor:tracks:" + std::to_string(i)},
+                                                           {"position", i % 50},
+                                                           {"source", "stream"},
+                                                           {"query_urn", "quillarbor:queries:" + std::to_string(i * 7)},
+                                                           {"trigger", "manual"},
+                                                           {"policy", "ALLOW"},
+                                                           {"player_type", "default"},
+                                                           {"consumer_subs_plan", "none"},
+                                                           {"protocol", "hls"},
+                                                           {"duration", 123456 + i},
+                                                           {"in_foreground", true}});
+}
+
+/// Reports single calls' times (sorted here) as `<name>_median_ns` and `<name>_p99_ns`.
+template <class Number>
+void reportCallTimes(benchmark::State& state, std::vector<Number>& nanoseconds, const std::string& name) {
+    if (nanoseconds.empty()) return;
+    std::sort(nanoseconds.begin(), nanoseconds.end());
+    state.counters[name + "_median_ns"] = static_cast<double>(nanoseconds[nanoseconds.size() / 2]);
+    state.counters[name + "_p99_ns"] = static_cast<double>(nanoseconds[nanoseconds.size() * 99 / 100]);
 }
 
 /// Lowers the high-water mark to what is resident now; false where the kernel refuses.

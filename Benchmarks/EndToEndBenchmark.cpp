@@ -115,29 +115,6 @@ void mark(const char* name) {
     if (std::getenv("KTANALYTICS_BENCH_MARKS")) ::access((std::string("/ktanalytics-bench-mark/") + name).c_str(), F_OK);
 }
 
-double peakResidentMiB() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-// About twelve attributes, as the application's ordinary events carry.
-std::shared_ptr<const APEvent> ordinaryEvent(std::size_t i) {
-    static const char* names[] = {"pageview", "audio", "like", "impression", "click", "search", "share", "repost"};
-    return APEvent::make(names[i % 8], AttributeDictionary{{"page_name", "stream:main"},
-                                                           {"track_urn", "quillarbor:tracks:" + std::to_string(i)},
-                                                           {"position", i % 50},
-                                                           {"source", "stream"},
-                                                           {"query_urn", "quillarbor:queries:" + std::to_string(i * 7)},
-                                                           {"trigger", "manual"},
-                                                           {"policy", "ALLOW"},
-                                                           {"player_type", "default"},
-                                                           {"consumer_subs_plan", "none"},
-                                                           {"protocol", "hls"},
-                                                           {"duration", 123456 + i},
-                                                           {"in_foreground", true}});
-}
-
 // The floor: the same number of files, of the size of a stored event, through the bare
 // system calls the store makes.
 double floorSeconds(const std::filesystem::path& folder, std::size_t count, std::size_t size) {
@@ -282,7 +259,7 @@ int runOne(std::size_t count) {
                 count, "road", total, total / n * 1e6, cpu.user, cpu.system, (cpu.user + cpu.system) / n * 1e6,
                 perEvent(calls.valid(), roadCalls, count).c_str(), total / floor,
                 static_cast<unsigned long long>(stats.upload.batchesSent),
-                static_cast<double>(stats.upload.bytesGzipped) / n, peakResidentMiB(),
+                static_cast<double>(stats.upload.bytesGzipped) / n, static_cast<double>(maxResidentKilobytes()) / 1024.0,
                 static_cast<unsigned long long>(peakInMemory), tagging,
                 delivered && stats.upload.delivered == count ? "all delivered" : "INCOMPLETE");
     std::printf("%8zu  %-5s  %8.2f  %9.1f  %6.2f  %6.2f  %9.1f  %8s\n", count, "floor", floor, floor / n * 1e6,

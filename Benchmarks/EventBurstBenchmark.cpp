@@ -30,30 +30,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Resident memory now, in KiB.
-long residentKilobytes() {
-    long pages = 0, resident = 0;
-    std::ifstream statm("/proc/self/statm");
-    statm >> pages >> resident;
-    return resident * (::sysconf(_SC_PAGESIZE) / 1024);
-}
-
-std::shared_ptr<const APEvent> ordinaryEvent(std::size_t i) {
-    static const char* names[] = {"pageview", "audio", "like", "impression", "click", "search", "share", "repost"};
-    return APEvent::make(names[i % 8], AttributeDictionary{{"page_name", "stream:main"},
-                                                           {"track_urn", "quillarbor:tracks:" + std::to_string(i)},
-                                                           {"position", i % 50},
-                                                           {"source", "stream"},
-                                                           {"query_urn", "quillarbor:queries:" + std::to_string(i * 7)},
-                                                           {"trigger", "manual"},
-                                                           {"policy", "ALLOW"},
-                                                           {"player_type", "default"},
-                                                           {"consumer_subs_plan", "none"},
-                                                           {"protocol", "hls"},
-                                                           {"duration", 123456 + i},
-                                                           {"in_foreground", true}});
-}
-
 void BM_EventBurst(benchmark::State& state) {
     using Provider = APEventGatewayAnalyticsProvider;
     const auto count = static_cast<std::size_t>(state.range(0));
@@ -113,12 +89,8 @@ void BM_EventBurst(benchmark::State& state) {
                                     .c_str());
     }
 
-    std::sort(callNanoseconds.begin(), callNanoseconds.end());
     state.SetItemsProcessed(static_cast<std::int64_t>(count));
-    if (!callNanoseconds.empty()) {
-        state.counters["tag_median_ns"] = callNanoseconds[callNanoseconds.size() / 2];
-        state.counters["tag_p99_ns"] = callNanoseconds[callNanoseconds.size() * 99 / 100];
-    }
+    reportCallTimes(state, callNanoseconds, "tag");
 }
 
 BENCHMARK(BM_EventBurst)

@@ -9,67 +9,86 @@ namespace kt::cbor {
 
 namespace {
 
-void appendBigEndian(Bytes& out, std::uint64_t value, int bytes) {
-    std::uint8_t buffer[8];
-    for (int i = 0; i < bytes; ++i) buffer[i] = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
-    out.insert(out.end(), buffer, buffer + bytes);
+// Each writer below puts its bytes at `at` and answers where the next go; the vector forms
+// are built on them.
+
+std::uint8_t* putBigEndian(std::uint8_t* at, std::uint64_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) *at++ = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
+    return at;
 }
 
-}  // namespace
-
-void appendHead(Bytes& out, std::uint8_t major, std::uint64_t n) {
-    if (n <= 0x17) return out.push_back(static_cast<std::uint8_t>(major | n));
+std::uint8_t* putHead(std::uint8_t* at, std::uint8_t major, std::uint64_t n) {
+    if (n <= 0x17) {
+        *at = static_cast<std::uint8_t>(major | n);
+        return at + 1;
+    }
     const int width = n <= 0xff ? 1 : n <= 0xffff ? 2 : n <= 0xffffffff ? 4 : 8;
-    out.push_back(static_cast<std::uint8_t>(major | (width == 1 ? 24 : width == 2 ? 25 : width == 4 ? 26 : 27)));
-    appendBigEndian(out, n, width);
+    *at++ = static_cast<std::uint8_t>(major | (width == 1 ? 24 : width == 2 ? 25 : width == 4 ? 26 : 27));
+    return putBigEndian(at, n, width);
 }
-
-void appendText(Bytes& out, std::string_view text) {
-    // Most keys and values are short: head and bytes in one step.
-    if (text.size() <= 0x17) {
-        const std::size_t at = out.size();
-        out.resize(at + 1 + text.size());
-        out[at] = static_cast<std::uint8_t>(kTextString | text.size());
-        if (!text.empty()) std::memcpy(out.data() + at + 1, text.data(), text.size());
-        return;
-    }
-    appendHead(out, kTextString, text.size());
-    out.insert(out.end(), text.begin(), text.end());
-}
-
-void appendInteger(Bytes& out, std::int64_t n) {
-    if (n >= 0)
-        appendHead(out, kUnsigned, static_cast<std::uint64_t>(n));
-    else
-        appendHead(out, kNegative, static_cast<std::uint64_t>(-1 - n));
-}
-
-void appendFloat(Bytes& out, double d) {
-    if (std::isnan(d)) {
-        out.insert(out.end(), {0xf9, 0x7e, 0x00});
-    } else if (std::isinf(d)) {
-        out.insert(out.end(), {0xf9, static_cast<std::uint8_t>(d > 0 ? 0x7c : 0xfc), 0x00});
-    } else if (d >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
-               d <= static_cast<double>(std::numeric_limits<float>::max()) &&
-               static_cast<double>(static_cast<float>(d)) == d) {
-        out.push_back(0xfa);
-        appendBigEndian(out, std::bit_cast<std::uint32_t>(static_cast<float>(d)), 4);
-    } else {
-        out.push_back(0xfb);
-        appendBigEndian(out, std::bit_cast<std::uint64_t>(d), 8);
-    }
-}
-
-namespace {
-
-std::size_t headSize(std::uint64_t n) { return n <= 0x17 ? 1 : n <= 0xff ? 2 : n <= 0xffff ? 3 : n <= 0xffffffff ? 5 : 9; }
-
-int tagWidth(std::uint64_t subtype) { return subtype <= 0xff ? 1 : subtype <= 0xffff ? 2 : subtype <= 0xffffffff ? 4 : 8; }
 
 bool isSinglePrecision(double d) {
     return d >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
            d <= static_cast<double>(std::numeric_limits<float>::max()) && static_cast<double>(static_cast<float>(d)) == d;
 }
+
+std::uint8_t* putFloat(std::uint8_t* at, double d) {
+    if (!std::isfinite(d)) {
+        at[0] = 0xf9;
+        at[1] = std::isnan(d) ? 0x7e : d > 0 ? 0x7c : 0xfc;
+        at[2] = 0x00;
+        return at + 3;
+    }
+    if (isSinglePrecision(d)) {
+        *at = 0xfa;
+        return putBigEndian(at + 1, std::bit_cast<std::uint32_t>(static_cast<float>(d)), 4);
+    }
+    *at = 0xfb;
+    return putBigEndian(at + 1, std::bit_cast<std::uint64_t>(d), 8);
+}
+
+std::uint8_t* putBytes(std::uint8_t* at, const void* data, std::size_t size) {
+    if (size != 0) std::memcpy(at, data, size);
+    return at + size;
+}
+
+std::uint8_t* putText(std::uint8_t* at, std::string_view text) {
+    return putBytes(putHead(at, kTextString, text.size()), text.data(), text.size());
+}
+
+std::uint8_t* putInteger(std::uint8_t* at, std::int64_t n) {
+    return n >= 0 ? putHead(at, kUnsigned, static_cast<std::uint64_t>(n))
+                  : putHead(at, kNegative, static_cast<std::uint64_t>(-1 - n));
+}
+
+std::size_t headSize(std::uint64_t n) { return n <= 0x17 ? 1 : n <= 0xff ? 2 : n <= 0xffff ? 3 : n <= 0xffffffff ? 5 : 9; }
+
+int tagWidth(std::uint64_t subtype) { return subtype <= 0xff ? 1 : subtype <= 0xffff ? 2 : subtype <= 0xffffffff ? 4 : 8; }
+
+}  // namespace
+
+void appendHead(Bytes& out, std::uint8_t major, std::uint64_t n) {
+    std::uint8_t head[9];
+    out.insert(out.end(), head, putHead(head, major, n));
+}
+
+void appendText(Bytes& out, std::string_view text) {
+    const std::size_t at = out.size();
+    out.resize(at + headSize(text.size()) + text.size());
+    putText(out.data() + at, text);
+}
+
+void appendInteger(Bytes& out, std::int64_t n) {
+    std::uint8_t head[9];
+    out.insert(out.end(), head, putInteger(head, n));
+}
+
+void appendFloat(Bytes& out, double d) {
+    std::uint8_t bytes[9];
+    out.insert(out.end(), bytes, putFloat(bytes, d));
+}
+
+namespace {
 
 // A value is measured first and then written into room made once: writing through a
 // pointer costs a fraction of growing the vector item by item.
@@ -116,51 +135,14 @@ bool measure(const AttributeValue& v, std::size_t depth, std::size_t maximumDept
     }
 }
 
-std::uint8_t* putBigEndian(std::uint8_t* at, std::uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) *at++ = static_cast<std::uint8_t>(value >> (8 * (bytes - 1 - i)));
-    return at;
-}
-
-std::uint8_t* putHead(std::uint8_t* at, std::uint8_t major, std::uint64_t n) {
-    if (n <= 0x17) {
-        *at = static_cast<std::uint8_t>(major | n);
-        return at + 1;
-    }
-    const int width = n <= 0xff ? 1 : n <= 0xffff ? 2 : n <= 0xffffffff ? 4 : 8;
-    *at++ = static_cast<std::uint8_t>(major | (width == 1 ? 24 : width == 2 ? 25 : width == 4 ? 26 : 27));
-    return putBigEndian(at, n, width);
-}
-
-std::uint8_t* putBytes(std::uint8_t* at, const void* data, std::size_t size) {
-    if (size != 0) std::memcpy(at, data, size);
-    return at + size;
-}
-
 std::uint8_t* put(std::uint8_t* at, const AttributeValue& v) {
     using T = AttributeValue::value_t;
     switch (v.type()) {
-        case T::string: {
-            const auto& text = *v.get_ptr<const std::string*>();
-            return putBytes(putHead(at, kTextString, text.size()), text.data(), text.size());
-        }
+        case T::string: return putText(at, *v.get_ptr<const std::string*>());
         case T::boolean: *at = *v.get_ptr<const bool*>() ? 0xf5 : 0xf4; return at + 1;
-        case T::number_integer: {
-            const auto n = *v.get_ptr<const std::int64_t*>();
-            return n >= 0 ? putHead(at, kUnsigned, static_cast<std::uint64_t>(n))
-                          : putHead(at, kNegative, static_cast<std::uint64_t>(-1 - n));
-        }
+        case T::number_integer: return putInteger(at, *v.get_ptr<const std::int64_t*>());
         case T::number_unsigned: return putHead(at, kUnsigned, *v.get_ptr<const std::uint64_t*>());
-        case T::number_float: {
-            const double d = *v.get_ptr<const double*>();
-            if (std::isnan(d)) return putBytes(at, "\xf9\x7e\x00", 3);
-            if (std::isinf(d)) return putBytes(at, d > 0 ? "\xf9\x7c\x00" : "\xf9\xfc\x00", 3);
-            if (isSinglePrecision(d)) {
-                *at = 0xfa;
-                return putBigEndian(at + 1, std::bit_cast<std::uint32_t>(static_cast<float>(d)), 4);
-            }
-            *at = 0xfb;
-            return putBigEndian(at + 1, std::bit_cast<std::uint64_t>(d), 8);
-        }
+        case T::number_float: return putFloat(at, *v.get_ptr<const double*>());
         case T::array:
             at = putHead(at, kArrayHead, v.size());
             for (const auto& item : *v.get_ptr<const AttributeValue::array_t*>()) at = put(at, item);
@@ -168,7 +150,7 @@ std::uint8_t* put(std::uint8_t* at, const AttributeValue& v) {
         case T::object:
             at = putHead(at, kMapHead, v.size());
             for (const auto& [key, item] : *v.get_ptr<const AttributeValue::object_t*>())
-                at = put(putBytes(putHead(at, kTextString, key.size()), key.data(), key.size()), item);
+                at = put(putText(at, key), item);
             return at;
         case T::binary: {
             const auto& binary = v.get_binary();

@@ -15,11 +15,11 @@
 #include "KTAnalytics/KTFoundation/KTEnvironment.h"
 #include "KTAnalytics/KTFoundation/LogMacros.h"
 #include "KTAnalytics/Platform/Backoff.h"
-#include "KTAnalytics/Platform/CBORWriting.h"
 #include "KTAnalytics/Platform/CompactBacklog.h"
 #include "KTAnalytics/Platform/JSONSerialization.h"
 #include "KTAnalytics/Platform/SerialQueue.h"
 #include "KTAnalytics/Platform/UUID.h"
+#include "KTAnalytics/Segment/Client/Detail/SEGCallRecord.h"
 #include "KTAnalytics/Segment/Client/Detail/SEGMessageStore.h"
 #include "KTAnalytics/Segment/Client/Detail/SEGWireFormat.h"
 
@@ -678,64 +678,6 @@ SEGAnalytics::~SEGAnalytics() {
 }
 
 namespace {
-bool tooDeep(const std::optional<AttributeValue>& a, const std::optional<AttributeValue>& b) {
-    return (a && value::nestsDeeperThan(*a, SEGAnalytics::kMaximumNesting)) ||
-           (b && value::nestsDeeperThan(*b, SEGAnalytics::kMaximumNesting));
-}
-
-// A call as it waits for the worker, one record: a header (its kind, its time, where its
-// values and its options start), its name (the event or the user id), then its values and
-// its options as CBOR, each behind a byte that says whether it is there. An ordinary
-// tracking-plan call takes about 170 bytes this way instead of about 1.3 KB of trees.
-struct CallRecord {
-    struct Header {
-        std::uint8_t identify;
-        std::int64_t at;  // nanoseconds of the system clock
-        std::uint32_t valuesAt, optionsAt;
-    };
-
-    static void encode(std::vector<std::uint8_t>& out, bool identify, const std::string& name,
-                       const std::optional<AttributeValue>& values, const std::optional<AttributeValue>& options) {
-        using std::chrono::nanoseconds;
-        Header header{identify, std::chrono::duration_cast<nanoseconds>(Clock::now().time_since_epoch()).count(), 0, 0};
-        out.assign(sizeof header, 0);
-        out.insert(out.end(), name.begin(), name.end());
-        header.valuesAt = static_cast<std::uint32_t>(out.size());
-        append(out, values);
-        header.optionsAt = static_cast<std::uint32_t>(out.size());
-        append(out, options);
-        std::memcpy(out.data(), &header, sizeof header);
-    }
-
-    explicit CallRecord(const std::vector<std::uint8_t>& bytes) : bytes(bytes) {
-        std::memcpy(&header, bytes.data(), sizeof header);
-    }
-
-    bool identify() const { return header.identify != 0; }
-    Clock::time_point at() const {
-        return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(header.at)));
-    }
-    std::string name() const { return std::string(bytes.begin() + sizeof(Header), bytes.begin() + header.valuesAt); }
-    std::optional<AttributeValue> values() const { return decode(header.valuesAt, header.optionsAt); }
-    std::optional<AttributeValue> options() const { return decode(header.optionsAt, bytes.size()); }
-
-private:
-    static void append(std::vector<std::uint8_t>& out, const std::optional<AttributeValue>& value) {
-        out.push_back(value ? 1 : 0);
-        if (value) cbor::appendValue(out, *value);
-    }
-    std::optional<AttributeValue> decode(std::size_t from, std::size_t to) const {
-        if (bytes[from] == 0) return std::nullopt;
-        // Dates and data travel as tagged byte strings and come back as what they were.
-        return AttributeValue::from_cbor(bytes.begin() + static_cast<std::ptrdiff_t>(from) + 1,
-                                         bytes.begin() + static_cast<std::ptrdiff_t>(to), true, true,
-                                         AttributeValue::cbor_tag_handler_t::store);
-    }
-
-    const std::vector<std::uint8_t>& bytes;
-    Header header;
-};
-
 // A thread's encoding buffer is kept for its next call, unless a large one grew it.
 constexpr std::size_t kKeptBufferBytes = 64 * 1024;
 }  // namespace
@@ -743,24 +685,23 @@ constexpr std::size_t kKeptBufferBytes = 64 * 1024;
 void SEGAnalytics::handOver(bool identify, const std::string& name, const std::optional<AttributeValue>& values,
                             const std::optional<AttributeValue>& options) {
     Impl& impl = *impl_;
-    if (tooDeep(values, options)) {
+    thread_local std::vector<std::uint8_t> record;
+    // The encoder refuses a hostile depth before it recurses that deep.
+    const bool encoded = segment::CallRecord::encode(record, identify, name, values, options, kMaximumNesting);
+    const bool kept = encoded && impl.backlog.push(record);
+    if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
+    if (!encoded) {
         impl.refuse("too_deeply_nested");
         KT_LOG(impl.logger, 2, kFile, "-[SEGAnalytics enqueue:]", "message nested more than {} levels dropped",
                kMaximumNesting);
         return;
     }
-    // A full backlog refuses before the encoding is paid for.
-    if (!impl.backlog.wouldFit(sizeof(CallRecord::Header) + name.size())) return impl.refuse("backlog_full");
-    thread_local std::vector<std::uint8_t> record;
-    CallRecord::encode(record, identify, name, values, options);
-    const bool kept = impl.backlog.push(record);
-    if (record.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(record);
     if (!kept) return impl.refuse("backlog_full");
     // It counts as waiting until the worker has finished with it.
     impl.tracked.fetch_add(1, std::memory_order_relaxed);
     impl.worker->async([impl = impl_] {
         if (impl->backlog.pop(impl->takenUp)) {  // one record per task
-            const CallRecord call(impl->takenUp);
+            const segment::CallRecord call(impl->takenUp);
             if (call.identify())
                 impl->identify(call.name(), call.values(), call.options(), call.at());
             else
